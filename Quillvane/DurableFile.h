@@ -1,0 +1,18 @@
+#pragma once
+
+#include <filesystem>
+#include <string_view>
+#include <sys/types.h>
+
+/// Files that are on the disk when the call returns. All throw
+/// `std::filesystem::filesystem_error`.
+namespace DurableFile {
+
+/// Replaces `target` whole: readers, and a crash, see the old contents or the new. On failure the
+/// old file is untouched and nothing is left beside it.
+void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
+void syncFile(const std::filesystem::path& file);
+/// Makes the names in the directory durable.
+void syncDirectory(const std::filesystem::path& directory);
+
+} // namespace DurableFile

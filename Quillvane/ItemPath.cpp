@@ -1,0 +1,19 @@
+#include "ItemPath.h"
+
+#include <system_error>
+
+std::filesystem::path itemPath(const std::filesystem::path& path) {
+    std::filesystem::path result;
+    for (const auto& component : std::filesystem::absolute(path)) {
+        if (component.empty() || component == ".") continue;
+        if (component != "..") {
+            result /= component;
+            continue;
+        }
+        // The parent of a link's target need not be where the link is.
+        std::error_code unresolved;
+        const auto real = std::filesystem::canonical(result, unresolved);
+        result = (unresolved ? result : real).parent_path();
+    }
+    return result;
+}

@@ -1,0 +1,61 @@
+#include "KeyStore.h"
+
+#include "DurableFile.h"
+#include "FileDescriptor.h"
+#include "Platform.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace KeyStore {
+namespace {
+
+constexpr std::size_t largestBytes = 1 << 20;
+
+} // namespace
+
+std::filesystem::path path(const std::filesystem::path& container) {
+    return container.parent_path() / ("." + container.filename().string() + ".qvkeys");
+}
+
+std::optional<std::string> read(const std::filesystem::path& container) {
+    // Anything may lie in a place that others can write to: do not wait for a FIFO's writer.
+    const FileDescriptor fd(
+        ::open(path(container).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
+    std::string text(largestBytes + 1, '\0');
+    std::size_t length = 0;
+    while (length < text.size()) {
+        const ssize_t got = ::read(fd.get(), text.data() + length, text.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return std::nullopt;
+        if (got == 0) break;
+        length += static_cast<std::size_t>(got);
+    }
+    if (length > largestBytes) return std::nullopt;
+    text.resize(length);
+    return text;
+}
+
+void write(const KeyMetadata& metadata, const std::filesystem::path& container) {
+    constexpr mode_t ownerOnly = 0600;
+    DurableFile::replace(path(container), metadata.encode(), ownerOnly);
+    setHidden(container, true);
+}
+
+void remove(const std::filesystem::path& container) noexcept {
+    std::error_code ignored; // an orphan does no harm
+    std::filesystem::remove(path(container), ignored);
+}
+
+void setHidden(const std::filesystem::path& container, bool hidden) {
+    const std::filesystem::path file = path(container);
+    std::error_code ignored;
+    if (!std::filesystem::exists(std::filesystem::symlink_status(file, ignored))) return;
+    ignored = Platform::setHidden(file, hidden); // the file stays usable
+}
+
+} // namespace KeyStore

@@ -1,0 +1,26 @@
+#pragma once
+
+#include "KeyMetadata.h"
+
+#include <filesystem>
+#include <optional>
+#include <string>
+
+/// The key file beside each item.
+namespace KeyStore {
+
+/// "." + the item's file name + ".qvkeys" in the item's directory.
+std::filesystem::path path(const std::filesystem::path& container);
+
+/// The key file's text; nothing when it cannot be read for any reason, or is no regular file, or
+/// is far larger than a key file can be.
+std::optional<std::string> read(const std::filesystem::path& container);
+/// Replaces the key file whole: on the disk when this returns, untouched when it throws
+/// `std::system_error`. Then hides it, as far as that works.
+void write(const KeyMetadata& metadata, const std::filesystem::path& container);
+/// Removes the key file; errors are ignored, "not there" included.
+void remove(const std::filesystem::path& container) noexcept;
+/// Hides or shows the key file if there is one; errors are ignored.
+void setHidden(const std::filesystem::path& container, bool hidden);
+
+} // namespace KeyStore

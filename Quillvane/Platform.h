@@ -1,0 +1,80 @@
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/types.h>
+#include <system_error>
+#include <vector>
+
+/// The narrow seam to the operating system: everything in which the systems differ. One body per
+/// system stands in the folder named after it. Safe on any thread unless it says otherwise.
+namespace Platform {
+
+/// Absolute paths of the programs that the engine runs.
+struct Tools {
+    std::filesystem::path hdiutil;
+    std::filesystem::path ditto;
+    std::filesystem::path open;
+    std::filesystem::path mount; ///< unused where the system lists its mounts otherwise
+};
+
+/// Fixed by the system, or found beside our own executable; never from the environment.
+const Tools& tools();
+/// Puts stand-ins in place, for tests. To be called while no operation runs.
+void setTools(Tools tools);
+
+/// True while a volume is mounted exactly at `mountPoint`, an absolute path. A mount whose server
+/// has died does not count; one of ours is cleaned up.
+bool isMounted(const std::string& mountPoint);
+/// Where the image file's volume is mounted, the newest when there are several. A path that does
+/// not exist is mounted nowhere.
+std::optional<std::string> mountPointOfImage(const std::filesystem::path& imagePath);
+
+/// Makes file managers show the item or leave it out. Nothing is done for a name that the system
+/// leaves out anyway, or cannot list.
+std::error_code setHidden(const std::filesystem::path& path, bool hidden);
+/// True when file managers leave the item out.
+bool isHidden(const std::filesystem::path& path);
+
+/// Bytes that the user may still write to the volume that holds `path`; 0 when unknown.
+std::int64_t availableCapacity(const std::filesystem::path& path);
+/// Bytes in use on the volume that holds `path`; 0 when unknown.
+std::int64_t volumeUsedBytes(const std::filesystem::path& path);
+
+/// True for what cannot be replaced by an item: a package, a mount point, a folder with a mount
+/// inside it, a symbolic link to a folder. A trailing slash makes no difference.
+bool isPackageOrVolumeRoot(const std::filesystem::path& path);
+
+/// Returns when the file's or directory's data is on the disk. Throws `std::system_error`.
+void fullSync(int fd);
+/// Returns when `folder`, just filled by the copy tool, is on the disk with all its contents and
+/// its entry in the parent directory. Throws `std::system_error`.
+void syncCopiedFolder(const std::filesystem::path& folder);
+
+/// Two ends of a new pipe, neither inherited by any child. Throws `std::system_error`.
+struct Pipe {
+    int readEnd = -1;
+    int writeEnd = -1;
+};
+Pipe makePipe();
+
+/// A program to start; a descriptor of -1 lets the child inherit ours.
+struct Launch {
+    const std::filesystem::path& executable;
+    const std::vector<std::string>& arguments;
+    int standardInput = -1;
+    int standardOutput = -1;
+    int standardError = -1;
+};
+/// Starts the program in a process group of its own with default signal handling, an empty signal
+/// mask and no other descriptors. Returns 0 and sets `child`, or the errno of what prevented it.
+int launch(const Launch& request, pid_t& child);
+
+/// Keeps this process's memory, where secrets are, out of core dumps and from the user's other
+/// processes, as far as the system grants it.
+void disableCoreDumps() noexcept;
+
+} // namespace Platform

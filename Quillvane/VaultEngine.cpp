@@ -1,0 +1,80 @@
+#include "VaultEngine.h"
+
+#include "ItemPath.h"
+#include "KeyStore.h"
+#include "Platform.h"
+#include "RecoveryError.h"
+#include "VaultError.h"
+#include "VaultKeys.h"
+
+#include <exception>
+#include <system_error>
+
+namespace VaultEngine {
+namespace {
+
+std::optional<KeyMetadata> keyRecord(const Path& container) {
+    const std::optional<std::string> text = KeyStore::read(container);
+    return text ? KeyMetadata::decode(*text) : std::nullopt;
+}
+
+void requirePassword(const Secret& password) {
+    if (password.empty()) throw VaultError::emptyPassword();
+}
+
+/// Best effort: the volume is open whether the file manager shows it or not.
+void showVolume(const std::string& mountPoint) {
+    try {
+        ProcessRunner::retryingLaunch(
+            [&] { return ProcessRunner::run(Platform::tools().open, {mountPoint}); });
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
+} // namespace
+
+Secret vaultKey(const Path& container, const Credential& credential) {
+    if (credential.kind() == Credential::Kind::recoveryKey)
+        return VaultKeys::fromRecoveryKey(credential.text());
+    requirePassword(credential.text());
+    const auto record = keyRecord(container);
+    if (!record) throw RecoveryError(RecoveryError::Case::metadataMissing);
+    return VaultKeys::unseal(*record, credential.text());
+}
+
+Secret passphrase(const Path& container, const Credential& credential) {
+    if (credential.kind() == Credential::Kind::recoveryKey)
+        return VaultKeys::imagePassphrase(VaultKeys::fromRecoveryKey(credential.text()));
+    requirePassword(credential.text());
+    const auto record = keyRecord(container);
+    if (!record) return credential.text();
+    return VaultKeys::imagePassphrase(VaultKeys::unseal(*record, credential.text()));
+}
+
+Secret passwordData(const Secret& passphrase) {
+    Secret line = passphrase;
+    line.append("\n");
+    return line;
+}
+
+OpenResult open(const Path& imageURL, const Credential& credential,
+                const ProgressCallback& progress) {
+    const Path image = itemPath(imageURL);
+    std::error_code unreadable;
+    if (!std::filesystem::exists(image, unreadable)) throw VaultError::sourceMissing();
+    progress({std::nullopt, "Opening the vault…"});
+    const Secret line = passwordData(passphrase(image, credential));
+    MountInfo mountInfo = attach(image, line, /*browsable=*/true);
+    showVolume(mountInfo.mountPoint);
+    progress({1.0, "Opened. The volume is mounted."});
+    return {mountInfo.mountPoint, mountInfo};
+}
+
+void changePassword(const Path& container, const Credential& current, const Secret& newPassword) {
+    requirePassword(newPassword);
+    const Path item = itemPath(container);
+    KeyStore::write(VaultKeys::seal(vaultKey(item, current), newPassword), item);
+}
+
+} // namespace VaultEngine

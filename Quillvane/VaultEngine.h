@@ -1,0 +1,115 @@
+#pragma once
+
+#include "Cancellation.h"
+#include "Credential.h"
+#include "Filesystem.h"
+#include "MountInfo.h"
+#include "ProcessRunner.h"
+#include "Progress.h"
+#include "Secret.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+/// The operations on protected items.
+///
+/// All are synchronous, keep no state and may run on any thread but the main one. They fail with
+/// `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled` or
+/// `std::filesystem::filesystem_error`; each function says which.
+namespace VaultEngine {
+
+using Path = std::filesystem::path;
+
+/// What protecting a folder yields.
+struct LockResult {
+    Path container;
+    /// Grouped Base32 text, to be shown to the user once.
+    Secret recoveryKey;
+};
+
+/// What opening an item yields; kept to close the volume later.
+struct OpenResult {
+    std::string mountPoint;
+    MountInfo mountInfo;
+};
+
+/// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
+/// until the original begins to be deleted. Throws `VaultError`, `RecoveryError` (wrapFailed),
+/// `ProcessLaunchError`, `OperationCancelled`, and `std::system_error` when a key file cannot be
+/// written.
+LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
+                Filesystem filesystem, const ProgressCallback& progress,
+                Cancellation* cancellation = nullptr);
+
+/// Mounts the item as a browsable volume and shows it. Throws `VaultError`, `RecoveryError`,
+/// `ProcessLaunchError`, and `PropertyListError` when the disk-image tool answers nonsense.
+OpenResult open(const Path& imageURL, const Credential& credential,
+                const ProgressCallback& progress);
+
+/// Turns the item back into a folder and deletes the item. `cancellation` is honoured until the
+/// item begins to be deleted. Throws what `open` throws, and `OperationCancelled`.
+void removePassword(const Path& locked, const Credential& credential,
+                    const ProgressCallback& progress, Cancellation* cancellation = nullptr);
+
+/// Seals the item's vault key again under `newPassword`. Throws `VaultError`, `RecoveryError`, and
+/// `std::system_error` when the key file cannot be written; the old one then stays whole.
+void changePassword(const Path& container, const Credential& current, const Secret& newPassword);
+
+/// The item's 20-byte vault key. With a recovery key the key file is not read. Throws
+/// `VaultError` (emptyPassword) and `RecoveryError`.
+Secret vaultKey(const Path& container, const Credential& credential);
+/// The text that opens the item's image. Without a readable key file it is the password itself:
+/// older items were encrypted with it. Throws like `vaultKey`.
+Secret passphrase(const Path& container, const Credential& credential);
+/// The passphrase as the disk-image tool reads it from its standard input.
+Secret passwordData(const Secret& passphrase);
+
+/// Mounts the image at a place that the system chooses, shown to the user if `browsable`. Throws
+/// `VaultError`, `ProcessLaunchError`, `PropertyListError`.
+MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable);
+/// Ejects the volume, by force if it must be; true, or throws `VaultError` (detachFailed) or
+/// `ProcessLaunchError`.
+bool detach(const MountInfo& mountInfo);
+/// True while a volume is mounted exactly at `mountPoint`.
+bool isMounted(const std::string& mountPoint);
+
+/// Regular files below a directory, or the one file given.
+struct Tallies {
+    std::int64_t count = 0;
+    std::int64_t bytes = 0;
+};
+/// Follows no links; leaves out what cannot be read.
+Tallies tallies(const Path& url);
+/// Bytes that the user may still write to the volume at `url`; 0 when unknown.
+std::int64_t availableCapacity(const Path& url);
+/// Bytes in use on the volume mounted at `path`; 0 when unknown.
+std::int64_t usedBytes(const Path& path);
+
+/// Copies the contents of `from` into `to` with the system's copy tool. Meanwhile `progress`
+/// receives the fraction copied, at most 0.98, on a thread of its own: what the volume at
+/// `watchMount` has gained over `baselineBytes`, against `totalBytes`. That thread has ended when
+/// the function returns. Throws like `ProcessRunner::run`.
+ProcessResult dittoWithProgress(const Path& from, const Path& to, std::int64_t totalBytes,
+                                const Path& watchMount, std::int64_t baselineBytes,
+                                const std::function<void(double)>& progress,
+                                Cancellation* cancellation = nullptr);
+
+/// Nothing when every direct entry of `source` exists in `dest`, else the reason for the user.
+/// With `skipSystem`, entries in `systemVolumeItems` need not be there.
+std::optional<std::string> verifyTopLevel(const Path& source, const Path& dest, bool skipSystem);
+/// False also when the directory cannot be listed.
+bool isDirectoryEmpty(const Path& url);
+
+/// Without white space and line breaks at both ends; a fixed text when nothing is left.
+std::string trimmed(std::string_view text);
+/// True when the disk-image tool's message means that the passphrase did not open the image.
+bool refusesPassphrase(std::string_view message);
+/// Names that a volume may carry at its root without the user having put them there.
+const std::set<std::string>& systemVolumeItems();
+
+} // namespace VaultEngine

@@ -1,0 +1,282 @@
+#include "VaultEngine.h"
+
+#include "Base32.h"
+#include "DurableFile.h"
+#include "ErrorText.h"
+#include "Fatal.h"
+#include "ItemPath.h"
+#include "KeyStore.h"
+#include "OperationProgress.h"
+#include "Platform.h"
+#include "SecureRandom.h"
+#include "TreeRemoval.h"
+#include "VaultError.h"
+#include "VaultKeys.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <sys/stat.h>
+#include <system_error>
+
+// Protecting a folder: an image is made under a hidden working name beside the folder and filled;
+// the folder is deleted; the image takes its final name. The image always has a key file beside it
+// by the time the folder goes: under the working name first, under the final name before it gets
+// that name. So whatever ends the operation, the folder is there or its password opens the image.
+
+namespace VaultEngine {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::int64_t mebibyte = 1048576;
+constexpr std::size_t recoveryKeyGroup = 4;
+
+std::string upperCaseUUID() {
+    Secret random = SecureRandom::bytes(16);
+    const auto bytes = random.writable();
+    bytes[6] = (bytes[6] & 0x0F) | 0x40; // version 4, random
+    bytes[8] = (bytes[8] & 0x3F) | 0x80; // the standard variant
+    std::string text;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        constexpr char digits[] = "0123456789ABCDEF";
+        if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
+        text += digits[bytes[i] >> 4];
+        text += digits[bytes[i] & 15];
+    }
+    return text;
+}
+
+std::int64_t imageMebibytes(std::int64_t bytes) {
+    constexpr std::int64_t leastSlack = 128 * mebibyte;
+    constexpr std::int64_t leastMebibytes = 200;
+    const std::int64_t size = addOrStop(bytes, std::max(bytes / 10, leastSlack));
+    return std::max(leastMebibytes, addOrStop(size, mebibyte - 1) / mebibyte);
+}
+
+bool anythingAt(const Path& path) {
+    std::error_code error;
+    return fs::exists(fs::symlink_status(path, error));
+}
+
+/// The folder is gone when a name proves too long for the file system: find out before.
+void requireUsableName(const Path& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0 && errno == ENAMETOOLONG)
+        throw VaultError::createFailed(systemErrorText(ENAMETOOLONG));
+}
+
+class LockOperation {
+public:
+    LockOperation(Path folder, const Secret& vaultKey, KeyMetadata record, Filesystem filesystem,
+                  const ProgressCallback& progress, Cancellation* cancellation)
+        : folder_(std::move(folder)), parent_(folder_.parent_path()),
+          target_(parent_ / (folder_.filename().string() + ".quillvane")),
+          image_(parent_ / (".Quillvane-" + upperCaseUUID() + ".sparseimage")),
+          passwordData_(passwordData(VaultKeys::imagePassphrase(vaultKey))),
+          record_(std::move(record)), filesystem_(filesystem), progress_(progress, cancellation) {}
+
+    Path run() {
+        checkFolder();
+        const std::int64_t bytes = measure();
+        createImage(bytes);
+        fillImage(bytes);
+        secureImage();
+        deleteOriginal();
+        moveImage();
+        progress_.report(1.0, "Done. Your folder is now protected.");
+        return target_;
+    }
+
+private:
+    void checkFolder() {
+        progress_.stopIfCancelled();
+        progress_.report(0.02, "Checking the folder…");
+        std::error_code error;
+        const auto status = fs::status(folder_, error);
+        if (!fs::exists(status)) throw VaultError::sourceMissing();
+        if (!fs::is_directory(status)) throw VaultError::notADirectory();
+        if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
+        requireUsableName(target_);
+        requireUsableName(KeyStore::path(target_));
+    }
+
+    /// Bytes in the folder, for which there is room on the volume as far as it tells.
+    std::int64_t measure() {
+        constexpr std::int64_t headRoom = 64 * mebibyte;
+        progress_.report(0.05, "Calculating size…");
+        const std::int64_t bytes = tallies(folder_).bytes;
+        const std::int64_t needed = addOrStop(bytes, headRoom);
+        const std::int64_t available = availableCapacity(parent_);
+        if (available >= 1 && available < needed)
+            throw VaultError::insufficientSpace(needed, available);
+        return bytes;
+    }
+
+    void createImage(std::int64_t bytes) {
+        const std::string size = std::to_string(imageMebibytes(bytes)) + "m";
+        progress_.stopIfCancelled();
+        progress_.report(0.15, "Creating the encrypted vault (AES-256)…");
+        const ProcessResult result =
+            ProcessRunner::run(Platform::tools().hdiutil,
+                               {"create", "-size", size, "-encryption", "AES-256", "-stdinpass",
+                                "-volname", folder_.filename().string(), "-fs",
+                                commandLineName(filesystem_), "-type", "SPARSE", image_.string()},
+                               passwordData_.bytes());
+        if (result.exitCode != 0) {
+            removeImage();
+            throw VaultError::createFailed(trimmed(result.stderrString()));
+        }
+    }
+
+    void fillImage(std::int64_t bytes) {
+        const MountInfo mountInfo = mountImage();
+        try {
+            copyInto(mountInfo.mountPoint, bytes);
+            progress_.report(0.82, "Verifying your data is safe…");
+            if (const auto reason = verifyTopLevel(folder_, mountInfo.mountPoint, true))
+                throw VaultError::verificationFailed(*reason);
+            progress_.stopIfCancelled();
+        } catch (...) {
+            detachIgnoringErrors(mountInfo);
+            removeImage();
+            throw;
+        }
+        progress_.report(0.88, "Ejecting the vault…");
+        detach(mountInfo);
+    }
+
+    MountInfo mountImage() {
+        try {
+            progress_.stopIfCancelled();
+            progress_.report(0.30, "Mounting the vault…");
+            return attach(image_, passwordData_, /*browsable=*/false);
+        } catch (...) {
+            removeImage();
+            throw;
+        }
+    }
+
+    void copyInto(const Path& mountPoint, std::int64_t bytes) {
+        progress_.stopIfCancelled();
+        progress_.report(0.30, "Copying contents into the vault…");
+        ProcessResult result;
+        try {
+            const auto report = [this](double p) { progress_.reportCopy(p, "Copying contents… "); };
+            result = dittoWithProgress(folder_, mountPoint, bytes, mountPoint,
+                                       usedBytes(mountPoint), report, progress_.cancellation());
+        } catch (const std::exception& error) {
+            throw VaultError::copyFailed(errorText(error));
+        }
+        progress_.stopIfCancelled();
+        if (result.exitCode != 0) throw VaultError::copyFailed(trimmed(result.stderrString()));
+    }
+
+    /// Makes sure that the image survives, and can be opened, before the original goes.
+    void secureImage() {
+        try {
+            progress_.stopIfCancelled();
+            syncImage();
+            KeyStore::write(record_, image_);
+            progress_.stopIfCancelled();
+        } catch (...) {
+            KeyStore::remove(image_);
+            removeImage();
+            throw;
+        }
+    }
+
+    void syncImage() {
+        try {
+            DurableFile::syncFile(image_);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::copyFailed(errorText(error));
+        }
+    }
+
+    void deleteOriginal() {
+        progress_.report(0.93, "Deleting the original folder…");
+        try {
+            TreeRemoval::remove(folder_);
+        } catch (const fs::filesystem_error&) {
+            throw VaultError::deleteFailed(folder_.string(), image_.string());
+        }
+    }
+
+    void moveImage() {
+        progress_.report(0.97, "Finalizing the encrypted item…");
+        bool hasKeyFile = false;
+        try {
+            if (anythingAt(target_)) TreeRemoval::remove(target_);
+            hasKeyFile = writeKeyFileAhead();
+            fs::rename(image_, target_);
+        } catch (const fs::filesystem_error& error) {
+            if (hasKeyFile) KeyStore::remove(target_);
+            throw VaultError::renameFailed("Encrypted image available at: " + image_.string() +
+                                           "\n" + errorText(error));
+        }
+        if (!hasKeyFile) KeyStore::write(record_, target_);
+        removeWorkingKeyFile();
+    }
+
+    /// So that the image is never without a key file under its new name. What goes wrong here is
+    /// tried again, and reported, once the image has that name.
+    bool writeKeyFileAhead() {
+        try {
+            KeyStore::write(record_, target_);
+            return true;
+        } catch (const std::system_error&) {
+            return false;
+        }
+    }
+
+    void removeWorkingKeyFile() {
+        try {
+            DurableFile::syncDirectory(parent_);
+        } catch (const fs::filesystem_error&) {
+            return; // after a crash the image may be back under its working name: keep its key
+        }
+        KeyStore::remove(image_);
+    }
+
+    void removeImage() noexcept {
+        std::error_code ignored; // best effort; the error that brought us here is the one to tell
+        fs::remove(image_, ignored);
+    }
+
+    static void detachIgnoringErrors(const MountInfo& mountInfo) {
+        try {
+            detach(mountInfo);
+        } catch (const std::exception&) {
+            return; // best effort, as above
+        }
+    }
+
+    Path folder_;
+    Path parent_;
+    Path target_;
+    Path image_;
+    Secret passwordData_;
+    KeyMetadata record_;
+    Filesystem filesystem_;
+    OperationProgress progress_;
+};
+
+} // namespace
+
+LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
+                Filesystem filesystem, const ProgressCallback& progress,
+                Cancellation* cancellation) {
+    if (password.empty()) throw VaultError::emptyPassword();
+    if (!(password == confirmPassword)) throw VaultError::passwordMismatch();
+    const Secret vaultKey = SecureRandom::bytes(VaultKeys::vaultKeyBytes);
+    KeyMetadata record = VaultKeys::seal(vaultKey, password);
+    const Path folder = itemPath(folderURL);
+    if (folder == folder.root_path() || Platform::isPackageOrVolumeRoot(folder))
+        throw VaultError::sourceIsPackageOrHidden();
+    LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
+                            cancellation);
+    Path container = operation.run();
+    return {std::move(container), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup)};
+}
+
+} // namespace VaultEngine

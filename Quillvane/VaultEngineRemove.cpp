@@ -1,0 +1,149 @@
+#include "VaultEngine.h"
+
+#include "ErrorText.h"
+#include "ItemPath.h"
+#include "KeyStore.h"
+#include "OperationProgress.h"
+#include "Platform.h"
+#include "TreeRemoval.h"
+#include "VaultError.h"
+
+#include <system_error>
+
+// Removing protection: the contents are copied into a new folder beside the item, which stays as
+// it is until the copy is verified and on the disk.
+
+namespace VaultEngine {
+namespace {
+
+namespace fs = std::filesystem;
+
+class RemoveOperation {
+public:
+    RemoveOperation(Path item, const ProgressCallback& progress, Cancellation* cancellation)
+        : item_(std::move(item)), folder_(item_.parent_path() / item_.stem()),
+          progress_(progress, cancellation) {}
+
+    void run(const Credential& credential) {
+        checkItem();
+        const MountInfo mountInfo = mountItem(credential);
+        extract(mountInfo);
+        eject(mountInfo);
+        deleteItem();
+        progress_.report(1.0, "Done. It's a normal folder again.");
+    }
+
+private:
+    void checkItem() {
+        progress_.stopIfCancelled();
+        progress_.report(0.02, "Checking the item…");
+        std::error_code error;
+        if (!fs::exists(item_, error)) throw VaultError::sourceMissing();
+        if (fs::exists(fs::symlink_status(folder_, error)))
+            throw VaultError::targetFolderExists(folder_.filename().string());
+    }
+
+    MountInfo mountItem(const Credential& credential) {
+        progress_.report(0.15, "Opening the item…");
+        const Secret line = passwordData(passphrase(item_, credential));
+        progress_.stopIfCancelled();
+        return attach(item_, line, /*browsable=*/false);
+    }
+
+    void extract(const MountInfo& mountInfo) {
+        try {
+            createFolder();
+            copyFrom(mountInfo.mountPoint);
+            progress_.report(0.82, "Verifying extracted data…");
+            if (const auto reason = verifyTopLevel(mountInfo.mountPoint, folder_, true))
+                throw VaultError::verificationFailed(*reason);
+            Platform::syncCopiedFolder(folder_);
+            progress_.stopIfCancelled();
+        } catch (const VaultError&) {
+            cleanUp(mountInfo);
+            throw;
+        } catch (const OperationCancelled&) {
+            cleanUp(mountInfo);
+            throw;
+        } catch (const std::exception& error) {
+            cleanUp(mountInfo);
+            throw VaultError::extractFailed(errorText(error));
+        }
+    }
+
+    void createFolder() {
+        progress_.stopIfCancelled();
+        progress_.report(0.25, "Creating the folder");
+        // Somebody else's folder that appeared meanwhile must not be taken for ours.
+        if (!fs::create_directory(folder_))
+            throw fs::filesystem_error("cannot create", folder_,
+                                       std::make_error_code(std::errc::file_exists));
+        created_ = true;
+    }
+
+    void copyFrom(const Path& mountPoint) {
+        const std::int64_t total = usedBytes(mountPoint);
+        const std::int64_t baseline = usedBytes(folder_);
+        progress_.report(0.3, "Extracting contents…");
+        const auto report = [this](double c) { progress_.reportCopy(c, "Extracting contents… "); };
+        const ProcessResult result = ProcessRunner::retryingLaunch([&] {
+            return dittoWithProgress(mountPoint, folder_, total, folder_, baseline, report,
+                                     progress_.cancellation());
+        });
+        progress_.stopIfCancelled();
+        if (result.exitCode != 0) throw VaultError::extractFailed(trimmed(result.stderrString()));
+    }
+
+    void cleanUp(const MountInfo& mountInfo) {
+        try {
+            detach(mountInfo);
+        } catch (const std::exception&) {
+            // Best effort; the error that brought us here is the one to tell.
+        }
+        removeFolder();
+    }
+
+    void removeFolder() {
+        if (!created_) return;
+        try {
+            TreeRemoval::remove(folder_);
+        } catch (const fs::filesystem_error&) {
+            return; // best effort, as above
+        }
+    }
+
+    void eject(const MountInfo& mountInfo) {
+        progress_.report(0.88, "Ejecting the item…");
+        detach(mountInfo);
+        try {
+            progress_.stopIfCancelled();
+        } catch (const OperationCancelled&) {
+            removeFolder();
+            throw;
+        }
+    }
+
+    void deleteItem() {
+        progress_.report(0.95, "Deleting the encrypted item…");
+        try {
+            TreeRemoval::remove(item_);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::deleteFailed(item_.string(), errorText(error));
+        }
+        KeyStore::remove(item_);
+    }
+
+    Path item_;
+    Path folder_;
+    bool created_ = false;
+    OperationProgress progress_;
+};
+
+} // namespace
+
+void removePassword(const Path& locked, const Credential& credential,
+                    const ProgressCallback& progress, Cancellation* cancellation) {
+    RemoveOperation(itemPath(locked), progress, cancellation).run(credential);
+}
+
+} // namespace VaultEngine

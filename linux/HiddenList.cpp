@@ -1,0 +1,123 @@
+#include "HiddenList.h"
+
+#include "Quillvane/DurableFile.h"
+#include "Quillvane/FileDescriptor.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
+
+namespace HiddenList {
+namespace {
+
+using Path = std::filesystem::path;
+
+constexpr std::size_t largestBytes = 1 << 20;
+constexpr mode_t newListMode = 0644;
+
+struct List {
+    std::string text;
+    mode_t mode = newListMode;
+};
+
+[[noreturn]] void fail(const char* what, int error) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+Path directoryOf(const Path& item) {
+    return item.has_parent_path() ? item.parent_path() : Path(".");
+}
+
+/// Nothing when there is no list. A list behind a link is the user's own arrangement, which a
+/// replacement would destroy: an error, like anything else that is no plain file.
+std::optional<List> read(const Path& file) {
+    const FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd && errno == ENOENT) return std::nullopt;
+    struct stat status {};
+    if (!fd || ::fstat(fd.get(), &status) != 0) fail("cannot read the hidden list", errno);
+    if (!S_ISREG(status.st_mode)) fail("the hidden list is no file", EINVAL);
+    List list{std::string(largestBytes + 1, '\0'), static_cast<mode_t>(status.st_mode & 0777)};
+    std::size_t length = 0;
+    while (length < list.text.size()) {
+        const ssize_t got = ::read(fd.get(), list.text.data() + length, list.text.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) fail("cannot read the hidden list", errno);
+        if (got == 0) break;
+        length += static_cast<std::size_t>(got);
+    }
+    if (length > largestBytes) fail("the hidden list is too long", EFBIG);
+    list.text.resize(length);
+    return list;
+}
+
+/// `text` without the lines that are `name`, and whether there were any.
+std::pair<std::string, bool> without(std::string_view text, std::string_view name) {
+    std::string rest;
+    bool found = false;
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        const std::size_t length = end == std::string_view::npos ? text.size() : end + 1;
+        if (text.substr(0, end) == name)
+            found = true;
+        else
+            rest += text.substr(0, length);
+        text.remove_prefix(length);
+    }
+    return {rest, found};
+}
+
+bool needsNoLine(const std::string& name) {
+    return name.starts_with('.');
+}
+bool canBeListed(const std::string& name) {
+    return name.find('\n') == std::string::npos;
+}
+
+void removeList(const Path& file, const Path& directory) {
+    if (::unlink(file.c_str()) != 0) fail("cannot remove the hidden list", errno);
+    DurableFile::syncDirectory(directory);
+}
+
+} // namespace
+
+void set(const Path& item, bool hidden) {
+    const std::string name = item.filename().string();
+    if (name.empty()) fail("an item without a name", EINVAL);
+    if (needsNoLine(name) || !canBeListed(name)) return;
+    struct stat status {};
+    if (hidden && ::lstat(item.c_str(), &status) != 0) fail("cannot hide", errno);
+
+    const Path directory = directoryOf(item);
+    const FileDescriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock) fail("cannot open the directory", errno);
+    // Keeps other runs of ours from editing meanwhile; some file systems cannot, which is no reason
+    // to leave the item visible.
+    ::flock(lock.get(), LOCK_EX);
+
+    const Path file = directory / ".hidden";
+    List list = read(file).value_or(List{});
+    const auto [rest, listed] = without(list.text, name);
+    if (listed == hidden) return;
+    if (!hidden && rest.empty()) return removeList(file, directory);
+    if (hidden && !list.text.empty() && !list.text.ends_with('\n')) list.text += '\n';
+    DurableFile::replace(file, hidden ? list.text + name + "\n" : rest, list.mode);
+}
+
+bool contains(const Path& item) {
+    const std::string name = item.filename().string();
+    if (name.empty() || !canBeListed(name)) return false;
+    if (needsNoLine(name)) return true;
+    try {
+        const std::optional<List> list = read(directoryOf(item) / ".hidden");
+        return list && without(list->text, name).second;
+    } catch (const std::system_error&) {
+        return false; // what cannot be read hides nothing
+    }
+}
+
+} // namespace HiddenList

@@ -1,0 +1,67 @@
+#include "Quillvane/Platform.h"
+
+#include "Quillvane/ProcessRunner.h"
+
+#include <exception>
+#include <plist/plist.h>
+#include <sys/mount.h>
+
+namespace Platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::optional<std::string> text(plist_t dictionary, const char* key) {
+    const plist_t node = plist_dict_get_item(dictionary, key);
+    if (node == nullptr || plist_get_node_type(node) != PLIST_STRING) return std::nullopt;
+    std::uint64_t length = 0;
+    const char* characters = plist_get_string_ptr(node, &length);
+    return std::string(characters, length);
+}
+
+/// The last mount point among an image's "system-entities".
+std::optional<std::string> mountPoint(plist_t image) {
+    std::optional<std::string> found;
+    const plist_t entities = plist_dict_get_item(image, "system-entities");
+    for (std::uint32_t i = 0; i < plist_array_get_size(entities); ++i)
+        if (auto mounted = text(plist_array_get_item(entities, i), "mount-point")) found = mounted;
+    return found;
+}
+
+} // namespace
+
+bool isMounted(const std::string& mountPoint) {
+    try {
+        const ProcessResult mounts = ProcessRunner::run(tools().mount, {});
+        return mounts.stdoutString().find(" on " + mountPoint + " (") != std::string::npos;
+    } catch (const ProcessLaunchError&) {
+        return false;
+    }
+}
+
+std::optional<std::string> mountPointOfImage(const fs::path& imagePath) {
+    std::error_code missing;
+    const std::string wanted = fs::canonical(imagePath, missing).string();
+    if (missing) return std::nullopt;
+    const ProcessResult info = ProcessRunner::run(tools().hdiutil, {"info", "-plist"});
+    plist_t list = nullptr;
+    plist_from_xml(info.standardOutput.data(),
+                   static_cast<std::uint32_t>(info.standardOutput.size()), &list);
+    std::optional<std::string> found;
+    const plist_t images = plist_dict_get_item(list, "images");
+    for (std::uint32_t i = 0; i < plist_array_get_size(images); ++i) {
+        const plist_t image = plist_array_get_item(images, i);
+        const auto path = text(image, "image-path");
+        if (path && fs::equivalent(*path, wanted, missing)) found = mountPoint(image);
+    }
+    plist_free(list);
+    return found;
+}
+
+std::int64_t volumeUsedBytes(const fs::path& path) {
+    struct statfs volume {};
+    if (::statfs(path.c_str(), &volume) != 0) return 0;
+    return static_cast<std::int64_t>(volume.f_blocks - volume.f_bavail) * volume.f_bsize;
+}
+
+} // namespace Platform

@@ -1,0 +1,108 @@
+#include "Quillvane/Platform.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class HiddenListTest : public testing::Test {
+protected:
+    HiddenListTest() {
+        writeFile(item, "");
+        writeFile(folder / "b", "");
+    }
+
+    TemporaryFolder folder;
+    fs::path item = folder / "Docs é.quillvane";
+    fs::path list = folder / ".hidden";
+};
+
+TEST_F(HiddenListTest, IsMadeAndRemovedWithItsOnlyLine) {
+    EXPECT_FALSE(Platform::isHidden(item));
+    EXPECT_FALSE(Platform::setHidden(item, true));
+    EXPECT_EQ(readFile(list), "Docs é.quillvane\n");
+    EXPECT_TRUE(Platform::isHidden(item));
+    EXPECT_FALSE(Platform::setHidden(item, true));
+    EXPECT_EQ(readFile(list), "Docs é.quillvane\n") << "once is enough";
+    EXPECT_FALSE(Platform::setHidden(item, false));
+    EXPECT_FALSE(fs::exists(list));
+    EXPECT_FALSE(Platform::setHidden(item, false));
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 2);
+}
+
+TEST_F(HiddenListTest, KeepsOtherLinesAndTheMode) {
+    writeFile(list, "Docs\n\nother \nlast");
+    fs::permissions(list, static_cast<fs::perms>(0664));
+    EXPECT_FALSE(Platform::setHidden(item, true));
+    EXPECT_EQ(readFile(list), "Docs\n\nother \nlast\nDocs é.quillvane\n");
+    struct stat status {};
+    ASSERT_EQ(::stat(list.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0664U);
+    EXPECT_FALSE(Platform::setHidden(item, false));
+    EXPECT_EQ(readFile(list), "Docs\n\nother \nlast\n");
+}
+
+TEST_F(HiddenListTest, ComparesWholeLines) {
+    writeFile(list, "Docs é.quillvane2\nxDocs é.quillvane\n");
+    EXPECT_FALSE(Platform::isHidden(item));
+    EXPECT_FALSE(Platform::setHidden(item, false));
+    EXPECT_EQ(readFile(list), "Docs é.quillvane2\nxDocs é.quillvane\n");
+}
+
+TEST_F(HiddenListTest, RemovesEveryLineOfTheName) {
+    writeFile(list, "b\na\nb");
+    EXPECT_TRUE(Platform::isHidden(folder / "b"));
+    EXPECT_FALSE(Platform::setHidden(folder / "b", false));
+    EXPECT_EQ(readFile(list), "a\n");
+}
+
+TEST_F(HiddenListTest, HasNoLineForWhatIsHiddenAnywayOrCannotBeListed) {
+    writeFile(folder / ".dot", "");
+    writeFile(folder / "line\nfeed", "");
+    EXPECT_FALSE(Platform::setHidden(folder / ".dot", true));
+    EXPECT_FALSE(Platform::setHidden(folder / "line\nfeed", true));
+    EXPECT_FALSE(fs::exists(list));
+    EXPECT_TRUE(Platform::isHidden(folder / ".dot"));
+    EXPECT_FALSE(Platform::isHidden(folder / "line\nfeed"));
+}
+
+TEST_F(HiddenListTest, HidesNothingThatIsNotThere) {
+    EXPECT_EQ(Platform::setHidden(folder / "missing", true), std::errc::no_such_file_or_directory);
+    EXPECT_TRUE(Platform::setHidden(folder / "", true));
+    EXPECT_FALSE(fs::exists(list));
+    writeFile(list, "missing\n");
+    EXPECT_FALSE(Platform::setHidden(folder / "missing", false)) << "a stale line may go";
+    EXPECT_FALSE(fs::exists(list));
+}
+
+TEST_F(HiddenListTest, LeavesListsAloneThatAreNoPlainFile) {
+    writeFile(folder / "elsewhere", "a\n");
+    fs::create_symlink("elsewhere", list);
+    EXPECT_TRUE(Platform::setHidden(item, true));
+    EXPECT_TRUE(fs::is_symlink(list));
+    EXPECT_EQ(readFile(folder / "elsewhere"), "a\n");
+    fs::remove(list);
+    fs::create_directory(list);
+    EXPECT_TRUE(Platform::setHidden(item, true));
+    EXPECT_FALSE(Platform::isHidden(item));
+}
+
+TEST_F(HiddenListTest, LosesNoLineToASecondEditor) {
+    std::vector<std::thread> editors;
+    editors.reserve(8);
+    for (int i = 0; i < 8; ++i) writeFile(folder / std::to_string(i), "");
+    for (int i = 0; i < 8; ++i)
+        editors.emplace_back(
+            [&, i] { EXPECT_FALSE(Platform::setHidden(folder / std::to_string(i), true)); });
+    for (std::thread& editor : editors) editor.join();
+    EXPECT_EQ(readFile(list).size(), 16U);
+    for (int i = 0; i < 8; ++i) EXPECT_TRUE(Platform::isHidden(folder / std::to_string(i)));
+}
+
+} // namespace

@@ -1,0 +1,254 @@
+#include "Quillvane/KeyStore.h"
+#include "Quillvane/OperationCancelled.h"
+#include "Quillvane/RecoveryError.h"
+#include "Quillvane/VaultEngine.h"
+#include "Quillvane/VaultError.h"
+#include "Quillvane/VaultKeys.h"
+#include "tests/support/RecordingTools.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <map>
+#include <memory>
+
+namespace {
+
+namespace fs = std::filesystem;
+using Case = VaultError::Case;
+
+/// An item "My Docs.quillvane" whose volume, played by a folder, holds files.
+class RemoveTest : public testing::Test {
+protected:
+    RemoveTest() {
+        writeFile(item, "image");
+        KeyStore::write(VaultKeys::seal(vaultKey, Secret(std::string_view("right"))), item);
+        keyFileText = readFile(KeyStore::path(item));
+        fs::create_directory(volume / "inner");
+        writeFile(volume / "file", "contents");
+        writeFile(volume / "inner/deep", "deeper");
+    }
+
+    void remove(const std::string& password = "right") {
+        VaultEngine::removePassword(
+            item, Credential::password(Secret(std::string_view(password))),
+            [this](const Progress& report) {
+                reports.push_back(report);
+                for (const auto& [message, action] : actions)
+                    if (report.message.starts_with(message)) action();
+            },
+            cancellation.get());
+    }
+    VaultError removeError() {
+        try {
+            remove();
+        } catch (const VaultError& error) {
+            return error;
+        }
+        throw std::logic_error("the protection was removed");
+    }
+    void expectUntouched() const {
+        EXPECT_EQ(readFile(item), "image");
+        EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
+        EXPECT_FALSE(fs::exists(fs::symlink_status(docs)));
+    }
+
+    RecordingTools tools;
+    TemporaryFolder parent;
+    fs::path item = parent / "My Docs.quillvane";
+    fs::path docs = parent / "My Docs";
+    fs::path volume = tools.mountPoint();
+    Secret vaultKey = Secret(std::string_view("twenty bytes of key!"));
+    std::string keyFileText;
+    std::vector<Progress> reports;
+    std::map<std::string, std::function<void()>> actions;
+    std::unique_ptr<Cancellation> cancellation = std::make_unique<Cancellation>();
+};
+
+TEST_F(RemoveTest, GivesTheFolderBackAndDeletesTheItem) {
+    remove();
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(readFile(docs / "inner/deep"), "deeper");
+    EXPECT_EQ(std::distance(fs::directory_iterator(parent.path()), fs::directory_iterator()), 1);
+}
+
+TEST_F(RemoveTest, CallsTheToolsExactlySo) {
+    remove();
+    const std::vector<RecordingTools::Call> expected{
+        {"hdiutil",
+         {"attach", "-stdinpass", "-plist", "-owners", "on", "-nobrowse", item.string()},
+         "dHdlbnR5IGJ5dGVzIG9mIGtleSE=\n"},
+        {"ditto", {volume.string(), docs.string()}, std::nullopt},
+        {"hdiutil", {"detach", "/dev/disk4"}, std::nullopt}};
+    EXPECT_EQ(tools.calls(), expected);
+}
+
+TEST_F(RemoveTest, ReportsEveryStepAndNeverGoesBack) {
+    tools.play("ditto", "", "sleep 0.6; cp -a \"$1/.\" \"$2\"");
+    remove();
+    std::vector<std::pair<double, std::string>> steps;
+    double highest = 0;
+    int copyReports = 0;
+    for (const Progress& report : reports) {
+        ASSERT_TRUE(report.fraction.has_value());
+        EXPECT_GE(*report.fraction, highest);
+        highest = *report.fraction;
+        if (report.message.starts_with("Extracting contents… ")) {
+            ++copyReports;
+            EXPECT_TRUE(highest >= 0.3 && highest <= 0.8) << highest;
+            EXPECT_THAT(report.message, testing::MatchesRegex("Extracting contents… [0-9]+%"));
+        } else {
+            steps.emplace_back(highest, report.message);
+        }
+    }
+    EXPECT_GE(copyReports, 2);
+    EXPECT_THAT(steps,
+                testing::ElementsAre(testing::Pair(0.02, "Checking the item…"),
+                                     testing::Pair(0.15, "Opening the item…"),
+                                     testing::Pair(0.25, "Creating the folder"),
+                                     testing::Pair(0.3, "Extracting contents…"),
+                                     testing::Pair(0.82, "Verifying extracted data…"),
+                                     testing::Pair(0.88, "Ejecting the item…"),
+                                     testing::Pair(0.95, "Deleting the encrypted item…"),
+                                     testing::Pair(1.0, "Done. It's a normal folder again.")));
+}
+
+TEST_F(RemoveTest, RecoveryKeyNeedsNoKeyFile) {
+    KeyStore::remove(item);
+    VaultEngine::removePassword(
+        item, Credential::recoveryKey(Secret(std::string_view("OR3WK3TUPEQGE6LUMVZSA33GEBVWK6JB"))),
+        [](const Progress&) {});
+    EXPECT_TRUE(fs::exists(docs / "file"));
+}
+
+TEST_F(RemoveTest, AMissingItemIsTold) {
+    fs::remove(item);
+    EXPECT_EQ(removeError().kind(), Case::sourceMissing);
+    EXPECT_EQ(reports.size(), 1U);
+}
+
+TEST_F(RemoveTest, AnythingAtTheFoldersPlaceStopsItBeforeAnyKeyWork) {
+    const std::function<void()> obstacles[] = {[this] { fs::create_directory(docs); },
+                                               [this] { writeFile(docs, ""); },
+                                               [this] { fs::create_symlink("missing", docs); }};
+    for (const auto& obstacle : obstacles) {
+        obstacle();
+        EXPECT_EQ(removeError().errorDescription(),
+                  "A folder named \"My Docs\" already exists here. Rename or remove it before "
+                  "removing the password.");
+        fs::remove(docs);
+    }
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, AWrongPasswordStopsItBeforeAnyTool) {
+    EXPECT_THROW(remove("wrong"), RecoveryError);
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, ARefusedPassphraseMakesNoFolder) {
+    tools.play("hdiutil", "attach", "echo Authentication error >&2; exit 1");
+    EXPECT_EQ(removeError().kind(), Case::wrongPassword);
+    EXPECT_EQ(tools.calls().size(), 1U);
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, CopyFailureLeavesNoFolderAndEjects) {
+    tools.play("ditto", "",
+               "cp -a \"$1/.\" \"$2\"; chmod 555 \"$2/inner\"; echo 'bad ' >&2; exit 1");
+    EXPECT_EQ(removeError().errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\nbad");
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, ACopyToolThatCannotBeLaunchedIsTriedOnceMore) {
+    tools.uninstall("ditto");
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(removeError().errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\n"
+              "Couldn't launch ditto. No such file or directory");
+    // Each of the two runs tries its launch twice.
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(240));
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, WhatDidNotArriveIsNamed) {
+    writeFile(volume / ".DS_Store", "");
+    tools.play("ditto", "", "cp -a \"$1/.\" \"$2\"; rm \"$2/file\" \"$2/.DS_Store\"");
+    EXPECT_EQ(removeError().errorDescription(),
+              "Data verification failed. Your original folder was left untouched.\n"
+              "Missing: \"file\".");
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, AFolderThatAppearsMeanwhileIsNotTouched) {
+    actions["Creating the folder"] = [this] {
+        fs::create_directory(docs);
+        writeFile(docs / "theirs", "x");
+    };
+    EXPECT_EQ(removeError().errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\n"
+              "File exists");
+    EXPECT_EQ(readFile(docs / "theirs"), "x");
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(RemoveTest, CleanUpGoesOnWhenTheVolumeStays) {
+    tools.play("ditto", "", "exit 1");
+    tools.play("hdiutil", "detach", "exit 1");
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, DetachFailureKeepsBoth) {
+    tools.play("hdiutil", "detach", "echo stuck >&2; exit 1");
+    EXPECT_EQ(removeError().errorDescription(), "Couldn't eject the volume.\nstuck");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
+}
+
+TEST_F(RemoveTest, AnItemThatCannotBeDeletedKeepsBoth) {
+    actions["Deleting the encrypted item…"] = [this] { fs::rename(item, parent / "moved"); };
+    EXPECT_EQ(removeError().errorDescription(),
+              "Your data is safe in the vault (No such file or directory), but the original "
+              "folder \"" +
+                  item.string() + "\" couldn't be deleted. Delete it manually.");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
+}
+
+TEST_F(RemoveTest, CancellingAtAnyStepBeforeTheDeletionUndoesEverything) {
+    for (const char* message :
+         {"Checking the item…", "Opening the item…", "Creating the folder", "Extracting contents…",
+          "Extracting contents… ", "Verifying extracted data…", "Ejecting the item…"}) {
+        cancellation = std::make_unique<Cancellation>();
+        actions = {{message, [this] { cancellation->request(); }}};
+        EXPECT_THROW(remove(), OperationCancelled) << message;
+        expectUntouched();
+        EXPECT_EQ(readFile(volume / "file"), "contents");
+    }
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(RemoveTest, CancellingEndsTheCopyAtOnce) {
+    tools.play("ditto", "", "exec sleep 60");
+    actions["Extracting contents… "] = [this] { cancellation->request(); };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(remove(), OperationCancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, CancellingTooLateChangesNothing) {
+    actions["Deleting the encrypted item…"] = [this] { cancellation->request(); };
+    remove();
+    EXPECT_FALSE(fs::exists(item));
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+}
+
+} // namespace
