@@ -1,0 +1,32 @@
+#pragma once
+
+#include "linux/ditto/Status.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+/// Moves and compares the bytes of regular files, holes as holes. Not thread-safe: it owns the
+/// buffers.
+class FileContents {
+public:
+    FileContents();
+
+    /// Writes the first `original.size` bytes of `source` to the new file `copy`. Space that was
+    /// reserved behind the end is not. Throws FileError; Difference when the source is shorter.
+    void copy(int source, int copy, const Status& original);
+
+    /// Throws Difference unless both files, which are `original.size` bytes long, hold the same.
+    /// Ranges that both files call holes are not read.
+    void compare(int source, int copy, const Status& original);
+
+private:
+    static constexpr std::size_t bufferSize = std::size_t{1} << 20;
+
+    void copyRange(int source, int copy, std::uint64_t from, std::uint64_t to);
+    void compareRange(int source, int copy, std::uint64_t from, std::uint64_t to);
+
+    std::unique_ptr<std::byte[]> first_;
+    std::unique_ptr<std::byte[]> second_;
+};

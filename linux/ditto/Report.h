@@ -1,0 +1,32 @@
+#pragma once
+
+#include <cstddef>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+/// The messages of one run, a line each, in the form "ditto: PATH: TEXT".
+///
+/// Only the first `printedProblems` problems are printed; `finish` tells how many more there were.
+class Report {
+public:
+    static constexpr std::size_t printedProblems = 20;
+
+    /// `out` must outlive the report.
+    explicit Report(std::ostream& out) : out_(out) {}
+
+    /// Something that makes the copy a failure.
+    void problem(std::string_view path, std::string_view text);
+    /// Something worth a line that is no failure.
+    void note(std::string_view path, std::string_view text);
+    void finish();
+    std::size_t problems() const noexcept { return problems_; }
+
+private:
+    std::ostream& out_;
+    std::size_t problems_ = 0;
+};
+
+/// `name` fit for one line on a terminal: control and direction characters, bytes that are no
+/// UTF-8, and the backslash are written as escapes ("\n", "\x1b", "\\").
+std::string printable(std::string_view name);
