@@ -1,0 +1,184 @@
+#include "EncryptedImage.h"
+
+#include <openssl/evp.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+constexpr std::size_t ivUnit = 512;
+constexpr std::size_t ivSize = 16;
+/// Ciphertext is made in pieces of this size, so that the scratch memory stays small.
+constexpr std::size_t pieceSize = 256 * 1024;
+
+enum class Direction { decrypt = 0, encrypt = 1 };
+
+struct CipherContextDeleter {
+    void operator()(EVP_CIPHER_CTX* context) const { EVP_CIPHER_CTX_free(context); }
+};
+using CipherContext = std::unique_ptr<EVP_CIPHER_CTX, CipherContextDeleter>;
+
+[[noreturn]] void failWith(int error, const char* what) {
+    throw std::system_error(error, std::generic_category(), what);
+}
+
+void plain64(std::uint64_t unit, unsigned char (&iv)[ivSize]) {
+    std::memset(iv, 0, sizeof iv);
+    for (std::size_t i = 0; i < 8; ++i) iv[i] = static_cast<unsigned char>(unit >> (8 * i));
+}
+
+CipherContext makeContext(const Secret& key, Direction direction) {
+    CipherContext context(EVP_CIPHER_CTX_new());
+    if (!context) throw std::bad_alloc();
+    if (key.size() != 32 && key.size() != 64) throw std::invalid_argument("volume key size");
+    const EVP_CIPHER* cipher = key.size() == 64 ? EVP_aes_256_xts() : EVP_aes_128_xts();
+    if (EVP_CipherInit_ex(context.get(), cipher, nullptr, key.bytes().data(), nullptr,
+                          direction == Direction::encrypt ? 1 : 0) != 1)
+        throw std::runtime_error("the cipher refused the volume key");
+    return context;
+}
+
+void readFully(int fd, std::byte* into, std::size_t size, std::uint64_t offset) {
+    while (size > 0) {
+        const ssize_t got = ::pread(fd, into, size, static_cast<off_t>(offset));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) failWith(errno, "reading the image");
+        if (got == 0) failWith(EIO, "the image is shorter than its volume");
+        into += got;
+        size -= static_cast<std::size_t>(got);
+        offset += static_cast<std::uint64_t>(got);
+    }
+}
+
+void writeFully(int fd, const std::byte* from, std::size_t size, std::uint64_t offset) {
+    while (size > 0) {
+        const ssize_t put = ::pwrite(fd, from, size, static_cast<off_t>(offset));
+        if (put < 0 && errno == EINTR) continue;
+        if (put < 0) failWith(errno, "writing the image");
+        from += put;
+        size -= static_cast<std::size_t>(put);
+        offset += static_cast<std::uint64_t>(put);
+    }
+}
+
+} // namespace
+
+/// Keyed cipher contexts and scratch memory, lent to one call at a time. Keying a context costs
+/// more than a block, and a context serves one thread only.
+class EncryptedImage::CipherPool {
+public:
+    struct Worker {
+        CipherContext encrypt;
+        CipherContext decrypt;
+        std::vector<std::byte> scratch = std::vector<std::byte>(pieceSize);
+    };
+
+    explicit CipherPool(const Secret& key) : key_(key) { give(make()); }
+
+    std::unique_ptr<Worker> take() {
+        {
+            const std::lock_guard lock(mutex_);
+            if (!idle_.empty()) {
+                auto worker = std::move(idle_.back());
+                idle_.pop_back();
+                return worker;
+            }
+        }
+        return make();
+    }
+
+    void give(std::unique_ptr<Worker> worker) {
+        const std::lock_guard lock(mutex_);
+        idle_.push_back(std::move(worker));
+    }
+
+private:
+    std::unique_ptr<Worker> make() {
+        auto worker = std::make_unique<Worker>();
+        worker->encrypt = makeContext(key_, Direction::encrypt);
+        worker->decrypt = makeContext(key_, Direction::decrypt);
+        return worker;
+    }
+
+    Secret key_;
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<Worker>> idle_;
+};
+
+namespace {
+
+/// Transforms whole sectors, the first of which lies `payloadByte` bytes into the payload.
+void transform(EVP_CIPHER_CTX* context, std::uint64_t payloadByte, std::uint32_t sectorSize,
+               std::span<const std::byte> from, std::byte* into) {
+    unsigned char iv[ivSize];
+    for (std::size_t at = 0; at < from.size(); at += sectorSize) {
+        plain64((payloadByte + at) / ivUnit, iv);
+        int made = 0;
+        if (EVP_CipherInit_ex(context, nullptr, nullptr, nullptr, iv, -1) != 1 ||
+            EVP_CipherUpdate(context, reinterpret_cast<unsigned char*>(into + at), &made,
+                             reinterpret_cast<const unsigned char*>(from.data() + at),
+                             static_cast<int>(sectorSize)) != 1 ||
+            made != static_cast<int>(sectorSize))
+            throw std::runtime_error("the cipher failed");
+    }
+}
+
+} // namespace
+
+EncryptedImage::EncryptedImage(int fd, const Secret& volumeKey, const Geometry& geometry)
+    : fd_(fd), geometry_(geometry), pool_(std::make_unique<CipherPool>(volumeKey)) {
+    geometry_.payloadSize -= geometry_.payloadSize % blockSize;
+}
+
+EncryptedImage::~EncryptedImage() {
+    ::close(fd_);
+}
+
+void EncryptedImage::read(std::uint64_t firstBlock, std::span<std::byte> into) {
+    if (into.size() % blockSize != 0 || firstBlock > blockCount() ||
+        into.size() / blockSize > blockCount() - firstBlock)
+        failWith(EIO, "reading beyond the volume");
+    const std::uint64_t start = firstBlock * blockSize;
+    readFully(fd_, into.data(), into.size(), geometry_.payloadOffset + start);
+    auto worker = pool_->take();
+    transform(worker->decrypt.get(), start, geometry_.sectorSize, into, into.data());
+    pool_->give(std::move(worker));
+}
+
+void EncryptedImage::write(std::uint64_t firstBlock, std::span<const std::byte> from) {
+    if (from.size() % blockSize != 0 || firstBlock > blockCount() ||
+        from.size() / blockSize > blockCount() - firstBlock)
+        failWith(EIO, "writing beyond the volume");
+    auto worker = pool_->take();
+    std::uint64_t start = firstBlock * blockSize;
+    while (!from.empty()) {
+        const auto piece = from.first(std::min(pieceSize, from.size()));
+        transform(worker->encrypt.get(), start, geometry_.sectorSize, piece,
+                  worker->scratch.data());
+        writeFully(fd_, worker->scratch.data(), piece.size(), geometry_.payloadOffset + start);
+        start += piece.size();
+        from = from.subspan(piece.size());
+    }
+    pool_->give(std::move(worker));
+}
+
+void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
+    const auto offset = static_cast<off_t>(geometry_.payloadOffset + firstBlock * blockSize);
+    const auto length = static_cast<off_t>(count * blockSize);
+    if (::lseek(fd_, offset, SEEK_HOLE) >= offset + length) return;
+    if (::fallocate(fd_, FALLOC_FL_KEEP_SIZE, offset, length) != 0 && errno != EOPNOTSUPP)
+        failWith(errno, "reserving room in the image");
+}
+
+void EncryptedImage::sync() {
+    if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
+}

@@ -1,0 +1,52 @@
+#pragma once
+
+#include "Quillvane/Secret.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+/// The plaintext of an encrypted image, as a row of 4096-byte blocks.
+///
+/// Encryption is AES-XTS with the "plain64" initial vector, as dm-crypt does it for a LUKS2 crypt
+/// segment: the vector counts 512-byte units from the start of the payload, whatever the sector
+/// size (Linux, Documentation/admin-guide/device-mapper/dm-crypt.rst, without iv_large_sectors).
+/// All operations may be called from several threads at once. I/O failures are
+/// `std::system_error` with the errno; a short read beyond the file's end is EIO.
+class EncryptedImage {
+public:
+    static constexpr std::size_t blockSize = 4096;
+
+    struct Geometry {
+        std::uint64_t payloadOffset = 0; ///< bytes from the start of the file
+        std::uint64_t payloadSize = 0;   ///< bytes, rounded down to whole blocks
+        std::uint32_t sectorSize = 4096; ///< 512 or 4096: bytes encrypted under one vector
+    };
+
+    /// Takes ownership of `fd` and keeps it open, with whatever lock it carries, until destroyed.
+    /// `volumeKey` has 32 bytes (AES-128-XTS) or 64 bytes (AES-256-XTS).
+    EncryptedImage(int fd, const Secret& volumeKey, const Geometry& geometry);
+    ~EncryptedImage();
+    EncryptedImage(const EncryptedImage&) = delete;
+    EncryptedImage& operator=(const EncryptedImage&) = delete;
+
+    int fd() const noexcept { return fd_; }
+    std::uint64_t blockCount() const noexcept { return geometry_.payloadSize / blockSize; }
+
+    /// `into` and `from` are whole blocks.
+    void read(std::uint64_t firstBlock, std::span<std::byte> into);
+    void write(std::uint64_t firstBlock, std::span<const std::byte> from);
+    /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
+    /// Costs little when it has long had.
+    void reserve(std::uint64_t firstBlock, std::uint64_t count);
+    /// Returns when everything written is on the disk.
+    void sync();
+
+private:
+    class CipherPool;
+
+    int fd_;
+    Geometry geometry_;
+    std::unique_ptr<CipherPool> pool_;
+};

@@ -1,0 +1,252 @@
+// What is in the files of a volume: reading, writing, truncating, reserving, finding holes.
+
+#include "Ext4Volume.h"
+
+#include "Ext2Error.h"
+#include "FileBlocks.h"
+
+#include <linux/falloc.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace {
+
+constexpr std::uint64_t blockSize = BlockCache::blockSize;
+constexpr std::uint64_t largestFile = FileBlocks::lastBlock * blockSize;
+
+std::uint64_t blocksFor(std::uint64_t bytes) {
+    return (bytes + blockSize - 1) / blockSize;
+}
+
+void requireFile(const Ext4Inode& inode) {
+    if (inode.isDirectory()) failWith(EISDIR);
+    if (!inode.isRegular()) failWith(EINVAL);
+}
+
+} // namespace
+
+/// Fills `into` (whole blocks) with what the file has from `firstBlock` on; holes are zeros.
+void Ext4Volume::readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into) {
+    FileBlocks map(fs_, inode);
+    for (std::uint64_t block = firstBlock; !into.empty();) {
+        const FileBlocks::Run run = map.find(block, into.size() / blockSize);
+        const auto part = into.first(run.count * blockSize);
+        if (run.kind == FileBlocks::Kind::data)
+            image_.read(run.physical, part);
+        else
+            std::fill(part.begin(), part.end(), std::byte{0});
+        into = into.subspan(part.size());
+        block += run.count;
+    }
+}
+
+std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<std::byte> into) {
+    const std::lock_guard lock(mutex_);
+    Ext4Inode inode = load(number);
+    requireFile(inode);
+    if (offset >= inode.size()) return 0;
+    const std::size_t count = std::min<std::uint64_t>(into.size(), inode.size() - offset);
+    const std::uint64_t first = offset / blockSize;
+    const std::size_t within = offset % blockSize;
+    const std::size_t whole = (blocksFor(offset + count) - first) * blockSize;
+    if (whole <= into.size()) {
+        readMapped(inode, first, into.first(whole)); // what the end of the block holds is not told
+        if (within != 0) std::memmove(into.data(), into.data() + within, count);
+        return count;
+    }
+    std::vector<std::byte> blocks(whole);
+    readMapped(inode, first, blocks);
+    std::memcpy(into.data(), blocks.data() + within, count);
+    return count;
+}
+
+/// File contents go past the cache, which must not keep what the block held in an earlier life.
+void Ext4Volume::writeThrough(std::uint64_t physical, std::span<const std::byte> from) {
+    cache_.forget(physical, from.size() / blockSize);
+    image_.write(physical, from);
+}
+
+/// Writes the beginning of `from` into the run of blocks at `block`; answers how many bytes.
+std::size_t Ext4Volume::writeRun(FileBlocks& map, std::uint64_t block,
+                                 std::span<const std::byte> from) {
+    FileBlocks::Run run = map.find(block, from.size() / blockSize);
+    if (run.kind != FileBlocks::Kind::hole) {
+        from = from.first(run.count * blockSize);
+        writeThrough(run.physical, from);
+        if (run.kind == FileBlocks::Kind::unwritten) map.markWritten(run);
+        return from.size();
+    }
+    run = map.extend(block, run.count, [&](const FileBlocks::Run& added) {
+        writeThrough(added.physical, from.first(added.count * blockSize));
+    });
+    return run.count * blockSize;
+}
+
+/// Answers how many bytes were written before the disk was full; throws if none.
+std::size_t Ext4Volume::writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
+                                    std::span<const std::byte> from) {
+    FileBlocks map(fs_, inode);
+    std::size_t written = 0;
+    try {
+        while (written < from.size())
+            written += writeRun(map, firstBlock + written / blockSize, from.subspan(written));
+    } catch (const std::exception&) {
+        // What is in the file by now counts; the caller learns the rest from the short count.
+        if (written == 0) throw;
+    }
+    return written;
+}
+
+std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
+                              std::span<const std::byte> from) {
+    const std::lock_guard lock(mutex_);
+    Ext4Inode inode = load(number);
+    requireFile(inode);
+    if (from.empty()) return 0;
+    if (offset > largestFile || from.size() > largestFile - offset) failWith(EFBIG);
+    beginChange();
+    const std::uint64_t end = offset + from.size();
+    const std::uint64_t first = offset / blockSize;
+    const std::size_t within = offset % blockSize;
+    std::size_t written = 0;
+    if (within == 0 && from.size() % blockSize == 0) {
+        written = writeBlocks(inode, first, from);
+    } else {
+        std::vector<std::byte> blocks((blocksFor(end) - first) * blockSize);
+        const auto all = std::span(blocks);
+        if (within != 0) readMapped(inode, first, all.first(blockSize));
+        if (end % blockSize != 0 && end < inode.size() && (within == 0 || all.size() > blockSize))
+            readMapped(inode, end / blockSize, all.last(blockSize));
+        std::memcpy(blocks.data() + within, from.data(), from.size());
+        const std::size_t done = writeBlocks(inode, first, all);
+        written = std::min(from.size(), done - within);
+    }
+    if (offset + written > inode.size()) Ext4Inodes::setSize(fs_, inode, offset + written);
+    const timespec now = Ext4Inodes::now();
+    inode.setModified(now);
+    inode.setChanged(now);
+    store(inode);
+    return written;
+}
+
+/// Zeroes bytes of one block of the file, if the block holds data.
+void Ext4Volume::zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to) {
+    if (from >= to) return;
+    FileBlocks map(fs_, inode);
+    const FileBlocks::Run run = map.find(from / blockSize, 1);
+    if (run.kind != FileBlocks::Kind::data) return;
+    std::vector<std::byte> block(blockSize);
+    image_.read(run.physical, block);
+    std::fill_n(block.begin() + static_cast<std::ptrdiff_t>(from % blockSize), to - from,
+                std::byte{0});
+    writeThrough(run.physical, block);
+}
+
+void Ext4Volume::truncate(Ext4Inode& inode, std::uint64_t size) {
+    requireFile(inode);
+    if (size > largestFile) failWith(EFBIG);
+    // Beyond the end of the file its last block is zeros, so that a longer file reads zeros there.
+    const std::uint64_t end = std::min(size, inode.size());
+    zeroWithin(inode, end, blocksFor(end) * blockSize);
+    if (size < inode.size()) FileBlocks(fs_, inode).punch(blocksFor(size), FileBlocks::lastBlock);
+    Ext4Inodes::setSize(fs_, inode, size);
+}
+
+struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes) {
+    const std::lock_guard lock(mutex_);
+    Ext4Inode inode = load(number);
+    beginChange();
+    const timespec now = Ext4Inodes::now();
+    if (changes.size) {
+        truncate(inode, *changes.size);
+        inode.setModified(now);
+    }
+    if (changes.mode)
+        inode.raw.i_mode = static_cast<__u16>((inode.mode() & S_IFMT) | (*changes.mode & 07777));
+    if (changes.owner) inode.setOwner(*changes.owner);
+    if (changes.group) inode.setGroup(*changes.group);
+    if (changes.accessed) inode.setAccessed(*changes.accessed);
+    if (changes.modified) inode.setModified(*changes.modified);
+    inode.setChanged(now);
+    store(inode);
+    if (changes.mode) followModeInAcl(inode);
+    return load(number).attributes();
+}
+
+void Ext4Volume::punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
+    const std::uint64_t firstWhole = blocksFor(offset);
+    const std::uint64_t lastWhole = end / blockSize; // not included
+    if (firstWhole > lastWhole) return zeroWithin(inode, offset, end);
+    zeroWithin(inode, offset, firstWhole * blockSize);
+    zeroWithin(inode, lastWhole * blockSize, end);
+    if (firstWhole < lastWhole) FileBlocks(fs_, inode).punch(firstWhole, lastWhole - 1);
+}
+
+void Ext4Volume::reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
+    if (!inode.usesExtents()) failWith(EOPNOTSUPP);
+    FileBlocks map(fs_, inode);
+    const std::uint64_t last = blocksFor(end);
+    for (std::uint64_t block = offset / blockSize; block < last;) {
+        FileBlocks::Run run = map.find(block, last - block);
+        if (run.kind == FileBlocks::Kind::hole) {
+            run = map.extend(block, run.count, [&](FileBlocks::Run& added) {
+                added.kind = FileBlocks::Kind::unwritten;
+                image_.reserve(added.physical, added.count);
+            });
+        }
+        block += run.count;
+    }
+}
+
+void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std::uint64_t length) {
+    const std::lock_guard lock(mutex_);
+    Ext4Inode inode = load(number);
+    requireFile(inode);
+    if (length == 0) failWith(EINVAL);
+    if (offset > largestFile || length > largestFile - offset) failWith(EFBIG);
+    const std::uint64_t end = offset + length;
+    const bool keepSize = (mode & FALLOC_FL_KEEP_SIZE) != 0;
+    const int action = mode & ~FALLOC_FL_KEEP_SIZE;
+    if (action != 0 && action != FALLOC_FL_PUNCH_HOLE && action != FALLOC_FL_ZERO_RANGE)
+        failWith(EOPNOTSUPP);
+    if (action == FALLOC_FL_PUNCH_HOLE && !keepSize) failWith(EOPNOTSUPP);
+    beginChange();
+    if (action != FALLOC_FL_PUNCH_HOLE &&
+        blocksFor(length) > ext2fs_free_blocks_count(fs_->super) + inode.attributes().st_blocks / 8)
+        failWith(ENOSPC);
+    if (action != 0) punchRange(inode, offset, end);
+    if (action != FALLOC_FL_PUNCH_HOLE) {
+        try {
+            reserveRange(inode, offset, end);
+        } catch (...) {
+            store(inode); // what could be reserved stays so
+            throw;
+        }
+        if (!keepSize && end > inode.size()) Ext4Inodes::setSize(fs_, inode, end);
+    }
+    const timespec now = Ext4Inodes::now();
+    inode.setModified(now);
+    inode.setChanged(now);
+    store(inode);
+}
+
+std::uint64_t Ext4Volume::seek(ext2_ino_t number, std::uint64_t offset, int whence) {
+    const std::lock_guard lock(mutex_);
+    Ext4Inode inode = load(number);
+    requireFile(inode);
+    if (whence != SEEK_DATA && whence != SEEK_HOLE) failWith(EINVAL);
+    if (offset >= inode.size()) failWith(ENXIO);
+    FileBlocks map(fs_, inode);
+    const std::uint64_t end = blocksFor(inode.size());
+    for (std::uint64_t block = offset / blockSize; block < end;) {
+        const FileBlocks::Run run = map.find(block, end - block);
+        if ((run.kind == FileBlocks::Kind::data) == (whence == SEEK_DATA))
+            return std::max(offset, block * blockSize);
+        block += run.count;
+    }
+    if (whence == SEEK_DATA) failWith(ENXIO);
+    return inode.size();
+}

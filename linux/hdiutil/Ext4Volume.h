@@ -1,0 +1,214 @@
+#pragma once
+
+#include "BlockCache.h"
+#include "Directory.h"
+#include "EncryptedImage.h"
+#include "Ext4Inode.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/types.h>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+/// The structures on the volume contradict themselves or use features unknown here; the text says
+/// what was found.
+class VolumeCorrupt : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
+/// An ext4 file system on an encrypted image, with the operations that a mounted one needs.
+///
+/// Inodes are named by their ext4 number. Every operation holds the volume's one lock, so any
+/// thread may call any of them. They fail with `std::system_error`, whose code is the errno for the
+/// caller of the system call. Names are bytes, at most 255 of them.
+///
+/// File contents reach the image before `write` returns; structure is written behind, by `sync`,
+/// `syncFile` and `close`. There is no journalling: after a crash the volume needs `e2fsck`, and
+/// `needsCheck` says so.
+class Ext4Volume {
+public:
+    /// Who asks, for the owner of what is created.
+    struct Caller {
+        uid_t user = 0;
+        gid_t group = 0;
+        mode_t umask = 0;
+    };
+    /// What `setAttributes` is to change; what is absent stays.
+    struct Changes {
+        std::optional<mode_t> mode;
+        std::optional<uid_t> owner;
+        std::optional<gid_t> group;
+        std::optional<std::uint64_t> size;
+        std::optional<timespec> accessed;
+        std::optional<timespec> modified;
+    };
+    struct NewEntry {
+        mode_t mode = 0; ///< type and permissions, before umask and default ACL
+        dev_t device = 0;
+        std::string_view symlinkTarget;
+    };
+
+    /// The number of the root directory.
+    static constexpr ext2_ino_t root = EXT2_ROOT_INO;
+    static constexpr std::size_t longestName = EXT2_NAME_LEN;
+
+    /// Whether the volume was not closed, or has a journal to replay. Throws like `open`.
+    static bool needsCheck(EncryptedImage& image);
+    /// `image` must outlive the volume. Throws `VolumeCorrupt`, or `std::system_error` on I/O.
+    static std::unique_ptr<Ext4Volume> open(EncryptedImage& image, bool readOnly);
+    /// Closes as well as it can without a report; call `close` first.
+    ~Ext4Volume();
+    Ext4Volume(const Ext4Volume&) = delete;
+    Ext4Volume& operator=(const Ext4Volume&) = delete;
+
+    /// Writes everything, marks the volume clean and ends it. After a failure the volume stays open
+    /// with nothing lost, and `close` may be called again. The last call on a volume that succeeds.
+    void close();
+    /// Returns when everything is on the disk.
+    void sync();
+    /// To be told of each operation's failure: after those that can leave a change half-way the
+    /// volume is closed as one that `needsCheck`.
+    void noteFailure(int error);
+    /// Whether anything changed since the last `sync`.
+    bool dirty();
+    bool readOnly() const noexcept { return readOnly_; }
+
+    /// The volume's name in full; an ext4 label holds only its first 16 bytes.
+    std::string name();
+    void setName(std::string_view name);
+    struct statvfs statistics();
+
+    /// What `lookup`, `create` and `link` answer is referenced once more by the caller, as is what
+    /// `reference` names, until `forget` gives the references back. An inode that has lost its last
+    /// name is freed with its last reference.
+    std::optional<struct stat> lookup(ext2_ino_t parent, std::string_view name);
+    struct stat reference(ext2_ino_t inode);
+    void forget(ext2_ino_t inode, std::uint64_t references);
+    /// Tells apart the inodes that bear one number one after the other.
+    std::uint64_t generation(ext2_ino_t inode);
+
+    struct stat attributes(ext2_ino_t inode);
+    struct stat setAttributes(ext2_ino_t inode, const Changes& changes);
+    std::string readLink(ext2_ino_t inode);
+
+    struct stat create(ext2_ino_t parent, std::string_view name, const NewEntry& entry,
+                       const Caller& caller);
+    struct stat link(ext2_ino_t inode, ext2_ino_t parent, std::string_view name);
+    void unlink(ext2_ino_t parent, std::string_view name);
+    void removeDirectory(ext2_ino_t parent, std::string_view name);
+    /// `flags` are 0, RENAME_NOREPLACE or RENAME_EXCHANGE.
+    void rename(ext2_ino_t parent, std::string_view name, ext2_ino_t newParent,
+                std::string_view newName, unsigned flags);
+    /// As `Directory::visit`; an empty "lost+found" of the root is left out.
+    void readDirectory(ext2_ino_t inode, std::uint64_t from,
+                       const std::function<bool(const Directory::Entry&)>& visit);
+
+    /// Reads at most `into.size()` bytes; fewer only at the end of the file.
+    std::size_t read(ext2_ino_t inode, std::uint64_t offset, std::span<std::byte> into);
+    /// Answers how many bytes were written; fewer than asked when the disk fills up in the middle.
+    std::size_t write(ext2_ino_t inode, std::uint64_t offset, std::span<const std::byte> from);
+    /// `mode` is that of fallocate(2): 0, KEEP_SIZE, PUNCH_HOLE, ZERO_RANGE; others EOPNOTSUPP.
+    void allocate(ext2_ino_t inode, int mode, std::uint64_t offset, std::uint64_t length);
+    /// SEEK_DATA or SEEK_HOLE; ENXIO beyond the end.
+    std::uint64_t seek(ext2_ino_t inode, std::uint64_t offset, int whence);
+    /// Returns when the file's contents and attributes are on the disk.
+    void syncFile(ext2_ino_t inode);
+
+    /// ENODATA when there is no such attribute.
+    std::vector<std::byte> attribute(ext2_ino_t inode, const std::string& name);
+    /// Each name with a closing NUL. Names of the "trusted" kind are for the privileged only.
+    std::string attributeNames(ext2_ino_t inode, bool privileged);
+    /// `flags` are 0, XATTR_CREATE or XATTR_REPLACE.
+    void setAttribute(ext2_ino_t inode, const std::string& name, std::span<const std::byte> value,
+                      int flags);
+    void removeAttribute(ext2_ino_t inode, const std::string& name);
+
+private:
+    struct AttributeHandleDeleter {
+        void operator()(ext2_xattr_handle* handle) const { ext2fs_xattrs_close(&handle); }
+    };
+    using AttributeHandle = std::unique_ptr<ext2_xattr_handle, AttributeHandleDeleter>;
+
+    Ext4Volume(EncryptedImage& image, bool readOnly);
+
+    // All below expect the lock to be held.
+    void beginChange();
+    void reserveBitmaps();
+    void flushStructure();
+    std::uint64_t overheadBlocks();
+
+    Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
+    void store(Ext4Inode& inode) { Ext4Inodes::store(fs_, inode); }
+    Directory& directory(ext2_ino_t inode);
+    bool hidden(ext2_ino_t parent, std::string_view name, ext2_ino_t inode);
+    std::optional<ext2_ino_t> findVisible(ext2_ino_t parent, std::string_view name);
+    ext2_ino_t findExisting(ext2_ino_t parent, std::string_view name);
+    void makeRoomForName(ext2_ino_t parent, std::string_view name);
+    void addName(ext2_ino_t parent, std::string_view name, const Ext4Inode& target);
+    void touchDirectory(ext2_ino_t inode, int linkChange);
+    void dropName(ext2_ino_t parent, std::string_view name);
+    void dropLink(Ext4Inode& inode);
+    void replaceTarget(ext2_ino_t newParent, std::string_view newName, const Ext4Inode& moved,
+                       Ext4Inode& target);
+    void exchange(ext2_ino_t parent, std::string_view name, ext2_ino_t newParent,
+                  std::string_view newName);
+    void moveParent(const Ext4Inode& moved, ext2_ino_t from, ext2_ino_t to);
+
+    Ext4Inode makeInode(ext2_ino_t parent, mode_t mode, const Caller& caller);
+    void fillNewInode(Ext4Inode& inode, ext2_ino_t parent, const NewEntry& entry);
+    void writeSymlink(Ext4Inode& inode, std::string_view target);
+    void freeInode(Ext4Inode& inode);
+    void freeIfUnused(ext2_ino_t inode);
+
+    void readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into);
+    std::size_t writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
+                            std::span<const std::byte> from);
+    std::size_t writeRun(class FileBlocks& map, std::uint64_t block,
+                         std::span<const std::byte> from);
+    void writeThrough(std::uint64_t physical, std::span<const std::byte> from);
+    void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
+    void truncate(Ext4Inode& inode, std::uint64_t size);
+    void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
+    void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
+
+    AttributeHandle openAttributes(const Ext4Inode& inode);
+    bool mayHaveAttributes(const Ext4Inode& inode);
+    std::optional<std::vector<std::byte>> readAttribute(const Ext4Inode& inode,
+                                                        const std::string& name);
+    void writeAttribute(const Ext4Inode& inode, const std::string& name,
+                        std::span<const std::byte> value);
+    void eraseAttribute(const Ext4Inode& inode, const std::string& name);
+    void stampChange(ext2_ino_t inode);
+    /// Applies the parent's default ACL to a new inode; answers whether there was one.
+    bool inheritAcl(ext2_ino_t parent, Ext4Inode& inode);
+    void setAccessAcl(ext2_ino_t inode, std::span<const std::byte> acl);
+    void followModeInAcl(Ext4Inode& inode);
+
+    EncryptedImage& image_;
+    const bool readOnly_;
+    std::mutex mutex_;
+    BlockCache cache_;
+    ext2_filsys fs_ = nullptr;
+    std::unique_ptr<DirectoryCache> directories_;
+    std::unordered_map<ext2_ino_t, std::uint64_t> references_;
+    /// Inodes without a name that are still referenced.
+    std::unordered_set<ext2_ino_t> nameless_;
+    std::uint64_t overhead_ = 0;
+    bool marked_ = false;   ///< the volume on the disk says that it is in use
+    bool suspect_ = false;  ///< a change may have been left half-way
+    bool unsynced_ = false; ///< something was changed since the last sync
+};

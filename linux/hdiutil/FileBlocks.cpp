@@ -1,0 +1,200 @@
+#include "FileBlocks.h"
+
+#include "Ext2Error.h"
+
+#include <algorithm>
+#include <cerrno>
+
+namespace {
+
+constexpr std::uint64_t longestData = EXT_INIT_MAX_LEN;
+constexpr std::uint64_t longestUnwritten = EXT_UNINIT_MAX_LEN;
+/// Requests of at least this many blocks first look for one free row that holds them all.
+constexpr std::uint64_t worthOneRow = 16;
+
+bool isUnwritten(const ext2fs_extent& extent) {
+    return (extent.e_flags & EXT2_EXTENT_FLAGS_UNINIT) != 0;
+}
+
+} // namespace
+
+FileBlocks::~FileBlocks() {
+    if (handle_ != nullptr) ext2fs_extent_free(handle_);
+}
+
+ext2_extent_handle_t FileBlocks::handle() {
+    if (handle_ == nullptr) check(ext2fs_extent_open2(fs_, inode_.number, inode_.base(), &handle_));
+    return handle_;
+}
+
+/// Puts the handle on the extent that holds `logical`, or else on the first one behind it.
+std::optional<ext2fs_extent> FileBlocks::seek(std::uint64_t logical) {
+    ext2fs_extent extent{};
+    const errcode_t found = ext2fs_extent_goto(handle(), logical);
+    if (found != 0 && found != EXT2_ET_EXTENT_NOT_FOUND) check(found);
+    const errcode_t code = ext2fs_extent_get(handle_, EXT2_EXTENT_CURRENT, &extent);
+    if (code == EXT2_ET_NO_CURRENT_NODE) return std::nullopt; // the file has no blocks at all
+    check(code);
+    if (found == 0 || extent.e_lblk > logical) return extent;
+    return following();
+}
+
+/// Moves the handle to the next extent. EXT2_EXTENT_NEXT_LEAF does not serve: after a goto it turns
+/// back to the beginning of the last leaf.
+std::optional<ext2fs_extent> FileBlocks::following() {
+    ext2fs_extent extent{};
+    errcode_t code = ext2fs_extent_get(handle_, EXT2_EXTENT_NEXT_SIB, &extent);
+    while (code == EXT2_ET_EXTENT_NO_NEXT) {
+        code = ext2fs_extent_get(handle_, EXT2_EXTENT_UP, &extent);
+        if (code == EXT2_ET_EXTENT_NO_UP) return std::nullopt;
+        check(code);
+        code = ext2fs_extent_get(handle_, EXT2_EXTENT_NEXT_SIB, &extent);
+    }
+    check(code);
+    while ((extent.e_flags & EXT2_EXTENT_FLAGS_LEAF) == 0)
+        check(ext2fs_extent_get(handle_, EXT2_EXTENT_DOWN, &extent));
+    return extent;
+}
+
+FileBlocks::Run FileBlocks::find(std::uint64_t logical, std::uint64_t limit) {
+    Run run{Kind::hole, logical, 0, limit};
+    if (!inode_.usesExtents()) {
+        blk64_t physical = 0;
+        check(ext2fs_bmap2(fs_, inode_.number, inode_.base(), nullptr, 0, logical, nullptr,
+                           &physical));
+        run.count = std::min<std::uint64_t>(limit, 1);
+        if (physical != 0) run = {Kind::data, logical, physical, run.count};
+        return run;
+    }
+    const auto extent = seek(logical);
+    if (!extent) return run;
+    if (extent->e_lblk > logical) {
+        run.count = std::min<std::uint64_t>(limit, extent->e_lblk - logical);
+        return run;
+    }
+    const std::uint64_t within = logical - extent->e_lblk;
+    run.kind = isUnwritten(*extent) ? Kind::unwritten : Kind::data;
+    run.physical = extent->e_pblk + within;
+    run.count = std::min<std::uint64_t>(limit, extent->e_len - within);
+    return run;
+}
+
+FileBlocks::Run FileBlocks::allocate(std::uint64_t logical, std::uint64_t count) {
+    // A block list is changed block by block, and could not go back in the middle of a run.
+    count = inode_.usesExtents() ? std::min(count, longestUnwritten) : 1;
+    const blk64_t goal = ext2fs_find_inode_goal(fs_, inode_.number, inode_.base(), logical);
+    blk64_t physical = 0;
+    blk64_t got = 0;
+    errcode_t code = EXT2_ET_BLOCK_ALLOC_FAIL;
+    if (count >= worthOneRow)
+        code =
+            ext2fs_new_range(fs_, EXT2_NEWRANGE_MIN_LENGTH, goal, count, nullptr, &physical, &got);
+    if (code == EXT2_ET_BLOCK_ALLOC_FAIL)
+        code = ext2fs_new_range(fs_, 0, goal, count, nullptr, &physical, &got);
+    check(code);
+    got = std::min<blk64_t>(got, count);
+    ext2fs_block_alloc_stats_range(fs_, physical, static_cast<blk_t>(got), +1);
+    return {Kind::data, logical, physical, got};
+}
+
+void FileBlocks::release(const Run& run) {
+    ext2fs_block_alloc_stats_range(fs_, run.physical, static_cast<blk_t>(run.count), -1);
+}
+
+void FileBlocks::insert(const Run& run) {
+    if (inode_.usesExtents()) {
+        insertExtent(run);
+    } else {
+        blk64_t physical = run.physical;
+        check(ext2fs_bmap2(fs_, inode_.number, inode_.base(), nullptr, BMAP_SET | BMAP_ALLOC,
+                           run.logical, nullptr, &physical));
+    }
+    check(ext2fs_iblk_add_blocks(fs_, inode_.base(), run.count));
+}
+
+/// Lengthens the extent `left`, at which the handle stands, when `run` continues it.
+bool FileBlocks::growLeft(const Run& run, const ext2fs_extent& left) {
+    const bool unwritten = run.kind == Kind::unwritten;
+    if (left.e_lblk + left.e_len != run.logical || left.e_pblk + left.e_len != run.physical ||
+        isUnwritten(left) != unwritten ||
+        left.e_len + run.count > (unwritten ? longestUnwritten : longestData))
+        return false;
+    ext2fs_extent longer = left;
+    longer.e_len += static_cast<__u32>(run.count);
+    check(ext2fs_extent_replace(handle_, 0, &longer));
+    return true;
+}
+
+void FileBlocks::insertExtent(const Run& run) {
+    ext2fs_extent extent{};
+    extent.e_lblk = run.logical;
+    extent.e_pblk = run.physical;
+    extent.e_len = static_cast<__u32>(run.count);
+    extent.e_flags = EXT2_EXTENT_FLAGS_LEAF;
+    if (run.kind == Kind::unwritten) extent.e_flags |= EXT2_EXTENT_FLAGS_UNINIT;
+
+    const errcode_t found = ext2fs_extent_goto(handle(), run.logical);
+    if (found == 0) failWith(EUCLEAN); // the caller saw a hole here
+    if (found != EXT2_ET_EXTENT_NOT_FOUND) check(found);
+    ext2fs_extent near{};
+    int place = 0;
+    const errcode_t code = ext2fs_extent_get(handle_, EXT2_EXTENT_CURRENT, &near);
+    if (code == 0 && near.e_lblk < run.logical) {
+        if (growLeft(run, near)) return;
+        place = EXT2_EXTENT_INSERT_AFTER;
+    } else if (code != 0 && code != EXT2_ET_NO_CURRENT_NODE) {
+        check(code);
+    }
+    check(ext2fs_extent_insert(handle_, place, &extent));
+    check(ext2fs_extent_fix_parents(handle_));
+}
+
+void FileBlocks::markWritten(const Run& run) {
+    for (std::uint64_t i = 0; i < run.count; ++i)
+        check(ext2fs_extent_set_bmap(handle(), run.logical + i, run.physical + i, 0));
+}
+
+// ext2fs_punch of libext2fs 1.47.0 refuses an extent that ends with the volume's last block, so
+// extents are cut here.
+void FileBlocks::punch(std::uint64_t first, std::uint64_t last) {
+    if (!inode_.usesExtents()) {
+        check(ext2fs_punch(fs_, inode_.number, inode_.base(), nullptr, first, last));
+        return;
+    }
+    for (std::uint64_t at = first; at <= last;) {
+        const auto extent = seek(at);
+        if (!extent || extent->e_lblk > last) return;
+        const std::uint64_t from = std::max<std::uint64_t>(at, extent->e_lblk);
+        const std::uint64_t to = std::min<std::uint64_t>(last, extent->e_lblk + extent->e_len - 1);
+        cut(*extent, from, to);
+        at = to + 1;
+    }
+}
+
+/// Takes the blocks from `from` to `to` out of `extent`, on which the handle stands.
+void FileBlocks::cut(const ext2fs_extent& extent, std::uint64_t from, std::uint64_t to) {
+    const std::uint64_t before = from - extent.e_lblk;
+    const std::uint64_t after = extent.e_lblk + extent.e_len - 1 - to;
+    ext2fs_extent rest = extent;
+    rest.e_lblk = to + 1;
+    rest.e_pblk = extent.e_pblk + extent.e_len - after;
+    rest.e_len = static_cast<__u32>(after);
+    if (before == 0 && after == 0) {
+        check(ext2fs_extent_delete(handle_, 0));
+    } else if (before == 0) {
+        check(ext2fs_extent_replace(handle_, 0, &rest));
+    } else {
+        if (after > 0) {
+            check(ext2fs_extent_insert(handle_, EXT2_EXTENT_INSERT_AFTER, &rest));
+            check(ext2fs_extent_fix_parents(handle_));
+            check(ext2fs_extent_goto(handle_, extent.e_lblk));
+        }
+        ext2fs_extent kept = extent;
+        kept.e_len = static_cast<__u32>(before);
+        check(ext2fs_extent_replace(handle_, 0, &kept));
+    }
+    const errcode_t code = ext2fs_extent_fix_parents(handle_);
+    if (code != EXT2_ET_NO_CURRENT_NODE) check(code); // the last extent may be gone
+    release({Kind::data, from, extent.e_pblk + before, to - from + 1});
+    check(ext2fs_iblk_sub_blocks(fs_, inode_.base(), to - from + 1));
+}

@@ -1,0 +1,451 @@
+#include "FuseOperations.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+/// We are the only writer, so what the kernel knows of the volume stays true.
+constexpr double forever = 365.0 * 24 * 3600;
+constexpr unsigned largestRequest = 1024 * 1024;
+constexpr int notKnown = ENOSYS; // the kernel asks no more
+
+FuseOperations::Context& contextOf(fuse_req_t request) {
+    return *static_cast<FuseOperations::Context*>(fuse_req_userdata(request));
+}
+
+Ext4Volume& volumeOf(fuse_req_t request) {
+    return contextOf(request).volume;
+}
+
+/// FUSE numbers the root 1, ext4 numbers it 2; ext4's 1 is never shown.
+ext2_ino_t inodeOf(fuse_ino_t node) {
+    return node == FUSE_ROOT_ID ? Ext4Volume::root : static_cast<ext2_ino_t>(node);
+}
+
+fuse_ino_t nodeOf(ext2_ino_t inode) {
+    return inode == Ext4Volume::root ? FUSE_ROOT_ID : inode;
+}
+
+Ext4Volume::Caller callerOf(fuse_req_t request) {
+    const fuse_ctx* context = fuse_req_ctx(request);
+    return {context->uid, context->gid, context->umask};
+}
+
+/// The one way in which a request is answered: `work` replies, or throws.
+template <typename Work> void answer(fuse_req_t request, Work work) noexcept {
+    int error = EIO;
+    try {
+        work();
+        return;
+    } catch (const std::system_error& failure) {
+        error = failure.code().value();
+    } catch (const std::bad_alloc&) {
+        error = ENOMEM;
+    } catch (const std::exception&) {
+        error = EIO;
+    }
+    volumeOf(request).noteFailure(error);
+    fuse_reply_err(request, error);
+}
+
+/// For work that has nothing to say but that it is done.
+template <typename Work> void confirm(fuse_req_t request, Work work) noexcept {
+    answer(request, [&] {
+        work();
+        fuse_reply_err(request, 0);
+    });
+}
+
+fuse_entry_param entryFor(Ext4Volume& volume, const struct stat& attributes) {
+    fuse_entry_param entry{};
+    const auto inode = static_cast<ext2_ino_t>(attributes.st_ino);
+    entry.ino = nodeOf(inode);
+    entry.generation = volume.generation(inode);
+    entry.attr = attributes;
+    entry.attr_timeout = forever;
+    entry.entry_timeout = forever;
+    return entry;
+}
+
+void replyEntry(fuse_req_t request, const struct stat& attributes) {
+    const fuse_entry_param entry = entryFor(volumeOf(request), attributes);
+    Ext4Volume& volume = volumeOf(request);
+    // A request that was given up holds no reference.
+    if (fuse_reply_entry(request, &entry) == -ENOENT) volume.forget(inodeOf(entry.ino), 1);
+}
+
+void init(void*, fuse_conn_info* connection) {
+    connection->want &=
+        ~static_cast<unsigned>(FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_ATOMIC_O_TRUNC |
+                               FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_WRITEBACK_CACHE |
+                               FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+    connection->want |= connection->capable &
+                        static_cast<unsigned>(FUSE_CAP_POSIX_ACL | FUSE_CAP_DONT_MASK |
+                                              FUSE_CAP_IOCTL_DIR | FUSE_CAP_READDIRPLUS |
+                                              FUSE_CAP_CACHE_SYMLINKS | FUSE_CAP_PARALLEL_DIROPS);
+    connection->max_write = largestRequest;
+    connection->max_readahead = largestRequest;
+    connection->time_gran = 1;
+}
+
+void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        const auto found = volumeOf(request).lookup(inodeOf(parent), name);
+        if (found) return replyEntry(request, *found);
+        fuse_entry_param nothing{}; // the kernel may remember that there is nothing
+        nothing.entry_timeout = forever;
+        fuse_reply_entry(request, &nothing);
+    });
+}
+
+/// Nobody waits for an answer; an inode that could not be freed now is freed at the end.
+void release(Ext4Volume& volume, fuse_ino_t node, std::uint64_t count) noexcept {
+    try {
+        volume.forget(inodeOf(node), count);
+    } catch (const std::exception&) {
+        volume.noteFailure(EIO);
+    }
+}
+
+void forget(fuse_req_t request, fuse_ino_t node, std::uint64_t count) {
+    release(volumeOf(request), node, count);
+    fuse_reply_none(request);
+}
+
+void forgetMany(fuse_req_t request, std::size_t count, fuse_forget_data* forgets) {
+    for (std::size_t i = 0; i < count; ++i)
+        release(volumeOf(request), forgets[i].ino, forgets[i].nlookup);
+    fuse_reply_none(request);
+}
+
+void getAttributes(fuse_req_t request, fuse_ino_t node, fuse_file_info*) {
+    answer(request, [&] {
+        const struct stat attributes = volumeOf(request).attributes(inodeOf(node));
+        fuse_reply_attr(request, &attributes, forever);
+    });
+}
+
+void setAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int which,
+                   fuse_file_info*) {
+    answer(request, [&] {
+        Ext4Volume::Changes changes;
+        if ((which & FUSE_SET_ATTR_MODE) != 0) changes.mode = wanted->st_mode;
+        if ((which & FUSE_SET_ATTR_UID) != 0) changes.owner = wanted->st_uid;
+        if ((which & FUSE_SET_ATTR_GID) != 0) changes.group = wanted->st_gid;
+        if ((which & FUSE_SET_ATTR_SIZE) != 0)
+            changes.size = static_cast<std::uint64_t>(wanted->st_size);
+        if ((which & FUSE_SET_ATTR_ATIME) != 0) changes.accessed = wanted->st_atim;
+        if ((which & FUSE_SET_ATTR_MTIME) != 0) changes.modified = wanted->st_mtim;
+        if ((which & FUSE_SET_ATTR_ATIME_NOW) != 0) changes.accessed = Ext4Inodes::now();
+        if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) changes.modified = Ext4Inodes::now();
+        const struct stat attributes = volumeOf(request).setAttributes(inodeOf(node), changes);
+        fuse_reply_attr(request, &attributes, forever);
+    });
+}
+
+void readLink(fuse_req_t request, fuse_ino_t node) {
+    answer(request, [&] {
+        fuse_reply_readlink(request, volumeOf(request).readLink(inodeOf(node)).c_str());
+    });
+}
+
+void makeNode(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode, dev_t device) {
+    answer(request, [&] {
+        replyEntry(request, volumeOf(request).create(inodeOf(parent), name, {mode, device, {}},
+                                                     callerOf(request)));
+    });
+}
+
+void makeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode) {
+    makeNode(request, parent, name, (mode & ~static_cast<mode_t>(S_IFMT)) | S_IFDIR, 0);
+}
+
+void makeSymlink(fuse_req_t request, const char* target, fuse_ino_t parent, const char* name) {
+    answer(request, [&] {
+        replyEntry(request,
+                   volumeOf(request).create(inodeOf(parent), name, {S_IFLNK | 0777, 0, target},
+                                            callerOf(request)));
+    });
+}
+
+void createFile(fuse_req_t request, fuse_ino_t parent, const char* name, mode_t mode,
+                fuse_file_info* file) {
+    answer(request, [&] {
+        Ext4Volume& volume = volumeOf(request);
+        const mode_t regular = (mode & ~static_cast<mode_t>(S_IFMT)) | S_IFREG;
+        const struct stat attributes =
+            volume.create(inodeOf(parent), name, {regular, 0, {}}, callerOf(request));
+        const fuse_entry_param entry = entryFor(volume, attributes);
+        file->keep_cache = 1;
+        if (fuse_reply_create(request, &entry, file) == -ENOENT)
+            volume.forget(inodeOf(entry.ino), 1);
+    });
+}
+
+void link(fuse_req_t request, fuse_ino_t node, fuse_ino_t newParent, const char* newName) {
+    answer(request, [&] {
+        replyEntry(request, volumeOf(request).link(inodeOf(node), inodeOf(newParent), newName));
+    });
+}
+
+void unlink(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    confirm(request, [&] { volumeOf(request).unlink(inodeOf(parent), name); });
+}
+
+void removeDirectory(fuse_req_t request, fuse_ino_t parent, const char* name) {
+    confirm(request, [&] { volumeOf(request).removeDirectory(inodeOf(parent), name); });
+}
+
+void rename(fuse_req_t request, fuse_ino_t parent, const char* name, fuse_ino_t newParent,
+            const char* newName, unsigned flags) {
+    confirm(request, [&] {
+        volumeOf(request).rename(inodeOf(parent), name, inodeOf(newParent), newName, flags);
+    });
+}
+
+// An open file or directory keeps the kernel's reference to its inode, so there is nothing to do
+// when one is opened; saying so once spares the kernel two requests for each.
+void open(fuse_req_t request, fuse_ino_t, fuse_file_info*) {
+    fuse_reply_err(request, notKnown);
+}
+
+void read(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t offset, fuse_file_info*) {
+    answer(request, [&] {
+        std::vector<std::byte> buffer(size);
+        const std::size_t got =
+            volumeOf(request).read(inodeOf(node), static_cast<std::uint64_t>(offset), buffer);
+        fuse_reply_buf(request, reinterpret_cast<const char*>(buffer.data()), got);
+    });
+}
+
+void write(fuse_req_t request, fuse_ino_t node, const char* data, std::size_t size, off_t offset,
+           fuse_file_info*) {
+    answer(request, [&] {
+        const std::size_t written =
+            volumeOf(request).write(inodeOf(node), static_cast<std::uint64_t>(offset),
+                                    std::as_bytes(std::span(data, size)));
+        fuse_reply_write(request, written);
+    });
+}
+
+void synchronize(fuse_req_t request, fuse_ino_t node, int, fuse_file_info*) {
+    confirm(request, [&] { volumeOf(request).syncFile(inodeOf(node)); });
+}
+
+void allocate(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t length,
+              fuse_file_info*) {
+    confirm(request, [&] {
+        volumeOf(request).allocate(inodeOf(node), mode, static_cast<std::uint64_t>(offset),
+                                   static_cast<std::uint64_t>(length));
+    });
+}
+
+void seek(fuse_req_t request, fuse_ino_t node, off_t offset, int whence, fuse_file_info*) {
+    answer(request, [&] {
+        fuse_reply_lseek(request, static_cast<off_t>(volumeOf(request).seek(
+                                      inodeOf(node), static_cast<std::uint64_t>(offset), whence)));
+    });
+}
+
+struct ListedEntry {
+    std::string name;
+    ext2_ino_t inode;
+    mode_t mode;
+    off_t next;
+};
+
+mode_t modeOf(int type) {
+    switch (type) {
+    case EXT2_FT_REG_FILE:
+        return S_IFREG;
+    case EXT2_FT_DIR:
+        return S_IFDIR;
+    case EXT2_FT_CHRDEV:
+        return S_IFCHR;
+    case EXT2_FT_BLKDEV:
+        return S_IFBLK;
+    case EXT2_FT_FIFO:
+        return S_IFIFO;
+    case EXT2_FT_SOCK:
+        return S_IFSOCK;
+    case EXT2_FT_SYMLINK:
+        return S_IFLNK;
+    default:
+        return 0;
+    }
+}
+
+using SizeOfEntry = std::size_t (*)(fuse_req_t request, const char* name);
+
+/// As many entries as an answer of `size` bytes holds.
+std::vector<ListedEntry> list(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
+                              SizeOfEntry sizeOf) {
+    std::vector<ListedEntry> entries;
+    std::size_t used = 0;
+    volumeOf(request).readDirectory(
+        inodeOf(node), static_cast<std::uint64_t>(from), [&](const Directory::Entry& entry) {
+            ListedEntry listed{std::string(entry.name), entry.inode, modeOf(entry.type),
+                               static_cast<off_t>(entry.next)};
+            used += sizeOf(request, listed.name.c_str());
+            if (used > size) return false;
+            entries.push_back(std::move(listed));
+            return true;
+        });
+    return entries;
+}
+
+void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
+                   fuse_file_info*) {
+    answer(request, [&] {
+        const SizeOfEntry sizeOf = [](fuse_req_t asked, const char* name) {
+            return fuse_add_direntry(asked, nullptr, 0, name, nullptr, 0);
+        };
+        std::vector<char> buffer(size);
+        std::size_t used = 0;
+        for (const ListedEntry& entry : list(request, node, size, from, sizeOf)) {
+            struct stat attributes {};
+            attributes.st_ino = entry.inode;
+            attributes.st_mode = entry.mode;
+            used += fuse_add_direntry(request, buffer.data() + used, size - used,
+                                      entry.name.c_str(), &attributes, entry.next);
+        }
+        fuse_reply_buf(request, buffer.data(), used);
+    });
+}
+
+/// "." and ".." are listed without being referenced, as are inodes that cannot be read: one that is
+/// damaged must not hide its neighbours.
+fuse_entry_param listedWithAttributes(Ext4Volume& volume, const ListedEntry& entry) {
+    if (entry.name != "." && entry.name != "..") {
+        try {
+            return entryFor(volume, volume.reference(entry.inode));
+        } catch (const std::system_error& failure) {
+            volume.noteFailure(failure.code().value());
+        }
+    }
+    fuse_entry_param bare{};
+    bare.attr.st_ino = entry.inode;
+    bare.attr.st_mode = entry.mode;
+    return bare;
+}
+
+void readDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
+                       fuse_file_info*) {
+    answer(request, [&] {
+        const SizeOfEntry sizeOf = [](fuse_req_t asked, const char* name) {
+            return fuse_add_direntry_plus(asked, nullptr, 0, name, nullptr, 0);
+        };
+        Ext4Volume& volume = volumeOf(request);
+        std::vector<char> buffer(size);
+        std::size_t used = 0;
+        for (const ListedEntry& entry : list(request, node, size, from, sizeOf)) {
+            const fuse_entry_param full = listedWithAttributes(volume, entry);
+            used += fuse_add_direntry_plus(request, buffer.data() + used, size - used,
+                                           entry.name.c_str(), &full, entry.next);
+        }
+        fuse_reply_buf(request, buffer.data(), used);
+    });
+}
+
+void statistics(fuse_req_t request, fuse_ino_t) {
+    answer(request, [&] {
+        const struct statvfs result = volumeOf(request).statistics();
+        fuse_reply_statfs(request, &result);
+    });
+}
+
+void setAttribute(fuse_req_t request, fuse_ino_t node, const char* name, const char* value,
+                  std::size_t size, int flags) {
+    confirm(request, [&] {
+        volumeOf(request).setAttribute(inodeOf(node), name, std::as_bytes(std::span(value, size)),
+                                       flags);
+    });
+}
+
+/// Answers with the bytes, or with how many they are when the caller has no room yet.
+void replyBytes(fuse_req_t request, const char* data, std::size_t size, std::size_t room) {
+    if (room == 0)
+        fuse_reply_xattr(request, size);
+    else if (room < size)
+        fuse_reply_err(request, ERANGE);
+    else
+        fuse_reply_buf(request, data, size);
+}
+
+void getAttribute(fuse_req_t request, fuse_ino_t node, const char* name, std::size_t room) {
+    answer(request, [&] {
+        const auto value = volumeOf(request).attribute(inodeOf(node), name);
+        replyBytes(request, reinterpret_cast<const char*>(value.data()), value.size(), room);
+    });
+}
+
+void listAttributes(fuse_req_t request, fuse_ino_t node, std::size_t room) {
+    answer(request, [&] {
+        const bool privileged = fuse_req_ctx(request)->uid == 0;
+        const std::string names = volumeOf(request).attributeNames(inodeOf(node), privileged);
+        replyBytes(request, names.data(), names.size(), room);
+    });
+}
+
+void removeAttribute(fuse_req_t request, fuse_ino_t node, const char* name) {
+    confirm(request, [&] { volumeOf(request).removeAttribute(inodeOf(node), name); });
+}
+
+void control(fuse_req_t request, fuse_ino_t node, unsigned command, void*, fuse_file_info*,
+             unsigned, const void*, std::size_t, std::size_t room) {
+    const ControlAddress& address = contextOf(request).control;
+    if (node != FUSE_ROOT_ID || command != static_cast<unsigned>(controlAddressRequest) ||
+        room < sizeof address) {
+        fuse_reply_err(request, ENOTTY);
+        return;
+    }
+    fuse_reply_ioctl(request, 0, &address, sizeof address);
+}
+
+fuse_lowlevel_ops makeTable() {
+    fuse_lowlevel_ops table{};
+    table.init = init;
+    table.lookup = lookup;
+    table.forget = forget;
+    table.forget_multi = forgetMany;
+    table.getattr = getAttributes;
+    table.setattr = setAttributes;
+    table.readlink = readLink;
+    table.mknod = makeNode;
+    table.mkdir = makeDirectory;
+    table.symlink = makeSymlink;
+    table.create = createFile;
+    table.link = link;
+    table.unlink = unlink;
+    table.rmdir = removeDirectory;
+    table.rename = rename;
+    table.open = open;
+    table.opendir = open;
+    table.read = read;
+    table.write = write;
+    table.fsync = synchronize;
+    table.fsyncdir = synchronize;
+    table.fallocate = allocate;
+    table.lseek = seek;
+    table.readdir = readDirectory;
+    table.readdirplus = readDirectoryPlus;
+    table.statfs = statistics;
+    table.setxattr = setAttribute;
+    table.getxattr = getAttribute;
+    table.listxattr = listAttributes;
+    table.removexattr = removeAttribute;
+    table.ioctl = control;
+    return table;
+}
+
+} // namespace
+
+const fuse_lowlevel_ops& FuseOperations::table() {
+    static const fuse_lowlevel_ops operations = makeTable();
+    return operations;
+}

@@ -1,0 +1,35 @@
+#pragma once
+
+#include "Quillvane/FileDescriptor.h"
+
+#include <filesystem>
+
+/// An image opened for use, and locked against a second use as long as the descriptor or a
+/// duplicate of it is open.
+struct ImageFile {
+    FileDescriptor fd;
+    std::filesystem::path path; ///< absolute, without symbolic links
+    bool readOnly = false;      ///< the file or its file system does not allow writing
+};
+
+/// Throws `ToolError` when it cannot be opened, is no regular file, or is in use.
+ImageFile openImage(const std::filesystem::path& path);
+
+/// A new image that is deleted again unless it is kept.
+class NewImageFile {
+public:
+    /// Throws `ToolError`, also when the name is taken.
+    explicit NewImageFile(const std::filesystem::path& path);
+    ~NewImageFile();
+    NewImageFile(const NewImageFile&) = delete;
+    NewImageFile& operator=(const NewImageFile&) = delete;
+
+    int fd() const noexcept { return fd_.get(); }
+    /// Returns when the file's name is on the disk. Throws `std::system_error`.
+    void keep();
+
+private:
+    std::filesystem::path path_;
+    FileDescriptor fd_;
+    bool kept_ = false;
+};

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// One line of /proc/self/mountinfo.
+struct MountEntry {
+    unsigned major = 0;
+    unsigned minor = 0;
+    std::filesystem::path mountPoint;
+    std::string type;
+    std::string source;
+
+    /// The name of the volume's device as `attach` prints it. There is no device; the number is the
+    /// one that the kernel keeps for the mount, so it is unique as long as the volume is mounted.
+    std::string deviceName() const { return "/dev/disk" + std::to_string(minor); }
+};
+
+/// What is mounted, in the order in which it was mounted. There is no other record of the volumes
+/// in use: a list of our own could be wrong.
+class MountTable {
+public:
+    /// The file-system type of an attached volume; its source is the image's absolute path.
+    static constexpr const char* volumeType = "fuse.quillvane";
+    /// The type of a `PlaintextExport`.
+    static constexpr const char* exportType = "fuse.quillvane-export";
+
+    /// The mounts that this process sees. Throws `std::system_error`.
+    static MountTable current();
+    /// Lines that are not understood are left out.
+    explicit MountTable(std::string_view mountInfo);
+
+    const std::vector<MountEntry>& entries() const noexcept { return entries_; }
+    /// The topmost mount at exactly this path.
+    std::optional<MountEntry> at(const std::filesystem::path& mountPoint) const;
+    /// The attached volume that `target` names: by device name or by mount point.
+    std::optional<MountEntry> volume(const std::string& target) const;
+
+private:
+    std::vector<MountEntry> entries_;
+};
+
+/// Whether the server of the mount at this path has died.
+bool isDeadMount(const std::filesystem::path& mountPoint);

@@ -1,0 +1,141 @@
+#include "VolumeControl.h"
+
+#include "Unmount.h"
+
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <system_error>
+
+namespace {
+
+constexpr int writeBehindMilliseconds = 5000;
+// The kernel ends the connection right after an unmount, unless the volume is also mounted in
+// another namespace; the server does not wait for that one.
+constexpr int unmountMilliseconds = 2000;
+
+bool readable(int fd, int milliseconds) {
+    pollfd waiting{fd, POLLIN, 0};
+    return ::poll(&waiting, 1, milliseconds) > 0;
+}
+
+} // namespace
+
+VolumeControl::VolumeControl(Ext4Volume& volume, FuseLoop& loop, const ControlSocket& socket,
+                             const BlockedSignals& signals, MountEntry mount)
+    : volume_(volume), loop_(loop), socket_(socket), signals_(signals), mount_(std::move(mount)),
+      stopped_(::eventfd(0, EFD_CLOEXEC)) {
+    if (!stopped_) throw std::system_error(errno, std::generic_category(), "eventfd");
+    thread_ = std::thread([this] { run(); });
+}
+
+VolumeControl::~VolumeControl() {
+    stop();
+}
+
+void VolumeControl::stop() noexcept {
+    if (!thread_.joinable()) return;
+    (void)::eventfd_write(stopped_.get(), 1);
+    thread_.join();
+}
+
+void VolumeControl::answerWaiting(const std::string& reply) noexcept {
+    for (const FileDescriptor& client : waiting_) sendPacket(client.get(), reply);
+    waiting_.clear();
+}
+
+void VolumeControl::run() noexcept {
+    while (!ending_) {
+        std::array<pollfd, 3> waiting{
+            {{stopped_.get(), POLLIN, 0}, {signals_.fd(), POLLIN, 0}, {socket_.fd(), POLLIN, 0}}};
+        const int ready = ::poll(waiting.data(), waiting.size(), writeBehindMilliseconds);
+        if (ready < 0 && errno != EINTR) return;
+        if (ready == 0) writeBehind();
+        if (ready <= 0) continue;
+        if (waiting[0].revents != 0) return;
+        if (waiting[1].revents != 0)
+            endBySignal();
+        else if (waiting[2].revents != 0)
+            serve(socket_.accept());
+    }
+    awaitLoopEnd();
+}
+
+void VolumeControl::serve(FileDescriptor client) noexcept {
+    if (!client) return;
+    const auto request = receivePacket(client.get());
+    if (request != requestDetach && request != requestDetachForce) return;
+    std::string reply;
+    try {
+        reply = end(request == requestDetachForce);
+    } catch (const std::exception& error) {
+        reply = std::string(replyFailed) + error.what();
+    }
+    if (ending_)
+        waiting_.push_back(std::move(client));
+    else
+        sendPacket(client.get(), reply);
+}
+
+// Answers what to reply when the volume stays; sets `ending_` when it goes.
+std::string VolumeControl::end(bool force) {
+    // A volume whose contents cannot be written stays, even when forced: what it holds in memory
+    // would be lost.
+    syncAll();
+    try {
+        if (force)
+            unmountLazily(mount_.mountPoint);
+        else
+            unmount(mount_.mountPoint);
+    } catch (const std::system_error& error) {
+        if (error.code().value() == EBUSY) return replyBusy;
+        throw;
+    }
+    ending_ = true;
+    if (force) loop_.stop();
+    return replyOk;
+}
+
+void VolumeControl::endBySignal() noexcept {
+    try {
+        syncAll();
+    } catch (const std::exception&) {
+        // The session ends whatever we do; closing the volume tries again.
+    }
+    try {
+        unmountLazily(mount_.mountPoint);
+    } catch (const std::exception&) {
+        // Somebody else has just unmounted it.
+    }
+    ending_ = true;
+    loop_.stop();
+}
+
+void VolumeControl::syncAll() {
+    // First what programs have written into mapped files and the kernel has not passed on yet. The
+    // requests that this makes are answered by the loop, on its own thread.
+    const FileDescriptor root(
+        ::open(mount_.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat found {};
+    const bool ours = root && ::fstat(root.get(), &found) == 0 &&
+                      major(found.st_dev) == mount_.major && minor(found.st_dev) == mount_.minor;
+    if (ours && ::syncfs(root.get()) != 0)
+        throw std::system_error(errno, std::generic_category(), "the volume could not be written");
+    volume_.sync();
+}
+
+void VolumeControl::writeBehind() noexcept {
+    try {
+        if (volume_.dirty()) volume_.sync();
+    } catch (const std::exception&) {
+        // Nothing is lost yet; the next sync, at the latest the one before the end, reports it.
+    }
+}
+
+void VolumeControl::awaitLoopEnd() noexcept {
+    if (!readable(stopped_.get(), unmountMilliseconds)) loop_.stop();
+}

@@ -1,0 +1,50 @@
+#pragma once
+
+#include "BlockedSignals.h"
+#include "ControlSocket.h"
+#include "Ext4Volume.h"
+#include "FuseLoop.h"
+#include "MountTable.h"
+
+#include <string>
+#include <thread>
+#include <vector>
+
+/// What a volume's server does beside answering the file system's requests, on a thread of its
+/// own: it writes changes behind, and ends the volume when `detach` or a signal asks for it.
+///
+/// It never closes the volume. Ending means: everything is on the disk, the mount is taken away,
+/// and `FuseLoop::run` returns.
+class VolumeControl {
+public:
+    /// All are used until `stop` has returned.
+    VolumeControl(Ext4Volume& volume, FuseLoop& loop, const ControlSocket& socket,
+                  const BlockedSignals& signals, MountEntry mount);
+    ~VolumeControl();
+    VolumeControl(const VolumeControl&) = delete;
+    VolumeControl& operator=(const VolumeControl&) = delete;
+
+    /// Call when the loop has ended and its connection is closed; the thread has ended then.
+    void stop() noexcept;
+    /// Answers those who asked for the end. Call after `stop`, when the image is free.
+    void answerWaiting(const std::string& reply) noexcept;
+
+private:
+    void run() noexcept;
+    void serve(FileDescriptor client) noexcept;
+    std::string end(bool force);
+    void endBySignal() noexcept;
+    void syncAll();
+    void writeBehind() noexcept;
+    void awaitLoopEnd() noexcept;
+
+    Ext4Volume& volume_;
+    FuseLoop& loop_;
+    const ControlSocket& socket_;
+    const BlockedSignals& signals_;
+    const MountEntry mount_;
+    FileDescriptor stopped_;
+    std::vector<FileDescriptor> waiting_;
+    bool ending_ = false;
+    std::thread thread_;
+};

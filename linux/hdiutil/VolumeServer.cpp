@@ -1,0 +1,108 @@
+#include "VolumeServer.h"
+
+#include "ToolError.h"
+#include "Unmount.h"
+#include "VolumeControl.h"
+
+#include <chrono>
+#include <thread>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// A full disk may get room, a network file system may come back: what is in memory is worth the
+// wait, which ends before a session manager loses patience.
+constexpr int closeAttempts = 20;
+constexpr auto closePause = 1s;
+
+std::string mountOptions(const std::filesystem::path& imagePath, bool readOnly) {
+    return "fsname=" + fuseOptionValue(imagePath.string()) +
+           ",subtype=quillvane,default_permissions,nosuid,nodev" + (readOnly ? ",ro" : "");
+}
+
+} // namespace
+
+VolumeServer::VolumeServer(std::unique_ptr<EncryptedImage> image,
+                           std::unique_ptr<Ext4Volume> volume, MountPlace place,
+                           const std::filesystem::path& imagePath)
+    : image_(std::move(image)), volume_(std::move(volume)), place_(std::move(place)) {
+    try {
+        mount(imagePath);
+        place_.mounted();
+    } catch (...) {
+        session_.reset();
+        unmountLeftOver();
+        place_.remove();
+        throw;
+    }
+}
+
+VolumeServer::~VolumeServer() {
+    session_.reset();
+    if (!mount_) return;
+    unmountLeftOver();
+    place_.remove();
+}
+
+void VolumeServer::mount(const std::filesystem::path& imagePath) {
+    socket_.emplace();
+    context_.emplace(FuseOperations::Context{*volume_, socket_->address()});
+    session_ = mountFuse(place_.path(), mountOptions(imagePath, volume_->readOnly()),
+                         FuseOperations::table(), &*context_);
+    if (!session_) throw ToolError("the volume could not be mounted at " + place_.path().string());
+    mount_ = MountTable::current().at(place_.path());
+    if (!mount_ || mount_->type != MountTable::volumeType)
+        throw ToolError("the volume did not appear at " + place_.path().string());
+}
+
+Attachment VolumeServer::attachment() const {
+    return {mount_->deviceName(), mount_->mountPoint};
+}
+
+bool VolumeServer::run(const BlockedSignals& signals) {
+    std::string problem;
+    {
+        FuseLoop loop(session_.get());
+        VolumeControl control(*volume_, loop, *socket_, signals, *mount_);
+        const FuseLoop::End end = loop.run();
+        if (end == FuseLoop::End::failed) unmountLeftOver();
+        // Whoever still has a file open gets errors from here on, and nobody waits for an answer.
+        session_.reset();
+        control.stop();
+        problem = closeVolume();
+        volume_.reset();
+        unmountLeftOver();
+        mount_.reset();
+        place_.remove();
+        image_.reset();
+        control.answerWaiting(problem.empty() ? replyOk : replyFailed + problem);
+    }
+    return problem.empty();
+}
+
+// A connection that was aborted leaves its mount behind.
+void VolumeServer::unmountLeftOver() const noexcept {
+    try {
+        const auto found = MountTable::current().at(place_.path());
+        if (found && mount_ && found->minor == mount_->minor && found->type == mount_->type)
+            unmountLazily(place_.path());
+    } catch (const std::exception&) {
+        // A dead mount stays, and the next attach or detach takes it away.
+    }
+}
+
+// Answers what went wrong; nothing when all is on the disk.
+std::string VolumeServer::closeVolume() noexcept {
+    std::string problem;
+    for (int attempt = 0; attempt < closeAttempts; ++attempt) {
+        if (attempt > 0) std::this_thread::sleep_for(closePause);
+        try {
+            volume_->close();
+            return {};
+        } catch (const std::exception& error) {
+            problem = error.what();
+        }
+    }
+    return problem;
+}

@@ -1,0 +1,92 @@
+#include "linux/hdiutil/MountTable.h"
+#include "linux/hdiutil/MountPlace.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+constexpr const char* mountInfo =
+    "22 1 254:1 / / rw,relatime shared:1 - ext4 /dev/vda1 rw\n"
+    "40 22 0:38 / /home/u/Volumes/My\\040Docs rw,nosuid shared:7 master:2 - fuse.quillvane "
+    "/home/u/My\\040Docs.quillvane rw,user_id=1000\n"
+    "41 22 0:39 / /mnt/line\\012feed\\134x rw - fuse.quillvane /x,y rw\n"
+    "42 22 0:40 / /mnt/other rw - fuse.sshfs host: rw\n"
+    "this line means nothing\n"
+    "43 22 0:41 / /mnt/stacked rw - fuse.quillvane /below rw\n"
+    "44 43 0:42 / /mnt/stacked rw - fuse.quillvane /above rw\n"
+    "45 22 0:43 / /mnt/nosource rw - tmpfs\n"
+    "46 22 0:44 / /mnt/covered rw - fuse.quillvane /covered rw\n"
+    "47 46 0:45 / /mnt/covered rw - tmpfs none rw\n";
+
+TEST(MountTableTest, readsEveryLineThatItUnderstands) {
+    const MountTable table(mountInfo);
+    ASSERT_EQ(table.entries().size(), 9U);
+    const MountEntry& docs = table.entries()[1];
+    EXPECT_EQ(docs.major, 0U);
+    EXPECT_EQ(docs.minor, 38U);
+    EXPECT_EQ(docs.mountPoint, "/home/u/Volumes/My Docs");
+    EXPECT_EQ(docs.type, "fuse.quillvane");
+    EXPECT_EQ(docs.source, "/home/u/My Docs.quillvane");
+    EXPECT_EQ(docs.deviceName(), "/dev/disk38");
+    EXPECT_EQ(table.entries()[2].mountPoint, "/mnt/line\nfeed\\x");
+}
+
+TEST(MountTableTest, findsTheTopmostMount) {
+    const MountTable table(mountInfo);
+    EXPECT_EQ(table.at("/mnt/stacked")->minor, 42U);
+    EXPECT_FALSE(table.at("/mnt/stack"));
+    EXPECT_FALSE(table.at("/mnt/stacked/below"));
+}
+
+TEST(MountTableTest, findsVolumesByDeviceOrMountPoint) {
+    const MountTable table(mountInfo);
+    EXPECT_EQ(table.volume("/dev/disk38")->minor, 38U);
+    EXPECT_EQ(table.volume("/dev/disk41")->minor, 41U);
+    EXPECT_EQ(table.volume("/home/u/Volumes/My Docs")->minor, 38U);
+    EXPECT_EQ(table.volume("/home/u/Volumes/My Docs/")->minor, 38U);
+    EXPECT_EQ(table.volume("/mnt/line\nfeed\\x")->minor, 39U);
+    for (const char* none : {"/dev/disk40", "/dev/disk3", "/dev/disk", "/mnt/other", "/", "",
+                             "/mnt/covered", "/home/u/Volumes/My"})
+        EXPECT_FALSE(table.volume(none)) << none;
+}
+
+TEST(MountTableTest, seesThisProcesssMounts) {
+    EXPECT_TRUE(MountTable::current().at("/"));
+    EXPECT_FALSE(isDeadMount("/"));
+    EXPECT_FALSE(isDeadMount("/nowhere"));
+}
+
+TEST(MountPlaceTest, directoryNames) {
+    EXPECT_EQ(directoryName("Fotos – Käse 写真"), "Fotos – Käse 写真");
+    EXPECT_EQ(directoryName("a/b"), "a:b");
+    EXPECT_EQ(directoryName(""), "untitled");
+    EXPECT_EQ(directoryName("."), "untitled");
+    EXPECT_EQ(directoryName(".."), "untitled");
+    EXPECT_EQ(directoryName("..."), "...");
+    EXPECT_EQ(directoryName("tab\tfeed\nreturn\rbell\a\x7f"), "tab\tfeed\nreturn_bell__");
+    EXPECT_EQ(directoryName(std::string_view("a\0b", 3)), "a_b");
+}
+
+TEST(MountPlaceTest, directoryNamesAreValidUtf8) {
+    const std::string bad = "\xef\xbf\xbd";
+    EXPECT_EQ(directoryName("a\xff"
+                            "b"),
+              "a" + bad + "b");
+    EXPECT_EQ(directoryName("\xc3"), bad);
+    EXPECT_EQ(directoryName("\xc0\xaf"), bad + bad);
+    EXPECT_EQ(directoryName("\xed\xa0\x80"), bad + bad + bad);
+    EXPECT_EQ(directoryName("\xf5\x80\x80\x80"), bad + bad + bad + bad);
+    EXPECT_EQ(directoryName("\xf0\x9f\x98\x80"), "\xf0\x9f\x98\x80");
+}
+
+TEST(MountPlaceTest, directoryNamesAreCutBetweenCharacters) {
+    std::string umlauts;
+    for (int i = 0; i < 200; ++i) umlauts += "ü";
+    EXPECT_EQ(directoryName(umlauts).size(), 254U);
+    EXPECT_EQ(directoryName(umlauts, 253).size(), 252U);
+    EXPECT_EQ(directoryName(std::string(300, 'a')).size(), 255U);
+}
+
+} // namespace
