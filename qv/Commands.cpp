@@ -1,0 +1,143 @@
+#include "qv/Commands.h"
+
+#include "Quillvane/ErrorText.h"
+#include "Quillvane/ItemPath.h"
+#include "Quillvane/OperationCancelled.h"
+#include "Quillvane/Platform.h"
+#include "Quillvane/VaultEngine.h"
+#include "Quillvane/VaultError.h"
+#include "qv/Interruption.h"
+#include "qv/ProgressDisplay.h"
+#include "qv/ResultOutput.h"
+#include "qv/SecretLines.h"
+#include "qv/SecretPrompt.h"
+
+#include <algorithm>
+#include <memory>
+#include <system_error>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+/// Told before any secret is asked for. A dangling link and a dead mount are there too.
+void requireExistence(const fs::path& path) {
+    std::error_code error;
+    if (fs::symlink_status(path, error).type() == fs::file_type::not_found) {
+        throw VaultError::sourceMissing();
+    }
+}
+
+fs::path existingItem(const std::string& operand) {
+    fs::path path = itemPath(operand);
+    std::string extension = path.extension();
+    std::ranges::transform(extension, extension.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    if (extension != ".quillvane") throw VaultError::notAQuillvane();
+    requireExistence(path);
+    return path;
+}
+
+std::unique_ptr<SecretSource> secretSource(const Arguments& arguments) {
+    if (arguments.secretsFromStandardInput) return std::make_unique<SecretLines>();
+    return std::make_unique<SecretPrompt>();
+}
+
+Credential askCredential(SecretSource& source, const Arguments& arguments,
+                         std::string_view passwordName) {
+    if (arguments.useRecoveryKey) return Credential::recoveryKey(source.existing("Recovery key"));
+    return Credential::password(source.existing(passwordName));
+}
+
+void lock(const Arguments& arguments) {
+    const fs::path folder = itemPath(arguments.operand);
+    requireExistence(folder);
+    const NewPassword secret = secretSource(arguments)->fresh("New password");
+    VaultEngine::LockResult result;
+    {
+        ProgressDisplay display;
+        result = VaultEngine::lock(
+            folder, secret.password, secret.confirmation, Filesystem::apfs,
+            [&](const Progress& progress) { display.show(progress); },
+            &Interruption::cancellation());
+    }
+    try {
+        printResult({result.container.native(), result.recoveryKey.text()});
+    } catch (const std::system_error& error) {
+        throw std::runtime_error("The folder is protected, but its recovery key couldn't be "
+                                 "printed. Remove the protection and protect it again to get "
+                                 "one.\n" +
+                                 errorText(error));
+    }
+}
+
+void open(const Arguments& arguments) {
+    const fs::path item = existingItem(arguments.operand);
+    const Credential credential = askCredential(*secretSource(arguments), arguments, "Password");
+    VaultEngine::OpenResult result;
+    {
+        ProgressDisplay display;
+        result = VaultEngine::open(item, credential,
+                                   [&](const Progress& progress) { display.show(progress); });
+    }
+    if (Interruption::cancellation().requested()) {
+        VaultEngine::detach(result.mountInfo);
+        throw OperationCancelled();
+    }
+    printResult({result.mountPoint});
+}
+
+void close(const Arguments& arguments) {
+    const fs::path path = itemPath(arguments.operand);
+    std::optional<std::string> mountPoint = Platform::mountPointOfImage(path);
+    if (!mountPoint && Platform::isMounted(path)) mountPoint = path;
+    if (!mountPoint) {
+        requireExistence(path);
+        throw std::runtime_error("\"" + path.filename().native() + "\" isn't open.");
+    }
+    VaultEngine::detach({{}, *mountPoint});
+}
+
+void remove(const Arguments& arguments) {
+    const fs::path item = existingItem(arguments.operand);
+    const Credential credential = askCredential(*secretSource(arguments), arguments, "Password");
+    {
+        ProgressDisplay display;
+        VaultEngine::removePassword(
+            item, credential, [&](const Progress& progress) { display.show(progress); },
+            &Interruption::cancellation());
+    }
+    printResult({fs::path(item).replace_extension().native()});
+}
+
+void change(const Arguments& arguments) {
+    const fs::path item = existingItem(arguments.operand);
+    auto source = secretSource(arguments);
+    const Credential current = askCredential(*source, arguments, "Current password");
+    const NewPassword secret = source->fresh("New password");
+    source.reset(); // the terminal is as it was while the keys are derived
+    if (secret.password.empty()) throw VaultError::emptyPassword();
+    if (!(secret.password == secret.confirmation)) throw VaultError::passwordMismatch();
+    VaultEngine::changePassword(item, current, secret.password);
+}
+
+} // namespace
+
+void runCommand(const Arguments& arguments) {
+    switch (arguments.command) {
+    case Arguments::Command::lock:
+        return lock(arguments);
+    case Arguments::Command::open:
+        return open(arguments);
+    case Arguments::Command::close:
+        return close(arguments);
+    case Arguments::Command::remove:
+        return remove(arguments);
+    case Arguments::Command::change:
+        return change(arguments);
+    case Arguments::Command::help:
+    case Arguments::Command::version:
+        break; // not operations
+    }
+}

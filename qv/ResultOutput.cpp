@@ -1,0 +1,31 @@
+#include "qv/ResultOutput.h"
+
+#include <cerrno>
+#include <poll.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+void writeAll(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+        if (count >= 0) {
+            text.remove_prefix(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN) { // somebody made it non-blocking
+            pollfd output{STDOUT_FILENO, POLLOUT, 0};
+            poll(&output, 1, -1);
+        } else if (errno != EINTR) {
+            throw std::system_error(errno, std::generic_category());
+        }
+    }
+}
+
+} // namespace
+
+void printResult(std::initializer_list<std::string_view> lines) {
+    for (const std::string_view line : lines) {
+        writeAll(line);
+        writeAll("\n");
+    }
+}

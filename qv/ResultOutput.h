@@ -1,0 +1,9 @@
+#pragma once
+
+#include <initializer_list>
+#include <string_view>
+
+/// Writes each text and a line feed to standard output.
+/// Returns when the system has taken all of it, or throws `std::system_error`. Nothing is buffered:
+/// a text may be a secret.
+void printResult(std::initializer_list<std::string_view> lines);
