@@ -1,0 +1,299 @@
+"""What is refused or goes wrong: the exact message, and everything left as it was."""
+
+import os
+import shutil
+import socket
+import subprocess
+import unittest
+
+import items
+import quillvane
+from items import PASSWORD
+from terminal import Terminal
+
+PLAIN = "Choose a regular folder (not a package or a system volume)."
+BUSY = "Couldn't mount the image.\nhdiutil: attach failed - Resource temporarily unavailable"
+isRoot = os.geteuid() == 0
+
+
+def targetExists(name):
+    return (f'A folder named "{name}" already exists here. Rename or remove it before removing '
+            "the password.")
+
+
+class FailureTest(items.ItemCase):
+    """Each failure is one call of `assertRefused`, which looks that nothing has changed."""
+
+    def assertRefused(self, *words, **options):
+        before = quillvane.describe(self.work)
+        result = self.assertFails(*words, **options)
+        found = quillvane.differences(before, quillvane.describe(self.work))
+        self.assertEqual([], found)
+        self.assertNothingRuns()
+        return result
+
+    def testEmptyPassword(self):
+        item, _ = self.smallItem()
+        self.smallFolder("More")
+        empty = "Password can't be empty."
+        for command, path in (("lock", "More"), ("open", item), ("remove", item)):
+            self.assertRefused(command, path, secrets=("",), says=empty)
+        self.assertRefused("change", item, secrets=("", "new"), says=empty)
+        self.assertRefused("change", item, secrets=(PASSWORD, ""), says=empty)
+
+    def testPasswordsThatDiffer(self):
+        item, _ = self.smallItem()
+        self.smallFolder("More")
+        before = quillvane.describe(self.work)
+        for words, current in ((("lock", "More"), None), (("change", item), PASSWORD)):
+            with Terminal([quillvane.QV, *words], self.environment, self.work) as terminal:
+                if current:
+                    terminal.answer("Current password: ", current)
+                terminal.answer("New password: ", "one")
+                terminal.answer("New password again: ", "two")
+                self.assertEqual(1, terminal.wait())
+            self.assertTrue(terminal.output.endswith(b"\r\nThe two passwords don't match.\r\n"))
+        self.assertEqual([], quillvane.differences(before, quillvane.describe(self.work)))
+
+    def testWrongPassword(self):
+        item, _ = self.smallItem()
+        for command in ("open", "remove"):
+            self.assertRefused(command, item, secrets=(PASSWORD + "x",), says="Wrong password.")
+        self.assertRefused("change", item, secrets=("x", "new"), says="Wrong password.")
+
+    def testWrongKindOfItem(self):
+        self.smallFolder()
+        (self.work / "note").write_text("x")
+        os.mkfifo(self.work / "fifo")
+        (self.work / "dangling").symlink_to("nowhere")
+        gone = "The selected item no longer exists."
+        for name, says in (("note", "The selected item isn't a folder."), ("gone", gone),
+                           ("fifo", "The selected item isn't a folder."), ("dangling", gone)):
+            self.assertRefused("lock", name, says=says)
+        for command, secrets in (("open", ("x",)), ("remove", ("x",)), ("change", ("x", "y"))):
+            self.assertRefused(command, "gone.quillvane", secrets=secrets, says=gone)
+            for name in ("Docs", "note"):
+                self.assertRefused(command, name, secrets=secrets,
+                                   says="Choose a valid .quillvane item.")
+        self.assertRefused("close", "note", secrets=(), says='"note" isn\'t open.')
+        self.assertRefused("close", "gone", secrets=(), says=gone)
+
+    def testNotAPlainFolder(self):
+        item, _ = self.smallItem()
+        (self.work / "link").symlink_to("plain")
+        (self.work / "plain/inner").mkdir(parents=True)
+        self.assertRefused("lock", "link", says=PLAIN)
+        self.assertRefused("lock", "/", says=PLAIN)
+        self.assertRefused("lock", "/proc", says=PLAIN)
+        volume = self.open(item)
+        self.assertFails("lock", volume, says=PLAIN)
+        self.assertFails("lock", volume.parent, says=PLAIN)
+        self.assertEqual("content", (volume / "file").read_text())
+        self.close(item)
+
+    def makeInTheWay(self):
+        """Everything that can be where an item or a folder is to appear."""
+        place = self.work / "in the way"
+        yield lambda: place.write_text("a file")
+        yield place.mkdir
+        yield lambda: place.symlink_to("nowhere")
+        yield lambda: place.symlink_to(".")
+        yield lambda: os.mkfifo(place)
+
+    def testTargetExists(self):
+        self.smallFolder("Folder")
+        item, _ = self.smallItem()
+        place = self.work / "in the way"
+        for make in self.makeInTheWay():
+            make()
+            for target, words, says in (
+                    ("Folder.quillvane", ("lock", "Folder"),
+                     '"Folder.quillvane" already exists here. Remove or rename it first.'),
+                    ("Docs", ("remove", item), targetExists("Docs"))):
+                place.rename(self.work / target)
+                self.assertRefused(*words, says=says)
+                (self.work / target).rename(place)
+            place.rmdir() if place.is_dir() and not place.is_symlink() else place.unlink()
+
+    def testAlreadyOpen(self):
+        item, key = self.smallItem()
+        volume = self.open(item)
+        for words in (("open", item), ("remove", item)):
+            self.assertFails(*words, says=BUSY)
+            self.assertFails(*words, "--recovery-key", secrets=(key,), says=BUSY)
+        self.assertFalse((self.work / "Docs").exists())
+        self.assertEqual([str(volume)], quillvane.mountsBelow(self.directory))
+        self.assertEqual("content", (volume / "file").read_text())
+        # Only the key file is concerned.
+        self.succeed("change", item, secrets=(PASSWORD, "new"))
+        self.close(item)
+        self.assertEqual(self.work / "Docs", self.remove(item, secrets=("new",)))
+
+    def testOpenFileKeepsTheVolumeBusy(self):
+        item, _ = self.smallItem()
+        volume = self.open(item)
+        with open(volume / "file", "w") as file:
+            file.write("written")
+            file.flush()
+            refused = self.run_(quillvane.tool("hdiutil"), "detach", volume)
+            self.assertEqual((1, ""), (refused.returncode, refused.stdout))
+            self.assertIn("busy", refused.stderr)
+            self.close(item)  # which insists
+        self.assertRefused("close", item, secrets=(), says='"Docs.quillvane" isn\'t open.')
+        self.remove(item)
+        self.assertEqual("written", (self.work / "Docs/file").read_text())
+
+    def testDamagedImage(self):
+        item, key = self.smallItem()
+        size = item.stat().st_size
+        subprocess.run(["cp", "--sparse=always", item, self.directory / "good"], check=True)
+        unknown = ("Couldn't mount the image.\nhdiutil: attach failed - image not recognized "
+                   "(not an encrypted image)")
+        refused = "Wrong password: can't open the vault."
+        mebibyte = 1 << 20
+        for name, says, offset, content, length in (
+                ("header zeroed", unknown, 0, bytes(mebibyte), size),
+                ("header random", unknown, 0, os.urandom(mebibyte), size),
+                ("keyslots zeroed", refused, 32768, bytes(mebibyte - 32768), size),
+                ("volume zeroed", refused, mebibyte, bytes(mebibyte), size),
+                ("volume random", refused, mebibyte, os.urandom(mebibyte), size),
+                ("empty", unknown, 0, b"", 0), ("one byte", unknown, 0, b"", 1),
+                ("first sector", refused, 0, b"", 4096), ("half a header", refused, 0, b"", 500_000),
+                ("header only", refused, 0, b"", mebibyte), ("cut", refused, 0, b"", 100 * mebibyte),
+                ("text", unknown, 0, b"This is no image.\n", 18)):
+            with self.subTest(name):
+                subprocess.run(["cp", "--sparse=always", self.directory / "good", item], check=True)
+                with open(item, "r+b") as file:
+                    file.seek(offset)
+                    file.write(content)
+                    file.truncate(length)
+                before = self.bytesOf(item)
+                for words in (("open",), ("remove",)):
+                    self.assertFails(*words, item, says=says)
+                    self.assertFails(*words, item, "--recovery-key", secrets=(key,), says=says)
+                self.assertEqual(before, self.bytesOf(item))
+                self.assertNothingLeft(item.name, items.keyFile(item).name)
+
+    @staticmethod
+    def bytesOf(path):
+        """What a sparse file begins with, where it has data, and how long it is."""
+        with open(path, "rb") as file:
+            status = os.fstat(file.fileno())
+            return file.read(12 << 20), status.st_size, status.st_blocks, status.st_mtime_ns
+
+    def testItemThatIsNoFile(self):
+        item = self.work / "Docs.quillvane"
+        failed = "Couldn't mount the image.\nhdiutil: attach failed - "
+        item.mkdir()
+        self.assertRefused("open", item, says=failed + "Is a directory")
+        item.rmdir()
+        os.mkfifo(item)
+        self.assertRefused("open", item,
+                           says=failed + "image not recognized (not a regular file)")
+        item.unlink()
+        item.symlink_to("nowhere")
+        self.assertRefused("open", item, says="The selected item no longer exists.")
+
+    def testSocketCannotBeProtected(self):
+        folder = self.smallFolder()
+        with socket.socket(socket.AF_UNIX) as listening:
+            os.chdir(folder)  # the path of a socket must be short
+            try:
+                listening.bind("socket")
+            finally:
+                os.chdir("/")
+        result = self.qv("lock", folder)
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertIn("\nCouldn't copy the contents into the vault.\nditto: ", result.stderr)
+        self.assertIn("socket", result.stderr)
+        self.assertNothingLeft("Docs")
+
+    def testToolsThatAreMissing(self):
+        folder = self.smallFolder()
+        programs = self.directory / "programs"
+        shutil.copytree(quillvane.BUILD / "bin", programs / "bin",
+                        ignore=lambda _, names: set(names) - {"qv"})
+        (programs / "libexec/quillvane").mkdir(parents=True)
+        qv = programs / "bin/qv"
+        for missing, says in (
+                ("hdiutil", "Couldn't launch hdiutil. No such file or directory"),
+                ("ditto", "Couldn't copy the contents into the vault.\n"
+                          "Couldn't launch ditto. No such file or directory")):
+            for name in ("hdiutil", "ditto", "open"):
+                if name != missing:
+                    shutil.copy(quillvane.tool(name), programs / "libexec/quillvane")
+            result = self.run_(qv, "lock", "--stdin", folder, stdin="x\n")
+            self.assertEqual((1, ""), (result.returncode, result.stdout))
+            self.assertEndsWith("\n" + says + "\n", result.stderr)
+            self.assertNothingLeft("Docs")
+            for name in ("hdiutil", "ditto", "open"):
+                (programs / "libexec/quillvane" / name).unlink(missing_ok=True)
+
+    def testNameTooLong(self):
+        name = "n" * 238
+        self.smallFolder(name)
+        self.assertRefused("lock", name,
+                           says="Couldn't create the encrypted vault.\nFile name too long")
+
+
+@unittest.skipIf(isRoot, "root may read and write everything")
+class PermissionTest(FailureTest):
+    """What only an ordinary user meets."""
+
+    def testSourceThatCannotBeRead(self):
+        for path, make in (("file", lambda path: path.write_text("x")),
+                           ("folder", lambda path: path.mkdir())):
+            folder = self.smallFolder()
+            make(folder / path)
+            mode = 0o600 if path == "file" else 0o700
+            (folder / path).chmod(0)
+            result = self.qv("lock", folder)
+            self.assertEqual((1, ""), (result.returncode, result.stdout))
+            self.assertIn("\nCouldn't copy the contents into the vault.\nditto: ", result.stderr)
+            self.assertIn("Permission denied", result.stderr)
+            self.assertNothingLeft("Docs")
+            (folder / path).chmod(mode)
+            quillvane.removeTree(folder)
+
+    def testParentThatCannotBeWritten(self):
+        place = self.work / "place"
+        item, _ = self.smallItem("place/Docs")
+        self.smallFolder("place/More")
+        place.chmod(0o500)
+        self.assertRefused("lock", place / "More",
+                           says="Couldn't create the encrypted vault.\n"
+                                "hdiutil: create failed - Permission denied")
+        self.assertRefused("remove", item,
+                           says="Couldn't extract the contents. The encrypted vault was left "
+                                "untouched.\nPermission denied")
+        self.assertRefused("change", item, secrets=(PASSWORD, "new"), says="Permission denied")
+        self.open(item)  # for that the item alone counts
+        self.close(item)
+        place.chmod(0o700)
+        self.remove(item)
+
+    def testItemThatCannotBeRead(self):
+        item, _ = self.smallItem()
+        item.chmod(0)
+        self.assertFails("open", item, says="Couldn't mount the image.\n"
+                                            "hdiutil: attach failed - Permission denied")
+        item.chmod(0o600)
+        items.keyFile(item).chmod(0)
+        self.assertFails("open", item, says="Wrong password: can't open the vault.")
+        items.keyFile(item).chmod(0o600)
+        self.remove(item)
+
+    def testItemThatCannotBeWritten(self):
+        item, _ = self.smallItem()
+        item.chmod(0o400)
+        volume = self.open(item)
+        self.assertEqual("content", (volume / "file").read_text())
+        with self.assertRaises(OSError):
+            (volume / "new").write_text("x")
+        self.close(item)
+        self.remove(item)
+        self.assertNothingLeft("Docs")
+
+
+if __name__ == "__main__":
+    unittest.main()
