@@ -46,6 +46,12 @@ void write(const KeyMetadata& metadata, const std::filesystem::path& container) 
     setHidden(container, true);
 }
 
+bool move(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
+    std::error_code error;
+    std::filesystem::rename(path(from), path(to), error);
+    return !error;
+}
+
 void remove(const std::filesystem::path& container) noexcept {
     std::error_code ignored; // an orphan does no harm
     std::filesystem::remove(path(container), ignored);

@@ -18,6 +18,8 @@ std::optional<std::string> read(const std::filesystem::path& container);
 /// Replaces the key file whole: on the disk when this returns, untouched when it throws
 /// `std::system_error`. Then hides it, as far as that works.
 void write(const KeyMetadata& metadata, const std::filesystem::path& container);
+/// Gives the key file of `from` to `to`, which needs no room on the disk; false when it cannot.
+bool move(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
 /// Removes the key file; errors are ignored, "not there" included.
 void remove(const std::filesystem::path& container) noexcept;
 /// Hides or shows the key file if there is one; errors are ignored.

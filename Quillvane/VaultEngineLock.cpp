@@ -214,7 +214,7 @@ private:
             throw VaultError::renameFailed("Encrypted image available at: " + image_.string() +
                                            "\n" + errorText(error));
         }
-        if (!hasKeyFile) KeyStore::write(record_, target_);
+        if (!hasKeyFile) writeKeyFile();
         removeWorkingKeyFile();
     }
 
@@ -226,6 +226,15 @@ private:
             return true;
         } catch (const std::system_error&) {
             return false;
+        }
+    }
+
+    void writeKeyFile() {
+        try {
+            KeyStore::write(record_, target_);
+        } catch (const std::system_error&) {
+            // The disk may be full: the working key file, which has room already, serves as well.
+            if (!KeyStore::move(image_, target_)) throw;
         }
     }
 

@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <optional>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 namespace {
@@ -190,6 +192,36 @@ TEST_F(LockFailureTest, ARenameThatFailsLeavesAnImageItsPasswordOpens) {
                   "\nNo such file or directory");
     EXPECT_EQ(KeyFileReader::vaultKey(readFile(workingKeyFile()), "pässword"), keyGivenToTool());
     EXPECT_EQ(names().size(), 1U) << "and no key file for an item that is not there";
+}
+
+/// While it lives, files of this process cannot grow beyond `bytes`, as on a full disk.
+class FileSizeLimit {
+public:
+    explicit FileSizeLimit(rlim_t bytes) : formerAction_(std::signal(SIGXFSZ, SIG_IGN)) {
+        ::getrlimit(RLIMIT_FSIZE, &former_);
+        const rlimit limit{bytes, former_.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() {
+        ::setrlimit(RLIMIT_FSIZE, &former_);
+        std::signal(SIGXFSZ, formerAction_);
+    }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+private:
+    void (*formerAction_)(int);
+    rlimit former_{};
+};
+
+TEST_F(LockFailureTest, AFullDiskAtTheEndLeavesTheItemWithTheWorkingKeyFile) {
+    std::optional<FileSizeLimit> full;
+    actions["Finalizing the encrypted item…"] = [&full] { full.emplace(10); };
+    lock();
+    full.reset();
+    EXPECT_EQ(KeyFileReader::vaultKey(readFile(keyFile), "pässword"), keyGivenToTool());
+    EXPECT_FALSE(fs::exists(workingKeyFile()));
+    EXPECT_FALSE(fs::exists(docs));
 }
 
 TEST_F(LockFailureTest, AFinalKeyFileThatCannotBeWrittenKeepsTheWorkingOne) {
