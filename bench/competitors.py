@@ -26,6 +26,11 @@ def sync(path):
     run("sync", "-f", path)
 
 
+def isMounted(point):
+    """Even if the server has died, when the mount point cannot be looked at."""
+    return f" {point} " in pathlib.Path("/proc/self/mountinfo").read_text()
+
+
 def unmount(point):
     """Takes a FUSE mount away."""
     end = time.monotonic() + 30
@@ -62,8 +67,9 @@ class Competitor:
 
     def cleanUp(self):
         """After whatever happened."""
-        if os.path.ismount(self.folder):
-            subprocess.run(["umount", "-l", self.folder])
+        if isMounted(self.folder):
+            command = ["umount", "-l"] if os.geteuid() == 0 else ["fusermount3", "-u", "-z"]
+            subprocess.run([*command, self.folder])
         shutil.rmtree(self.place)
 
 
@@ -109,7 +115,7 @@ class Served(Competitor):
         self.server.stdin.write(stdin or "")
         self.server.stdin.close()
         end = time.monotonic() + 60
-        while not os.path.ismount(self.folder):
+        while not isMounted(self.folder):
             if self.server.poll() is not None or time.monotonic() > end:
                 self.log.seek(0)
                 raise RuntimeError(f"{self.program} did not mount: {self.log.read().strip()}")
@@ -185,7 +191,8 @@ class LoopExt4(Competitor):
 def makeExt4(image, size):
     with open(image, "xb") as file:
         file.truncate(size)
-    run("mkfs.ext4", "-q", "-F", "-i", "4096", "-E", "nodiscard,lazy_itable_init=1", image)
+    run("mkfs.ext4", "-q", "-F", "-i", "4096", "-E",
+        f"nodiscard,lazy_itable_init=1,root_owner={os.geteuid()}:{os.getegid()}", image)
 
 
 ALL = [PlainCopy, OurVolume, Gocryptfs, Cryfs, Fuse2fs, LoopExt4]
