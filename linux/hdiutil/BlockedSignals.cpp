@@ -32,7 +32,8 @@ BlockedSignals::BlockedSignals() {
 
 BlockedSignals::~BlockedSignals() {
     signalfd_siginfo taken{};
-    while (::read(fd_.get(), &taken, sizeof taken) > 0) {}
+    while (::read(fd_.get(), &taken, sizeof taken) > 0) {
+    }
     pthread_sigmask(SIG_SETMASK, &former_, nullptr);
 }
 

@@ -27,9 +27,13 @@ bool isOwn(ext2_ino_t inode, std::string_view name) {
     return inode == Ext4Volume::root && name.starts_with(ownPrefix);
 }
 
+bool isAccessList(std::string_view name) {
+    return name == accessAcl || name == defaultAcl;
+}
+
 bool isSupported(const std::string& name) {
     constexpr std::array<std::string_view, 3> prefixes = {"user.", "security.", trustedPrefix};
-    return name == accessAcl || name == defaultAcl ||
+    return isAccessList(name) ||
            std::any_of(prefixes.begin(), prefixes.end(), [&](std::string_view prefix) {
                return name.starts_with(prefix) && name.size() > prefix.size();
            });
@@ -99,7 +103,7 @@ std::vector<std::byte> Ext4Volume::attribute(ext2_ino_t number, const std::strin
     if (isOwn(number, name)) failWith(ENODATA);
     auto value = readAttribute(load(number), name);
     if (!value) failWith(ENODATA);
-    if (name == accessAcl || name == defaultAcl) {
+    if (isAccessList(name)) {
         // On the disk an entry that names nobody has no id; here it has the id that means that.
         if (const auto acl = PosixAcl::parse(*value)) return acl->format();
     }
@@ -150,7 +154,11 @@ void Ext4Volume::removeAttribute(ext2_ino_t number, const std::string& name) {
     const std::lock_guard lock(mutex_);
     if (!isSupported(name)) failWith(EOPNOTSUPP);
     const Ext4Inode inode = load(number);
-    if (isOwn(number, name) || !readAttribute(inode, name)) failWith(ENODATA);
+    if (isOwn(number, name)) failWith(ENODATA);
+    if (!readAttribute(inode, name)) {
+        if (isAccessList(name)) return; // a list that says nothing more than the mode is not kept
+        failWith(ENODATA);
+    }
     beginChange();
     eraseAttribute(inode, name);
     stampChange(number);
