@@ -1,18 +1,43 @@
 #include "Quillvane/Platform.h"
 
-#include "MountList.h"
+#include "MountTable.h"
+#include "Quillvane/ProcessRunner.h"
 
 #include <algorithm>
+#include <exception>
+#include <sys/mount.h>
 #include <sys/statvfs.h>
+#include <system_error>
+#include <vector>
 
 namespace Platform {
 namespace {
 
 namespace fs = std::filesystem;
 
-bool isLive(const MountList::Entry& entry) {
-    if (!MountList::isDead(entry)) return true;
-    MountList::cleanUp(entry);
+/// None when the system does not tell.
+std::vector<MountEntry> mounts() {
+    try {
+        return MountTable::current().entries();
+    } catch (const std::system_error&) {
+        return {};
+    }
+}
+
+/// Takes a dead mount of our own tool out of the tree, as far as that works.
+void cleanUp(const MountEntry& mount) {
+    if (mount.type != MountTable::volumeType) return;
+    if (::umount2(mount.mountPoint.c_str(), MNT_DETACH | UMOUNT_NOFOLLOW) == 0) return;
+    try {
+        ProcessRunner::run("/usr/bin/fusermount3", {"-u", "-z", "--", mount.mountPoint.string()});
+    } catch (const std::exception&) {
+        return; // best effort: the mount stays dead and in nobody's way
+    }
+}
+
+bool isLive(const MountEntry& mount) {
+    if (!isDeadMount(mount.mountPoint)) return true;
+    cleanUp(mount);
     return false;
 }
 
@@ -24,21 +49,21 @@ std::int64_t bytesOf(fsblkcnt_t blocks, const struct statvfs& volume) {
 } // namespace
 
 bool isMounted(const std::string& mountPoint) {
-    const auto mounts = MountList::read();
-    const auto topmost = std::find_if(mounts.rbegin(), mounts.rend(), [&](const auto& mount) {
-        return mount.mountPoint == mountPoint;
+    const auto all = mounts();
+    const auto topmost = std::find_if(all.rbegin(), all.rend(), [&](const MountEntry& mount) {
+        return mount.mountPoint.native() == mountPoint;
     });
-    return topmost != mounts.rend() && isLive(*topmost);
+    return topmost != all.rend() && isLive(*topmost);
 }
 
 std::optional<std::string> mountPointOfImage(const fs::path& imagePath) {
     std::error_code missing;
     const std::string image = fs::canonical(imagePath, missing).string();
     if (missing) return std::nullopt;
-    const auto mounts = MountList::read();
-    for (auto mount = mounts.rbegin(); mount != mounts.rend(); ++mount)
-        if (mount->type == MountList::ownType && mount->source == image && isLive(*mount))
-            return mount->mountPoint;
+    const auto all = mounts();
+    for (auto mount = all.rbegin(); mount != all.rend(); ++mount)
+        if (mount->type == MountTable::volumeType && mount->source == image && isLive(*mount))
+            return mount->mountPoint.string();
     return std::nullopt;
 }
 
@@ -61,8 +86,9 @@ bool isPackageOrVolumeRoot(const fs::path& path) {
     const std::string folder = fs::canonical(item, error).string();
     if (error) return false;
     const std::string inside = folder.ends_with('/') ? folder : folder + "/";
-    return std::ranges::any_of(MountList::read(), [&](const auto& mount) {
-        return mount.mountPoint == folder || mount.mountPoint.starts_with(inside);
+    return std::ranges::any_of(mounts(), [&](const MountEntry& mount) {
+        const std::string& place = mount.mountPoint.native();
+        return place == folder || place.starts_with(inside);
     });
 }
 

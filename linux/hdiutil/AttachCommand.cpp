@@ -8,11 +8,11 @@
 #include "ImageFile.h"
 #include "LuksContainer.h"
 #include "MountPlace.h"
-#include "MountTable.h"
 #include "PassphraseInput.h"
 #include "ToolError.h"
 #include "VolumeChecker.h"
 #include "VolumeServer.h"
+#include "linux/MountTable.h"
 
 #include <array>
 #include <cerrno>

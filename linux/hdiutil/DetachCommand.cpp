@@ -2,9 +2,9 @@
 
 #include "ControlSocket.h"
 #include "MountPlace.h"
-#include "MountTable.h"
 #include "ToolError.h"
 #include "Unmount.h"
+#include "linux/MountTable.h"
 
 #include <cerrno>
 #include <chrono>

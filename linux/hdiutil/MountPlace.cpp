@@ -1,9 +1,9 @@
 #include "MountPlace.h"
 
-#include "MountTable.h"
 #include "RuntimeDirectory.h"
 #include "ToolError.h"
 #include "Unmount.h"
+#include "linux/MountTable.h"
 
 #include <cerrno>
 #include <fcntl.h>

@@ -4,7 +4,7 @@
 #include "ControlSocket.h"
 #include "Ext4Volume.h"
 #include "FuseLoop.h"
-#include "MountTable.h"
+#include "linux/MountTable.h"
 
 #include <string>
 #include <thread>

@@ -9,7 +9,7 @@
 #include "FuseOperations.h"
 #include "FuseSession.h"
 #include "MountPlace.h"
-#include "MountTable.h"
+#include "linux/MountTable.h"
 
 #include <memory>
 #include <optional>

@@ -1,5 +1,6 @@
 // check-volume IMAGE: runs e2fsck, changing nothing, on the plaintext of an image that is not
-// attached. The passphrase is one line on standard input. Prints what e2fsck says; exits as it does.
+// attached. The passphrase is one line on standard input. Prints what e2fsck says; exits as it
+// does.
 
 #include "linux/hdiutil/ChildProgram.h"
 #include "linux/hdiutil/ImageFile.h"

@@ -1,4 +1,4 @@
-#include "linux/hdiutil/MountTable.h"
+#include "linux/MountTable.h"
 #include "linux/hdiutil/MountPlace.h"
 
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 #include "ScratchImage.h"
 
+#include "linux/MountTable.h"
 #include "linux/hdiutil/ChildProgram.h"
-#include "linux/hdiutil/MountTable.h"
 #include "linux/hdiutil/PlaintextExport.h"
 #include "linux/hdiutil/PlaintextFile.h"
 #include "linux/hdiutil/VolumeFormatter.h"

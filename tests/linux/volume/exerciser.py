@@ -8,8 +8,9 @@ import stat
 import struct
 
 MOST_OPEN = 12
+MOST_FOLDERS = 8
 LARGEST = 300_000
-NAMES = [f"name {number}" for number in range(24)] + ["n" * 255, "n" * 256, "a\nb", "é", "-", "\\"]
+NAMES = [f"name {number}" for number in range(10)] + ["n" * 255, "n" * 256, "a\nb", "é", "-", "\\"]
 XATTRS = ["user.a", "user.b", "user." + "x" * 60]
 OLD = 1_600_000_000_000_000_000  # times before this were set, later ones are of the moment
 libc = ctypes.CDLL(None, use_errno=True)
@@ -92,7 +93,7 @@ class Exerciser:
             return False
         what, works = attempt
         results = [outcome(work) for work in works]
-        self.history = self.history[-30:] + [f"{operation.__name__} {what}: {results[0]!r:.60}"]
+        self.history = self.history[-15:] + [f"{operation.__name__} {what}: {results[0]!r:.60}"]
         assert results[0] == results[1], "\n".join(self.history + [f"{results!r:.300}"])
         return not isinstance(results[0], str) or not results[0].startswith("E")
 
@@ -101,8 +102,9 @@ class Exerciser:
         different = [(path, one.get(path), other.get(path)) for path in one.keys() | other.keys()
                      if one.get(path) != other.get(path)]
         assert not different, "\n".join(self.history + [f"{different[:5]}"])
-        self.folders = [""] + [path for path, entry in one.items()
-                               if isinstance(entry, list) and entry[0].startswith("0o4")]
+        folders = [path for path, entry in sorted(one.items(), key=repr)
+                   if isinstance(entry, list) and entry[0].startswith("0o4")]
+        self.folders = [""] + self.random.sample(folders, min(len(folders), MOST_FOLDERS))
 
     def closeAll(self):
         for pair in self.open:
@@ -204,7 +206,7 @@ class Exerciser:
 
     def do_makeFolder(self):
         path = self.path()
-        if path.count("/") < 4 and path not in self.folders and len(self.folders) < 40:
+        if path.count("/") < 4 and path not in self.folders and len(self.folders) <= MOST_FOLDERS:
             self.folders.append(path)
         mode = self.random.choice([0o777, 0o755, 0o2775, 0o1777])
         return self.onPaths(lambda name: os.mkdir(name, mode), path)
@@ -247,7 +249,7 @@ class Exerciser:
         return self.onPaths(lambda path: os.lchown(path, -1, group), self.path(), what=group)
 
     def do_setTimes(self):
-        times = [self.random.randrange(-(1 << 60), OLD) for _ in range(2)]
+        times = tuple(self.random.randrange(-(1 << 60), OLD) for _ in range(2))
         return self.onPaths(lambda path: os.utime(path, ns=times, follow_symlinks=False),
                             self.path(), what=times)
 
