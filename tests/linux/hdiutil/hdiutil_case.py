@@ -80,7 +80,7 @@ def isRunning(process):
     try:
         with open(f"/proc/{process}/stat") as file:
             return file.read().rsplit(")", 1)[1].split()[0] not in "ZX"
-    except FileNotFoundError:
+    except (FileNotFoundError, ProcessLookupError):  # the second while it is ending
         return False
 
 
