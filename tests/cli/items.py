@@ -40,8 +40,34 @@ class ItemCase(quillvane.Case):
         self.assertEndsWith("\n" + says + "\n", "\n" + result.stderr)
         return result
 
+    def assertRefused(self, *words, **options):
+        """Runs a command that has to fail with this message and change nothing."""
+        before = quillvane.describe(self.work)
+        self.assertFails(*words, **options)
+        self.assertEqual([], quillvane.differences(before, quillvane.describe(self.work)))
+        self.assertNothingRuns()
+
     def assertEndsWith(self, expected, text):
         self.assertEqual(expected, text[-len(expected):])
+
+    def faulty(self, inject, *words, secrets=(PASSWORD,), children=True, timeout=60):
+        """Runs qv with faults in the system calls of it and its tools, or of its main thread alone;
+        its status and all it says. A volume's server that stays goes on with its faults."""
+        log = self.directory / "said"
+        with open(log, "w+") as said:
+            # Detached (-D), strace does not keep us waiting for such a server.
+            process = subprocess.Popen(
+                ["strace", "-D", *(["-f"] if children else []), "-qq", "-o", "/dev/null", "-e",
+                 f"trace={inject.split(':')[0]}", "-e", f"inject={inject}",
+                 QV, *words, "--stdin"], cwd=self.work, text=True,
+                # A traced process cannot trace itself, as the leak checker has to.
+                env=self.environment | {"ASAN_OPTIONS": "detect_leaks=0"},
+                stdin=subprocess.PIPE, stdout=said, stderr=said)
+            process.stdin.write("".join(secret + "\n" for secret in secrets))
+            process.stdin.close()
+            process.wait(timeout)
+            said.seek(0)
+            return process.returncode, said.read()
 
     def lock(self, folder, **options):
         """Protects a folder; its item's path and recovery key."""

@@ -331,6 +331,7 @@ TEST_F(Ext4VolumeTest, HoldsAttributesUpToABlock) {
     EXPECT_EQ(errnoFrom([&] { volume().setAttribute(file, "user.big", pattern(5000, 1), 0); }),
               ENOSPC);
     volume().removeAttribute(file, "user.name3");
+    volume().removeAttribute(file, "system.posix_acl_access"); // there is none, as ever
     model.erase("user.name3");
     disk.close();
     EXPECT_EQ(disk.check(), "");
@@ -459,6 +460,17 @@ TEST_F(Ext4VolumeTest, SeesThatItWasNotClosed) {
     disk.close();
 }
 
+TEST_F(Ext4VolumeTest, AsksForACheckAfterAFailureThatMayHaveLeftAChangeHalfWay) {
+    makeFile(root, "file");
+    volume().noteFailure(ENOSPC);
+    disk.close();
+    EXPECT_FALSE(Ext4Volume::needsCheck(disk.image()));
+    makeFile(root, "another");
+    volume().noteFailure(EIO);
+    disk.close();
+    EXPECT_TRUE(Ext4Volume::needsCheck(disk.image()));
+}
+
 TEST_F(Ext4VolumeTest, ReadOnlyRefusesEveryChange) {
     makeFile(root, "file");
     disk.close();
@@ -476,6 +488,20 @@ TEST(Ext4VolumeDamageTest, RefusesWhatMakesNoSense) {
     disk.image().write(0, zeros);
     EXPECT_THROW(Ext4Volume::open(disk.image(), false), VolumeCorrupt);
     EXPECT_THROW(Ext4Volume::needsCheck(disk.image()), VolumeCorrupt);
+}
+
+TEST(Ext4VolumeForeignTest, AFullVolumeOfBlockListsStaysWhole) {
+    PlainVolume disk(64, "-O ^extents,^64bit,^flex_bg");
+    const ext2_ino_t file =
+        numberOf(disk.volume().create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, me));
+    const auto chunk = pattern(300'000, 2);
+    int error = 0;
+    // Blocks of the lists themselves run out in the middle of a run, now and then.
+    for (std::uint64_t at = 0; error == 0; at += 5 * chunk.size())
+        error = errnoFrom([&] { disk.volume().write(file, at, chunk); });
+    EXPECT_EQ(error, ENOSPC);
+    disk.close();
+    EXPECT_EQ(disk.check(), "");
 }
 
 TEST(Ext4VolumeForeignTest, UsesFileSystemsWithoutExtentsChecksumsOrHashTrees) {

@@ -93,6 +93,41 @@ class FullDiskTest(VolumeCase):
             for at in range(0, written, MEBIBYTE):
                 self.assertEqual(piece[:written - at], file.read(MEBIBYTE))
 
+    def test_everyOperationSucceedsWhollyOrNotAtAll(self):
+        file = self.fileWith("file")
+        for number in range(300):
+            (self.volume / str(number)).write_bytes(b"")
+        ballast = self.image.parent / "ballast"
+        fill(ballast, 4096)
+        made = {"file"} | {str(number) for number in range(300)}
+        operations = [
+            lambda name, number: os.mkdir(name),
+            lambda name, number: os.symlink("t" * 1000, name),
+            lambda name, number: os.link(file, name),
+            lambda name, number: os.mknod(name, 0o600),
+            lambda name, number: os.rename(self.volume / str(number), name),
+        ]
+        refused = 0
+        for number in range(300):
+            for which, operation in enumerate(operations):
+                name = f"{number} {which} {'x' * 200}"
+                try:
+                    operation(self.volume / name, number)
+                    made.add(name)
+                    if which == 4:
+                        made.remove(str(number))
+                except OSError as error:
+                    self.assertEqual(errno.ENOSPC, error.errno)
+                    refused += 1
+            try:
+                os.setxattr(self.volume / str(number), "user.a", b"v" * 2000)
+            except OSError as error:
+                self.assertIn(error.errno, (errno.ENOSPC, errno.ENOENT))
+        self.assertGreater(refused, 500)
+        self.assertEqual(made, set(os.listdir(self.volume)))
+        self.reattach()  # needs no room that was not taken before
+        self.assertEqual(made, set(os.listdir(self.volume)))
+
     def test_anotherProgramTakesTheLastRoom(self):
         folder = self.volume / "folder"
         folder.mkdir()
