@@ -1,12 +1,13 @@
 #include "Ext2Io.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
-#include <charconv>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <string>
 #include <system_error>
 #include <vector>
 
@@ -151,11 +152,12 @@ struct_io_manager& manager() {
     return theManager;
 }
 
-// libext2fs knows a device by its name alone, so the name is the cache's address in decimal.
+// libext2fs knows a device by its name alone, so the name is the cache's address.
+constexpr const char* nameFormat = "%p";
+
 errcode_t openChannel(const char* name, int, io_channel* channel) {
-    std::uintptr_t address = 0;
-    const char* end = name + std::strlen(name);
-    if (std::from_chars(name, end, address).ptr != end) return EXT2_ET_BAD_DEVICE_NAME;
+    void* cache = nullptr;
+    if (std::sscanf(name, nameFormat, &cache) != 1) return EXT2_ET_BAD_DEVICE_NAME;
     // libext2fs frees channels itself in places, with free().
     auto* made = static_cast<io_channel>(std::calloc(1, sizeof(struct_io_channel)));
     if (made == nullptr) return EXT2_ET_NO_MEMORY;
@@ -164,7 +166,7 @@ errcode_t openChannel(const char* name, int, io_channel* channel) {
     made->name = ::strdup(name);
     made->block_size = 1024;
     made->refcount = 1;
-    made->private_data = reinterpret_cast<void*>(address);
+    made->private_data = cache;
     *channel = made;
     return 0;
 }
@@ -172,6 +174,7 @@ errcode_t openChannel(const char* name, int, io_channel* channel) {
 } // namespace
 
 errcode_t Ext2Io::open(BlockCache& cache, int flags, ext2_filsys* fs) {
-    const std::string name = std::to_string(reinterpret_cast<std::uintptr_t>(&cache));
-    return ext2fs_open2(name.c_str(), nullptr, flags, 0, 0, &manager(), fs);
+    std::array<char, 32> name{};
+    std::snprintf(name.data(), name.size(), nameFormat, static_cast<void*>(&cache));
+    return ext2fs_open2(name.data(), nullptr, flags, 0, 0, &manager(), fs);
 }

@@ -98,10 +98,11 @@ class FullDiskTest(items.ItemCase):
         finally:
             filler.unlink()
         self.assertEqual((1, ""), (lock.returncode, stdout), stderr)
+        # What made the volume names the cause in words of its own.
         self.assertRegex(stderr, r"(?s)Not enough disk space|Couldn't create the encrypted vault\."
-                                 r"\n.*No space left on device|Couldn't mount the image\.\n"
-                                 r"|Couldn't copy the contents into the vault\.\nditto: .*"
-                                 r"No space left on device")
+                                 r"\nhdiutil: create failed - |Couldn't mount the image\.\nhdiutil: "
+                                 r"attach failed - |Couldn't copy the contents into the vault\.\n"
+                                 r"ditto: .*No space left on device")
 
     def testNoRoomToRestore(self):
         self.mount(300)

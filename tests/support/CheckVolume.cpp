@@ -8,9 +8,9 @@
 #include "linux/hdiutil/PassphraseInput.h"
 #include "linux/hdiutil/PlaintextExport.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <iostream>
 #include <unistd.h>
 
 namespace {
@@ -28,15 +28,15 @@ ProgramResult check(const char* path) {
 
 int main(int count, char** arguments) {
     if (count != 2) {
-        std::fputs("usage: check-volume IMAGE\n", stderr);
+        std::cerr << "usage: check-volume IMAGE\n";
         return EXIT_FAILURE;
     }
     try {
         const ProgramResult result = check(arguments[1]);
-        std::fputs(result.output.c_str(), stdout);
+        std::cout << result.output;
         return result.status;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "check-volume: %s\n", error.what());
+        std::cerr << "check-volume: " << error.what() << '\n';
         return EXIT_FAILURE;
     }
 }

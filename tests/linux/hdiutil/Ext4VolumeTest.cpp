@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <map>
+#include <numeric>
 #include <random>
 #include <set>
 #include <string>
@@ -169,6 +170,34 @@ TEST_F(Ext4VolumeTest, HoldsAManyTimesSplitFile) {
     EXPECT_EQ(disk.check(), "");
     volume().unlink(root, "split");
     expectClean();
+}
+
+TEST_F(Ext4VolumeTest, FillsReservedRoomInAnyOrder) {
+    constexpr std::uint64_t blockSize = EncryptedImage::blockSize;
+    constexpr std::uint64_t count = 8000;
+    const ext2_ino_t file = makeFile(root, "reserved");
+    volume().allocate(file, 0, 0, count * blockSize);
+    std::vector<std::uint64_t> order(count);
+    std::iota(order.begin(), order.end(), 0);
+    std::shuffle(order.begin(), order.end(), std::minstd_rand(5)); // NOLINT: the same each time
+    std::vector<std::byte> block(blockSize);
+    const auto stampOf = [](std::uint64_t at) { return static_cast<std::byte>(at % 251 + 1); };
+    const auto expectAll = [&](std::size_t written) {
+        std::size_t wrong = 0;
+        for (std::size_t i = 0; i < count; ++i) {
+            volume().read(file, order[i] * blockSize, block);
+            wrong += block.front() != (i < written ? stampOf(order[i]) : std::byte{0});
+        }
+        EXPECT_EQ(wrong, 0U) << "after " << written << " blocks";
+    };
+    for (std::size_t written = 0; written < count;) {
+        std::fill(block.begin(), block.end(), stampOf(order[written]));
+        ASSERT_EQ(volume().write(file, order[written] * blockSize, block), blockSize);
+        if (++written % 1000 == 0) expectAll(written);
+    }
+    disk.close();
+    EXPECT_EQ(disk.check(), "");
+    expectAll(count);
 }
 
 TEST_F(Ext4VolumeTest, HoldsADirectoryOfManyNames) {
