@@ -175,6 +175,6 @@ errcode_t openChannel(const char* name, int, io_channel* channel) {
 
 errcode_t Ext2Io::open(BlockCache& cache, int flags, ext2_filsys* fs) {
     std::array<char, 32> name{};
-    std::snprintf(name.data(), name.size(), nameFormat, static_cast<void*>(&cache));
+    (void)std::snprintf(name.data(), name.size(), nameFormat, static_cast<void*>(&cache));
     return ext2fs_open2(name.data(), nullptr, flags, 0, 0, &manager(), fs);
 }

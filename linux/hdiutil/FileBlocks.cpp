@@ -149,9 +149,58 @@ void FileBlocks::insertExtent(const Run& run) {
     check(ext2fs_extent_fix_parents(handle_));
 }
 
+// ext2fs_extent_set_bmap of libext2fs 1.47.0 would do, but loses a block now and then where it
+// splits a node of the tree. Here every step leaves the tree whole, so that a full disk may end it
+// anywhere.
 void FileBlocks::markWritten(const Run& run) {
-    for (std::uint64_t i = 0; i < run.count; ++i)
-        check(ext2fs_extent_set_bmap(handle(), run.logical + i, run.physical + i, 0));
+    const std::uint64_t end = run.logical + run.count;
+    splitAt(run.logical);
+    splitAt(end);
+    for (std::uint64_t at = run.logical; at < end;) {
+        auto extent = seek(at);
+        if (!extent || extent->e_lblk != at) failWith(EUCLEAN); // the caller saw a run here
+        const std::uint64_t next = at + extent->e_len;
+        if (!joinLeft(*extent)) {
+            extent->e_flags &= ~static_cast<__u32>(EXT2_EXTENT_FLAGS_UNINIT);
+            check(ext2fs_extent_replace(handle_, 0, &*extent));
+        }
+        at = next;
+    }
+}
+
+/// Makes two extents of the one that holds both `logical` and the block before it.
+void FileBlocks::splitAt(std::uint64_t logical) {
+    const auto extent = seek(logical);
+    if (!extent || extent->e_lblk >= logical) return;
+    ext2fs_extent first = *extent;
+    first.e_len = static_cast<__u32>(logical - extent->e_lblk);
+    ext2fs_extent second = *extent;
+    second.e_lblk = logical;
+    second.e_pblk += first.e_len;
+    second.e_len -= first.e_len;
+    check(ext2fs_extent_insert(handle_, EXT2_EXTENT_INSERT_AFTER, &second));
+    check(ext2fs_extent_fix_parents(handle_));
+    check(ext2fs_extent_goto(handle_, first.e_lblk));
+    check(ext2fs_extent_replace(handle_, 0, &first));
+}
+
+/// Makes an unwritten extent, at which the handle stands, part of the data that lies before it, in
+/// the file and on the disk. Answers whether that was possible.
+bool FileBlocks::joinLeft(const ext2fs_extent& extent) {
+    if (extent.e_lblk == 0) return false;
+    auto left = seek(extent.e_lblk - 1);
+    const bool fits = left && !isUnwritten(*left) && left->e_lblk + left->e_len == extent.e_lblk &&
+                      left->e_pblk + left->e_len == extent.e_pblk &&
+                      left->e_len + extent.e_len <= longestData;
+    check(ext2fs_extent_goto(handle_, extent.e_lblk));
+    if (!fits) return false;
+    check(ext2fs_extent_delete(handle_, 0));
+    const errcode_t code = ext2fs_extent_fix_parents(handle_);
+    if (code != EXT2_ET_NO_CURRENT_NODE) check(code);
+    check(ext2fs_extent_goto(handle_, left->e_lblk));
+    left->e_len += extent.e_len;
+    check(ext2fs_extent_replace(handle_, 0, &*left));
+    return true;
 }
 
 // ext2fs_punch of libext2fs 1.47.0 refuses an extent that ends with the volume's last block, so

@@ -57,6 +57,8 @@ private:
     ext2_extent_handle_t handle();
     std::optional<ext2fs_extent> seek(std::uint64_t logical);
     std::optional<ext2fs_extent> following();
+    void splitAt(std::uint64_t logical);
+    bool joinLeft(const ext2fs_extent& extent);
     void cut(const ext2fs_extent& extent, std::uint64_t from, std::uint64_t to);
     void insertExtent(const Run& run);
     bool growLeft(const Run& run, const ext2fs_extent& left);
