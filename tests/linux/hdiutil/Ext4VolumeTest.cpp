@@ -200,6 +200,32 @@ TEST_F(Ext4VolumeTest, FillsReservedRoomInAnyOrder) {
     expectAll(count);
 }
 
+TEST_F(Ext4VolumeTest, FreesAndTakesBlocksInAnyOrder) {
+    constexpr std::uint64_t blockSize = EncryptedImage::blockSize;
+    constexpr std::uint64_t count = 8000;
+    const ext2_ino_t file = makeFile(root, "file");
+    const std::vector<std::byte> block(blockSize, std::byte{7});
+    volume().write(file, 0, std::vector<std::byte>(count * blockSize, std::byte{7}));
+    std::minstd_rand random(6); // NOLINT: the same each time
+    std::vector<bool> held(count, true);
+    for (int round = 0; round < 20'000; ++round) {
+        const std::uint64_t at = random() % count;
+        const bool punch = random() % 5 < (round < 10'000 ? 3U : 1U);
+        if (punch)
+            volume().allocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, at * blockSize,
+                              blockSize);
+        else
+            volume().write(file, at * blockSize, block);
+        held[at] = !punch;
+    }
+    disk.close();
+    EXPECT_EQ(disk.check(), "");
+    std::vector<std::byte> all(count * blockSize);
+    volume().read(file, 0, all);
+    for (std::uint64_t at = 0; at < count; ++at)
+        ASSERT_EQ(all[at * blockSize], held[at] ? std::byte{7} : std::byte{0}) << at;
+}
+
 TEST_F(Ext4VolumeTest, HoldsADirectoryOfManyNames) {
     const ext2_ino_t directory = makeDirectory(root, "many");
     const ext2_ino_t file = makeFile(root, "one");

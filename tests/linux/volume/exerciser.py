@@ -168,6 +168,19 @@ class Exerciser:
 
     do_write2 = do_write3 = do_write
 
+    def do_scatter(self):
+        """So many pieces that the list of a file's blocks becomes a tree."""
+        action = self.random.choice(["write", "write", "punch", "reserve"])
+        places = [self.random.randrange(1200) * 4096 for _ in range(120)]
+
+        def scatter(fd):
+            for place in places:
+                if action == "write":
+                    os.pwrite(fd, b"piece", place)
+                else:
+                    fallocate(fd, 3 if action == "punch" else 0, place, 4096)
+        return self.onOpen(scatter, action)
+
     def do_append(self):
         content = self.bytes()
 
