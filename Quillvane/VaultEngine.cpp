@@ -22,16 +22,6 @@ void requirePassword(const Secret& password) {
     if (password.empty()) throw VaultError::emptyPassword();
 }
 
-/// Best effort: the volume is open whether the file manager shows it or not.
-void showVolume(const std::string& mountPoint) {
-    try {
-        ProcessRunner::retryingLaunch(
-            [&] { return ProcessRunner::run(Platform::tools().open, {mountPoint}); });
-    } catch (const std::exception&) {
-        return;
-    }
-}
-
 } // namespace
 
 Secret vaultKey(const Path& container, const Credential& credential) {
@@ -69,6 +59,15 @@ OpenResult open(const Path& imageURL, const Credential& credential,
     showVolume(mountInfo.mountPoint);
     progress({1.0, "Opened. The volume is mounted."});
     return {mountInfo.mountPoint, mountInfo};
+}
+
+void showVolume(const std::string& mountPoint) {
+    try {
+        ProcessRunner::retryingLaunch(
+            [&] { return ProcessRunner::run(Platform::tools().open, {mountPoint}); });
+    } catch (const std::exception&) {
+        return;
+    }
 }
 
 void changePassword(const Path& container, const Credential& current, const Secret& newPassword) {

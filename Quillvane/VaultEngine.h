@@ -18,8 +18,8 @@
 
 /// The operations on protected items.
 ///
-/// All are synchronous, keep no state and may run on any thread but the main one. They fail with
-/// `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled` or
+/// All are synchronous, keep no state and may run on any thread; a window's would freeze. They fail
+/// with `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled` or
 /// `std::filesystem::filesystem_error`; each function says which.
 namespace VaultEngine {
 
@@ -36,6 +36,15 @@ struct LockResult {
 struct OpenResult {
     std::string mountPoint;
     MountInfo mountInfo;
+};
+
+/// What opening an item in place yields. All three are compared and kept as bytes.
+struct SmartMount {
+    /// The item's file name without its extension.
+    std::string name;
+    std::string lockedPath;
+    /// Of the folder beside the item that the volume is mounted on.
+    std::string mountPath;
 };
 
 /// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
@@ -60,6 +69,25 @@ void removePassword(const Path& locked, const Credential& credential,
 /// `std::system_error` when the key file cannot be written; the old one then stays whole.
 void changePassword(const Path& container, const Credential& current, const Secret& newPassword);
 
+/// Mounts the item on the folder of its name beside it, which is made if it is not there, and shows
+/// it. Nothing is left of an attempt that fails. Throws `VaultError` (sourceMissing,
+/// targetFolderExists, wrongPassword, attachFailed), `ProcessLaunchError`, and
+/// `std::filesystem::filesystem_error` when the folder cannot be made.
+SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase);
+/// Hides the item with its key file and opens it in place; shows them again when that fails and no
+/// volume is there. Throws what `passphrase` throws, with nothing touched, and what
+/// `activateInPlace` throws.
+SmartMount openAsFolder(const Path& container, const Credential& credential);
+/// Ejects the volume mounted at `mountPath`, never by force, and removes the folder if nothing is
+/// in it. The item stays hidden; `recoverIfOrphaned` shows it. Throws `VaultError` (detachBusy,
+/// detachFailed) and `ProcessLaunchError`.
+void deactivateInPlace(const std::string& mountPath);
+/// Unless a volume is mounted at `mountPath`: removes the folder there if nothing is in it, and
+/// shows the item with its key file. Best effort.
+void recoverIfOrphaned(const Path& container, const std::string& mountPath) noexcept;
+/// True when file managers leave the item out.
+bool isHidden(const Path& url);
+
 /// The item's 20-byte vault key. With a recovery key the key file is not read. Throws
 /// `VaultError` (emptyPassword) and `RecoveryError`.
 Secret vaultKey(const Path& container, const Credential& credential);
@@ -75,6 +103,8 @@ MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsabl
 /// Ejects the volume, by force if it must be; true, or throws `VaultError` (detachFailed) or
 /// `ProcessLaunchError`.
 bool detach(const MountInfo& mountInfo);
+/// Asks the file manager to show the volume. Best effort: it is open all the same.
+void showVolume(const std::string& mountPoint);
 /// True while a volume is mounted exactly at `mountPoint`.
 bool isMounted(const std::string& mountPoint);
 
@@ -109,6 +139,8 @@ bool isDirectoryEmpty(const Path& url);
 std::string trimmed(std::string_view text);
 /// True when the disk-image tool's message means that the passphrase did not open the image.
 bool refusesPassphrase(std::string_view message);
+/// True when the disk-image tool's message means that the volume is in use.
+bool reportsBusy(std::string_view message);
 /// Names that a volume may carry at its root without the user having put them there.
 const std::set<std::string>& systemVolumeItems();
 

@@ -8,6 +8,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <initializer_list>
 #include <vector>
 
 // The disk-image tool: attach, detach, and what its messages mean.
@@ -19,6 +20,16 @@ bool isWhiteSpace(UChar32 character) {
     constexpr UChar32 nextLine = 0x85;
     const bool lineBreakOrTab = (character >= '\t' && character <= '\r') || character == nextLine;
     return lineBreakOrTab || (character >= 0 && (U_GET_GC_MASK(character) & U_GC_Z_MASK) != 0);
+}
+
+/// Whether one of the words, given in small letters, is in the message in any letters.
+bool mentions(std::string_view message, std::initializer_list<std::string_view> words) {
+    std::string lower(message);
+    std::ranges::transform(lower, lower.begin(), [](char c) {
+        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    });
+    return std::ranges::any_of(
+        words, [&](std::string_view word) { return lower.find(word) != std::string::npos; });
 }
 
 } // namespace
@@ -67,14 +78,12 @@ std::string trimmed(std::string_view text) {
 }
 
 bool refusesPassphrase(std::string_view message) {
-    std::string lower(message);
-    std::ranges::transform(lower, lower.begin(), [](char c) {
-        return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-    });
     // A damaged image is reported like a wrong password on purpose.
-    return std::ranges::any_of(
-        std::initializer_list<std::string_view>{"authentication", "passphrase", "corrupt"},
-        [&](std::string_view word) { return lower.find(word) != std::string::npos; });
+    return mentions(message, {"authentication", "passphrase", "corrupt"});
+}
+
+bool reportsBusy(std::string_view message) {
+    return mentions(message, {"busy"});
 }
 
 } // namespace VaultEngine

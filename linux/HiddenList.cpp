@@ -55,8 +55,10 @@ std::optional<List> read(const Path& file) {
     return list;
 }
 
-/// `text` without the lines that are `name`, and whether there were any.
+/// `text` without the lines that are `name`, and whether there were any. A text whose last line has
+/// no line feed keeps it that way.
 std::pair<std::string, bool> without(std::string_view text, std::string_view name) {
+    const bool open = !text.ends_with('\n');
     std::string rest;
     bool found = false;
     while (!text.empty()) {
@@ -68,7 +70,15 @@ std::pair<std::string, bool> without(std::string_view text, std::string_view nam
             rest += text.substr(0, length);
         text.remove_prefix(length);
     }
+    if (open && rest.ends_with('\n')) rest.pop_back();
     return {rest, found};
+}
+
+/// The list with the name, so that `without` gives back exactly what there was: in front, which
+/// leaves the end as it is, and alone without a line feed where an empty list stood.
+std::string with(const std::optional<List>& list, const std::string& name) {
+    if (!list) return name + "\n";
+    return list->text.empty() ? name : name + "\n" + list->text;
 }
 
 bool needsNoLine(const std::string& name) {
@@ -100,12 +110,12 @@ void set(const Path& item, bool hidden) {
     ::flock(lock.get(), LOCK_EX);
 
     const Path file = directory / ".hidden";
-    List list = read(file).value_or(List{});
-    const auto [rest, listed] = without(list.text, name);
+    const std::optional<List> list = read(file);
+    const std::string text = list ? list->text : std::string();
+    const auto [rest, listed] = without(text, name);
     if (listed == hidden) return;
-    if (!hidden && rest.empty()) return removeList(file, directory);
-    if (hidden && !list.text.empty() && !list.text.ends_with('\n')) list.text += '\n';
-    DurableFile::replace(file, hidden ? list.text + name + "\n" : rest, list.mode);
+    if (!hidden && text.ends_with('\n') && rest.empty()) return removeList(file, directory);
+    DurableFile::replace(file, hidden ? with(list, name) : rest, list ? list->mode : newListMode);
 }
 
 bool contains(const Path& item) {

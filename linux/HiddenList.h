@@ -8,9 +8,9 @@
 /// both nothing is done.
 namespace HiddenList {
 
-/// Adds the item's name to the list of its directory, or removes it; other lines stay as they are,
-/// and a list that becomes empty is removed. On the disk when it returns. Throws
-/// `std::system_error`; the list is then as it was.
+/// Adds the item's name to the list of its directory, or removes it. Other lines stay as they are;
+/// adding and removing a name leaves the list byte for byte as it was, and none where none was. On
+/// the disk when it returns. Throws `std::system_error`; the list is then as it was.
 void set(const std::filesystem::path& item, bool hidden);
 /// True also for names that begin with ".".
 bool contains(const std::filesystem::path& item);

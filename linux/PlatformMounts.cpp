@@ -41,6 +41,15 @@ bool isLive(const MountEntry& mount) {
     return false;
 }
 
+/// The path as the system lists it: without links, but for the last component. A dead mount could
+/// not be resolved, and a link that leads to a mount is none.
+fs::path asListed(const fs::path& mountPoint) {
+    const fs::path place = mountPoint.has_filename() ? mountPoint : mountPoint.parent_path();
+    std::error_code unresolved;
+    const fs::path parent = fs::canonical(place.parent_path(), unresolved);
+    return unresolved ? place : parent / place.filename();
+}
+
 std::int64_t bytesOf(fsblkcnt_t blocks, const struct statvfs& volume) {
     std::int64_t bytes = 0;
     return __builtin_mul_overflow(blocks, volume.f_frsize, &bytes) ? 0 : bytes;
@@ -49,9 +58,10 @@ std::int64_t bytesOf(fsblkcnt_t blocks, const struct statvfs& volume) {
 } // namespace
 
 bool isMounted(const std::string& mountPoint) {
+    const fs::path place = asListed(mountPoint);
     const auto all = mounts();
     const auto topmost = std::find_if(all.rbegin(), all.rend(), [&](const MountEntry& mount) {
-        return mount.mountPoint.native() == mountPoint;
+        return mount.mountPoint.native() == place.native();
     });
     return topmost != all.rend() && isLive(*topmost);
 }

@@ -28,12 +28,22 @@ std::optional<std::string> mountPoint(plist_t image) {
     return found;
 }
 
+/// The path as the system lists it: without links, but for the last component. A dead mount could
+/// not be resolved, and a link that leads to a mount is none.
+fs::path asListed(const fs::path& mountPoint) {
+    const fs::path place = mountPoint.has_filename() ? mountPoint : mountPoint.parent_path();
+    std::error_code unresolved;
+    const fs::path parent = fs::canonical(place.parent_path(), unresolved);
+    return unresolved ? place : parent / place.filename();
+}
+
 } // namespace
 
 bool isMounted(const std::string& mountPoint) {
     try {
         const ProcessResult mounts = ProcessRunner::run(tools().mount, {});
-        return mounts.stdoutString().find(" on " + mountPoint + " (") != std::string::npos;
+        const std::string listed = " on " + asListed(mountPoint).string() + " (";
+        return mounts.stdoutString().find(listed) != std::string::npos;
     } catch (const ProcessLaunchError&) {
         return false;
     }

@@ -3,8 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
 #include <sys/stat.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -16,6 +18,11 @@ protected:
     HiddenListTest() {
         writeFile(item, "");
         writeFile(folder / "b", "");
+    }
+
+    static mode_t modeOf(const fs::path& path) {
+        struct stat status {};
+        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
     }
 
     TemporaryFolder folder;
@@ -40,12 +47,52 @@ TEST_F(HiddenListTest, KeepsOtherLinesAndTheMode) {
     writeFile(list, "Docs\n\nother \nlast");
     fs::permissions(list, static_cast<fs::perms>(0664));
     EXPECT_FALSE(Platform::setHidden(item, true));
-    EXPECT_EQ(readFile(list), "Docs\n\nother \nlast\nDocs é.quillvane\n");
-    struct stat status {};
-    ASSERT_EQ(::stat(list.c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0664U);
+    EXPECT_EQ(readFile(list), "Docs é.quillvane\nDocs\n\nother \nlast");
+    EXPECT_EQ(modeOf(list), 0664U);
     EXPECT_FALSE(Platform::setHidden(item, false));
-    EXPECT_EQ(readFile(list), "Docs\n\nother \nlast\n");
+    EXPECT_EQ(readFile(list), "Docs\n\nother \nlast");
+    EXPECT_EQ(modeOf(list), 0664U);
+}
+
+TEST_F(HiddenListTest, IsByteForByteAsItWasAfterHidingAndShowing) {
+    for (const std::string before :
+         {"", "a", "a\n", "\n", "\n\n", "a\n\n", "a\nb", "a\nb\n", "\na", " \n ", "a\r\nb\r\n",
+          "a\r\nb", "\r\n", "Docs é.quillvane\r\n", "Docs é.quillvane \nDocs é"}) {
+        writeFile(list, before);
+        EXPECT_FALSE(Platform::setHidden(item, true));
+        EXPECT_TRUE(Platform::isHidden(item)) << testing::PrintToString(before);
+        EXPECT_FALSE(Platform::setHidden(item, true));
+        EXPECT_FALSE(Platform::setHidden(item, false));
+        EXPECT_FALSE(Platform::isHidden(item));
+        EXPECT_EQ(readFile(list), before);
+    }
+}
+
+TEST_F(HiddenListTest, IsAsItWasWhicheverOfTwoIsShownFirst) {
+    for (const std::string before : {"", "a", "a\n", "a\r\nc"}) {
+        for (const auto& [first, second] : {std::pair(item, folder / "b"), {folder / "b", item}}) {
+            writeFile(list, before);
+            EXPECT_FALSE(Platform::setHidden(item, true));
+            EXPECT_FALSE(Platform::setHidden(folder / "b", true));
+            EXPECT_FALSE(Platform::setHidden(first, false));
+            EXPECT_TRUE(Platform::isHidden(second));
+            EXPECT_FALSE(Platform::setHidden(second, false));
+            EXPECT_EQ(readFile(list), before);
+        }
+    }
+}
+
+TEST_F(HiddenListTest, LosesALineWhereverItStands) {
+    const std::pair<const char*, const char*> cases[]{
+        {"b\na\nc\n", "a\nc\n"}, {"a\nb\nc\n", "a\nc\n"}, {"a\nc\nb\n", "a\nc\n"},
+        {"b\na", "a"},           {"a\nb", "a"},           {"b\na\nb", "a"},
+        {"b\nb\na\n", "a\n"},    {"a\nb\nb\n", "a\n"},    {"a\n\nb", "a\n"}};
+    for (const auto& [before, after] : cases) {
+        writeFile(list, before);
+        EXPECT_FALSE(Platform::setHidden(folder / "b", false));
+        EXPECT_FALSE(Platform::isHidden(folder / "b"));
+        EXPECT_EQ(readFile(list), after) << testing::PrintToString(before);
+    }
 }
 
 TEST_F(HiddenListTest, ComparesWholeLines) {
@@ -53,13 +100,6 @@ TEST_F(HiddenListTest, ComparesWholeLines) {
     EXPECT_FALSE(Platform::isHidden(item));
     EXPECT_FALSE(Platform::setHidden(item, false));
     EXPECT_EQ(readFile(list), "Docs é.quillvane2\nxDocs é.quillvane\n");
-}
-
-TEST_F(HiddenListTest, RemovesEveryLineOfTheName) {
-    writeFile(list, "b\na\nb");
-    EXPECT_TRUE(Platform::isHidden(folder / "b"));
-    EXPECT_FALSE(Platform::setHidden(folder / "b", false));
-    EXPECT_EQ(readFile(list), "a\n");
 }
 
 TEST_F(HiddenListTest, HasNoLineForWhatIsHiddenAnywayOrCannotBeListed) {

@@ -48,6 +48,39 @@ TEST(Platform, AMountWithoutAServerDoesNotCountAndGoes) {
     EXPECT_EQ(::stat((folder / "dead").c_str(), &status), 0) << "it should be cleaned up";
 }
 
+TEST(Platform, FindsAMountThroughLinksInItsParentsPath) {
+    const TemporaryFolder folder;
+    fs::create_directories(folder / "real/deep/Docs");
+    fs::create_directory_symlink("real", folder / "link");
+    fs::create_directory_symlink(folder / "real/deep/Docs", folder / "itself");
+    const Mounted mounted(folder / "real/deep/Docs", "tmpfs", "none", "");
+    SKIP_UNLESS(mounted);
+    EXPECT_TRUE(Platform::isMounted(folder / "link/deep/Docs"));
+    EXPECT_TRUE(Platform::isMounted(folder / "link/deep/Docs/"));
+    EXPECT_TRUE(Platform::isMounted(folder / "real/../link/./deep/Docs"));
+    EXPECT_FALSE(Platform::isMounted(folder / "itself")) << "the link is no mount";
+    EXPECT_FALSE(Platform::isMounted(folder / "link/deep"));
+    EXPECT_FALSE(Platform::isMounted(folder / "missing/Docs"));
+    EXPECT_TRUE(Platform::isMounted("/"));
+}
+
+TEST(Platform, CleansDeadMountsUpWhateverTheirPath) {
+    const TemporaryFolder folder;
+    fs::create_directory(folder / "real");
+    fs::create_directory_symlink("real", folder / "link");
+    for (const char* name :
+         {"with space", "line\nfeed", "tab\tand \\040", "Ünï – 写真", " ", "\xff"}) {
+        fs::create_directory(folder / "real" / name);
+        const DeadFuseMount mount(folder / "real" / name, "none");
+        SKIP_UNLESS(mount);
+        EXPECT_FALSE(Platform::isMounted(folder / "link" / name));
+        std::error_code error;
+        EXPECT_TRUE(fs::is_empty(folder / "real" / name, error)) << name;
+        EXPECT_FALSE(error) << name << ": " << error.message();
+        EXPECT_TRUE(fs::remove(folder / "real" / name, error)) << name << " is still mounted";
+    }
+}
+
 TEST(Platform, FindsTheMountOfAnImage) {
     const TemporaryFolder folder;
     const fs::path image = folder / "My Docs.quillvane";

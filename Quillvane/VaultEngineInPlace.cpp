@@ -1,0 +1,134 @@
+#include "VaultEngine.h"
+
+#include "ItemPath.h"
+#include "KeyStore.h"
+#include "Platform.h"
+#include "VaultError.h"
+
+#include <chrono>
+#include <exception>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+// Opening an item on a folder of its name at its own place, and closing it again.
+
+namespace VaultEngine {
+namespace {
+
+namespace fs = std::filesystem;
+
+Path mountFolder(const Path& item) {
+    return item.parent_path() / item.stem();
+}
+
+/// Removes nothing but an empty directory, and never what is mounted there. Best effort.
+void removeEmptyFolder(const Path& folder) noexcept {
+    ::rmdir(folder.c_str());
+}
+
+/// True when the folder was made here, false when an empty one stood there.
+bool prepareFolder(const Path& folder) {
+    std::error_code missing;
+    const fs::file_status status = fs::symlink_status(folder, missing);
+    if (status.type() == fs::file_type::not_found) return fs::create_directory(folder);
+    // What is mounted through a link is neither found nor removed again.
+    const bool taken =
+        fs::is_symlink(status) || (fs::is_directory(status) && !isDirectoryEmpty(folder));
+    if (taken) throw VaultError::targetFolderExists(folder.filename());
+    return false;
+}
+
+ProcessResult
+runDiskImageTool(const std::vector<std::string>& arguments,
+                 std::optional<std::span<const std::uint8_t>> standardInput = std::nullopt) {
+    return ProcessRunner::retryingLaunch(
+        [&] { return ProcessRunner::run(Platform::tools().hdiutil, arguments, standardInput); });
+}
+
+void attachAt(const Path& folder, const Path& item, const Secret& passphrase) {
+    const Secret line = passwordData(passphrase);
+    const ProcessResult result =
+        runDiskImageTool({"attach", "-stdinpass", "-nobrowse", "-owners", "on", "-mountpoint",
+                          folder.string(), item.string()},
+                         line.bytes());
+    if (result.exitCode == 0) return;
+    if (refusesPassphrase(result.standardError)) throw VaultError::wrongPassword();
+    throw VaultError::attachFailed(trimmed(result.stderrString()));
+}
+
+/// When the tool was killed, the volume that it had begun to mount goes a moment after it.
+void awaitNoVolume(const Path& folder) {
+    constexpr auto limit = std::chrono::seconds(1);
+    constexpr auto pause = std::chrono::milliseconds(20);
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (isMounted(folder) && std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(pause);
+}
+
+void setHidden(const Path& item, bool hidden) {
+    [[maybe_unused]] const std::error_code ignored = Platform::setHidden(item, hidden);
+    KeyStore::setHidden(item, hidden);
+}
+
+} // namespace
+
+SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase) {
+    const Path item = itemPath(lockedURL);
+    std::error_code unreadable;
+    if (!fs::exists(item, unreadable)) throw VaultError::sourceMissing();
+    const Path folder = mountFolder(item);
+    // Asking also takes away a volume whose server has died, through which nothing can be seen.
+    const bool wasOpen = isMounted(folder);
+    const bool made = prepareFolder(folder);
+    try {
+        attachAt(folder, item, passphrase);
+    } catch (...) {
+        if (!wasOpen) awaitNoVolume(folder);
+        if (made) removeEmptyFolder(folder);
+        throw;
+    }
+    showVolume(folder);
+    return {folder.filename(), item, folder};
+}
+
+SmartMount openAsFolder(const Path& container, const Credential& credential) {
+    const Path item = itemPath(container);
+    const Secret text = passphrase(item, credential);
+    setHidden(item, true);
+    try {
+        return activateInPlace(item, text);
+    } catch (...) {
+        // Another program of the user's may have it open there.
+        if (!isMounted(mountFolder(item))) setHidden(item, false);
+        throw;
+    }
+}
+
+void deactivateInPlace(const std::string& mountPath) {
+    const Path folder = itemPath(mountPath);
+    const ProcessResult result = runDiskImageTool({"detach", folder.string()});
+    if (result.exitCode != 0) {
+        if (reportsBusy(result.standardError)) throw VaultError::detachBusy();
+        throw VaultError::detachFailed(trimmed(result.stderrString()));
+    }
+    removeEmptyFolder(folder);
+}
+
+void recoverIfOrphaned(const Path& container, const std::string& mountPath) noexcept {
+    try {
+        const Path item = itemPath(container);
+        const Path folder = itemPath(mountPath);
+        if (isMounted(folder)) return;
+        removeEmptyFolder(folder);
+        setHidden(item, false);
+    } catch (const std::exception&) {
+        return; // best effort, as the next run tries again
+    }
+}
+
+bool isHidden(const Path& url) {
+    return Platform::isHidden(itemPath(url));
+}
+
+} // namespace VaultEngine
