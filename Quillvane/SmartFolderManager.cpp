@@ -1,0 +1,204 @@
+#include "SmartFolderManager.h"
+
+#include "ErrorText.h"
+#include "ItemPath.h"
+#include "SystemEvents.h"
+#include "VaultEngine.h"
+
+#include <QCoreApplication>
+
+#include <algorithm>
+#include <utility>
+
+namespace {
+
+constexpr std::chrono::seconds tickInterval{20};
+
+QString textOf(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& known) {
+        return QString::fromStdString(errorText(known));
+    }
+}
+
+} // namespace
+
+SmartFolderManager::SmartFolderManager(SystemEvents& events, BackgroundTasks& tasks, Clock& clock,
+                                       SmartFolderStore& store, QObject* parent)
+    : QObject(parent), events_(events), tasks_(tasks), clock_(clock), store_(store), scope_(tasks) {
+    recoverPersisted();
+    startTimer();
+    observeSystemEvents();
+}
+
+void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, Secret confirm) {
+    beginBusy(QStringLiteral("Preparing…"));
+    struct Creation {
+        Secret password;
+        Secret confirm;
+        Cancellation cancellation;
+        VaultEngine::LockResult result;
+    };
+    const auto creation = std::make_shared<Creation>(std::move(password), std::move(confirm));
+    creation_ = std::shared_ptr<Cancellation>(creation, &creation->cancellation);
+    const ProgressCallback report = scope_.reporter([this](const Progress& progress) {
+        setStatusMessage(QString::fromStdString(progress.message));
+    });
+    offMain(
+        [creation, folder, report] {
+            creation->result = VaultEngine::lock(folder, creation->password, creation->confirm,
+                                                 Filesystem::apfs, report, &creation->cancellation);
+        },
+        [this, creation](const std::exception_ptr& error) {
+            creation_.reset();
+            if (error) return fail(error);
+            endBusy();
+            recoveryKeyToShow_ = std::move(creation->result.recoveryKey);
+            emit recoveryKeyToShowChanged();
+            setSuccessMessage(
+                "Smart folder created:\n" +
+                QString::fromStdString(creation->result.container.filename().string()) +
+                "\n\nIt now looks like a folder: double-click, enter your password, and it opens "
+                "in place — then closes itself.");
+        });
+}
+
+void SmartFolderManager::activate(const Path& locked, Credential credential) {
+    const Path item = itemPath(locked);
+    const std::string name = item.stem().string();
+    if (opening_.contains(name) || std::ranges::count(active(), name, &Active::name) > 0) {
+        setErrorMessage("\"" + QString::fromStdString(name) + "\" is already open.");
+        return;
+    }
+    beginBusy("Opening " + QString::fromStdString(name) + " in place…");
+    opening_.insert(name);
+    struct Opening {
+        Credential credential;
+        VaultEngine::SmartMount mount;
+    };
+    const auto opening = std::make_shared<Opening>(Opening{std::move(credential), {}});
+    offMain(
+        [opening, item] { opening->mount = VaultEngine::openAsFolder(item, opening->credential); },
+        [this, opening, name](const std::exception_ptr& error) {
+            opening_.erase(name);
+            if (error)
+                fail(error);
+            else
+                opened(opening->mount);
+            if (opening_.empty()) closeWhenOpened_.reset();
+            endMove();
+        });
+}
+
+void SmartFolderManager::opened(const VaultEngine::SmartMount& mount) {
+    const Clock::Time now = clock_.now();
+    const Active entry{mount.mountPath, mount.name, mount.lockedPath, mount.mountPath, now, now};
+    append(entry);
+    endBusy();
+    setSuccessMessage("\"" + QString::fromStdString(mount.name) +
+                      "\" opened in place. It closes by itself after " +
+                      QString::number(timeoutMinutes_) +
+                      " min of inactivity, or on screen lock / logout.");
+    persist();
+    if (closeWhenOpened_) attemptClose(entry, /*automatic=*/true, closeWhenOpened_);
+}
+
+void SmartFolderManager::recoverPersisted() {
+    const auto records = store_.read();
+    if (!records) return;
+    const Clock::Time now = clock_.now();
+    for (const SmartFolderStore::Record& record : *records) {
+        if (store_.claimedElsewhere(record.mountPath)) continue;
+        if (VaultEngine::isMounted(record.mountPath)) {
+            append({record.mountPath, record.name, record.container, record.mountPath, now, now});
+        } else {
+            VaultEngine::recoverIfOrphaned(record.container, record.mountPath);
+            managed_.insert(record.mountPath);
+        }
+    }
+    persist();
+}
+
+void SmartFolderManager::startTimer() {
+    clock_.repeat(tickInterval, scope_.guarded([this] { tick(); }));
+}
+
+void SmartFolderManager::observeSystemEvents() {
+    connect(&events_, &SystemEvents::screenLocked, this,
+            [this] { closeAll(QStringLiteral("screen lock")); });
+    connect(&events_, &SystemEvents::poweringOff, this, [this] {
+        powerOffWaits_ = true;
+        closeAll(QStringLiteral("logout / shutdown"));
+        endMove(); // when there is nothing to close
+    });
+    connect(&events_, &SystemEvents::volumeUnmounted, this,
+            [this](const Path& mountPath) { handleExternalUnmount(mountPath); });
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
+            &SmartFolderManager::closeAllSynchronouslyBestEffort);
+}
+
+void SmartFolderManager::persist() {
+    std::vector<SmartFolderStore::Record> records;
+    for (const Active& entry : active())
+        records.push_back({entry.name, entry.lockedPath, entry.mountPath});
+    if (!store_.write(records, managed_))
+        setErrorMessage(QStringLiteral("The list of open Smart Folders couldn't be saved."));
+}
+
+void SmartFolderManager::append(Active entry) {
+    managed_.insert(entry.mountPath);
+    store_.claim(entry.mountPath);
+    active_.append(std::move(entry));
+}
+
+void SmartFolderManager::remove(const std::string& id) {
+    active_.remove(id);
+    persist();
+    store_.release(id); // not before: nobody else may take the record for one left behind
+}
+
+void SmartFolderManager::beginBusy(const QString& message) {
+    setErrorMessage({});
+    setSuccessMessage({});
+    setBusy(true);
+    setStatusMessage(message);
+}
+
+void SmartFolderManager::endBusy() {
+    setBusy(false);
+    setStatusMessage({});
+}
+
+void SmartFolderManager::fail(const std::exception_ptr& error) {
+    endBusy();
+    setErrorMessage(textOf(error));
+}
+
+void SmartFolderManager::offMain(BackgroundTasks::Work work, BackgroundTasks::Ending ending) {
+    scope_.start(std::move(work), std::move(ending));
+}
+
+void SmartFolderManager::setTimeoutMinutes(int minutes) {
+    if (std::exchange(timeoutMinutes_, minutes) != minutes) emit timeoutMinutesChanged();
+}
+
+void SmartFolderManager::clearRecoveryKeyToShow() {
+    if (std::exchange(recoveryKeyToShow_, std::nullopt)) emit recoveryKeyToShowChanged();
+}
+
+void SmartFolderManager::setBusy(bool busy) {
+    if (std::exchange(isBusy_, busy) != busy) emit isBusyChanged();
+}
+
+void SmartFolderManager::setStatusMessage(const QString& text) {
+    if (std::exchange(statusMessage_, text) != text) emit statusMessageChanged();
+}
+
+void SmartFolderManager::setErrorMessage(const QString& text) {
+    if (std::exchange(errorMessage_, text) != text) emit errorMessageChanged();
+}
+
+void SmartFolderManager::setSuccessMessage(const QString& text) {
+    if (std::exchange(successMessage_, text) != text) emit successMessageChanged();
+}

@@ -1,0 +1,142 @@
+#pragma once
+
+#include "BackgroundTasks.h"
+#include "Cancellation.h"
+#include "Clock.h"
+#include "Credential.h"
+#include "Secret.h"
+#include "SmartFolderList.h"
+#include "SmartFolderStore.h"
+#include "TaskScope.h"
+#include "VaultEngine.h"
+
+#include <QObject>
+#include <QString>
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+class SystemEvents;
+
+/// Knows which Smart Folders are open, opens them in place and closes them again: after a time of
+/// inactivity, when the screen locks, when the user logs out or the computer is switched off, and
+/// when the program ends. It keeps its list in the user's preferences, so that the next start can
+/// repair what a killed program left behind.
+///
+/// For the main thread alone; tools run in the background. A text that is "none" is empty.
+class SmartFolderManager : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QAbstractItemModel* active READ activeModel CONSTANT)
+    Q_PROPERTY(
+        int timeoutMinutes READ timeoutMinutes WRITE setTimeoutMinutes NOTIFY timeoutMinutesChanged)
+    Q_PROPERTY(bool isBusy READ isBusy NOTIFY isBusyChanged)
+    Q_PROPERTY(QString statusMessage READ statusMessage NOTIFY statusMessageChanged)
+    Q_PROPERTY(QString errorMessage READ errorMessage NOTIFY errorMessageChanged)
+    Q_PROPERTY(QString successMessage READ successMessage NOTIFY successMessageChanged)
+
+public:
+    using Active = ActiveSmartFolder;
+    using Path = std::filesystem::path;
+
+    /// Repairs what an earlier run left open, then starts the idle timer and listens to the system
+    /// and to the application object's end. Everything given must outlive the manager.
+    SmartFolderManager(SystemEvents& events, BackgroundTasks& tasks, Clock& clock,
+                       SmartFolderStore& store, QObject* parent = nullptr);
+
+    /// The open Smart Folders in the order in which they were opened.
+    const std::vector<Active>& active() const { return active_.entries(); }
+    QAbstractItemModel* activeModel() { return &active_; }
+    /// Minutes of inactivity after which a folder is closed; less than one counts as one.
+    int timeoutMinutes() const { return timeoutMinutes_; }
+    void setTimeoutMinutes(int minutes);
+    /// A create, open or user-requested close is running.
+    bool isBusy() const { return isBusy_; }
+    QString statusMessage() const { return statusMessage_; }
+    QString errorMessage() const { return errorMessage_; }
+    QString successMessage() const { return successMessage_; }
+    /// The recovery key of a Smart Folder just created, to be shown to the user once.
+    const std::optional<Secret>& recoveryKeyToShow() const { return recoveryKeyToShow_; }
+    void clearRecoveryKeyToShow();
+    /// True while a folder is being opened or closed.
+    bool isMoving() const { return !opening_.empty() || !closing_.empty(); }
+
+    /// Turns a folder into a protected item.
+    void createSmartFolder(const Path& folder, Secret password, Secret confirm);
+    /// Opens the item in place.
+    void activate(const Path& locked, Credential credential);
+    /// Closes one folder; silently when `automatic`. A folder in use stays open and is tried again
+    /// after a full time-out. `reason` changes nothing here.
+    void attemptClose(const Active& entry, bool automatic = false,
+                      const std::optional<QString>& reason = std::nullopt);
+    /// Closes every open folder in the background, and those that are being opened as soon as they
+    /// are open.
+    void closeAll(const QString& reason);
+    /// Waits for what is under way and closes every folder before the process ends, as far as that
+    /// works. The list and the hidden flags stay: the next start repairs them.
+    void closeAllSynchronouslyBestEffort();
+
+signals:
+    void timeoutMinutesChanged();
+    void isBusyChanged();
+    void statusMessageChanged();
+    void errorMessageChanged();
+    void successMessageChanged();
+    void recoveryKeyToShowChanged();
+    /// An opening or closing has come to its end.
+    void moved();
+
+private:
+    void recoverPersisted();
+    void startTimer();
+    void observeSystemEvents();
+    void tick();
+    void resetIdle(const std::string& id);
+    void handleExternalUnmount(const Path& mountPath);
+    void persist();
+    void remove(const std::string& id);
+
+    void beginBusy(const QString& message);
+    void endBusy();
+    void fail(const std::exception_ptr& error);
+    /// Runs `work` in the background and then, unless the manager is gone, `ending` with what it
+    /// threw, or null.
+    void offMain(BackgroundTasks::Work work, BackgroundTasks::Ending ending);
+
+    void append(Active entry);
+    void opened(const VaultEngine::SmartMount& mount);
+    void closed(const Active& entry);
+    void closeFailed(const Active& entry, bool automatic, const std::exception_ptr& error);
+    /// Tells that an opening or closing has ended, and the system when there is none left that it
+    /// should wait for.
+    void endMove();
+
+    void setBusy(bool busy);
+    void setStatusMessage(const QString& text);
+    void setErrorMessage(const QString& text);
+    void setSuccessMessage(const QString& text);
+
+    SystemEvents& events_;
+    BackgroundTasks& tasks_;
+    Clock& clock_;
+    SmartFolderStore& store_;
+    TaskScope scope_;
+
+    SmartFolderList active_;
+    int timeoutMinutes_ = 5;
+    bool isBusy_ = false;
+    QString statusMessage_;
+    QString errorMessage_;
+    QString successMessage_;
+    std::optional<Secret> recoveryKeyToShow_;
+
+    std::set<std::string> opening_; ///< names of items that are being opened
+    std::set<std::string> closing_; ///< mount paths of folders that are being closed
+    std::set<std::string> managed_; ///< every mount path that was in `active_` once
+    std::optional<QString> closeWhenOpened_;
+    std::shared_ptr<Cancellation> creation_;
+    bool powerOffWaits_ = false;
+};
