@@ -1,12 +1,14 @@
 #include "qv/Arguments.h"
 
+#include <charconv>
 #include <map>
 #include <optional>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 const char* const usageLine =
-    "usage: qv lock|open|close|remove|change [--stdin] [--recovery-key] PATH   (qv --help)";
+    "usage: qv lock|open|close|remove|change|smart [OPTION…] PATH   (qv --help)";
 
 const char* const helpText =
     R"(qv - put a password on a folder, from the terminal
@@ -17,18 +19,24 @@ usage:
   qv close ITEM|MOUNTPOINT    close the volume again
   qv remove ITEM              remove the protection: the item becomes a folder again
   qv change ITEM              change the item's password
+  qv smart ITEM               open the item in place, as a folder where it lies, and stay until the
+                              folder is closed: after some time without use, when the screen is
+                              locked, at logout, or by Ctrl-C
+  qv smart --close ITEM       close the item's folder
 
 options:
-  --recovery-key   ask for the recovery key in place of the password (open, remove, change)
+  --recovery-key   ask for the recovery key in place of the password (open, remove, change,
+                   smart)
   --stdin          read the secrets from standard input, one on each line, in the order in which
                    they are asked for; a new password is given once (lock: the new password;
-                   open, remove: the password; change: the current one, then the new one)
+                   open, remove, smart: the password; change: the current one, then the new one)
+  --minutes N      smart: close the folder after N minutes without use (1 to 1440; 5 if not given)
   --               what follows is a path, even if it begins with "-"
   -h, --help       show this text
   --version        show the version
 
 Standard output carries results alone: lock prints the item's path and then its recovery key,
-which is shown this once; open prints the mount point, remove the folder's path.
+which is shown this once; open prints the mount point, remove and smart the folder's path.
 
 exit status: 0 done, 1 failed, 2 wrong usage)";
 
@@ -39,23 +47,58 @@ using Command = Arguments::Command;
 Command commandNamed(const std::string& word) {
     static const std::map<std::string_view, Command> commands{
         {"lock", Command::lock},     {"open", Command::open},     {"close", Command::close},
-        {"remove", Command::remove}, {"change", Command::change}, {"help", Command::help},
+        {"remove", Command::remove}, {"change", Command::change}, {"smart", Command::smart},
+        {"help", Command::help},
     };
     const auto found = commands.find(word);
     if (found == commands.end()) throw UsageError("There is no command \"" + word + "\".");
     return found->second;
 }
 
+constexpr int longestMinutes = 24 * 60;
+
+int minutesFrom(const std::string& word) {
+    int minutes = 0;
+    const char* const end = word.data() + word.size();
+    const auto [rest, error] = std::from_chars(word.data(), end, minutes);
+    if (error != std::errc() || rest != end || minutes < 1 || minutes > longestMinutes)
+        throw UsageError("\"--minutes\" needs a whole number from 1 to 1440.");
+    return minutes;
+}
+
 /// Which options a command understands, and that it has its operand.
 void check(const Arguments& arguments, const std::string& name) {
     if (arguments.operand.empty()) throw UsageError("\"" + name + "\" needs a path.");
     const Command command = arguments.command;
+    if (command != Command::smart && (arguments.minutes || arguments.closeSmartFolder)) {
+        throw UsageError("Only \"smart\" takes --minutes and --close.");
+    }
+    if (arguments.closeSmartFolder &&
+        (arguments.minutes || arguments.useRecoveryKey || arguments.secretsFromStandardInput)) {
+        throw UsageError("\"smart --close\" takes no other option.");
+    }
     if (arguments.useRecoveryKey && (command == Command::lock || command == Command::close)) {
         throw UsageError("\"" + name + "\" takes no --recovery-key.");
     }
     if (arguments.secretsFromStandardInput && command == Command::close) {
         throw UsageError("\"" + name + "\" asks for no secret and takes no --stdin.");
     }
+}
+
+/// Notes the option in `result`; what to do instead of the command, when one asks for that.
+std::optional<Command> readOption(const std::string& word, Arguments& result,
+                                  std::optional<Command> instead) {
+    if (word == "--help" || word == "-h") return instead.value_or(Command::help);
+    if (word == "--version") return instead.value_or(Command::version);
+    if (word == "--stdin")
+        result.secretsFromStandardInput = true;
+    else if (word == "--recovery-key")
+        result.useRecoveryKey = true;
+    else if (word == "--close")
+        result.closeSmartFolder = true;
+    else
+        throw UsageError("There is no option " + word + ".");
+    return instead;
 }
 
 } // namespace
@@ -65,22 +108,21 @@ Arguments Arguments::parse(std::span<const char* const> words) {
     std::vector<std::string> operands;
     std::optional<Command> instead; // --help or --version, whatever else is there
     bool optionsEnded = false;
+    bool minutesFollow = false;
 
     for (const std::string word : words) {
-        if (optionsEnded || word.empty() || word.front() != '-' || word == "-") {
+        if (std::exchange(minutesFollow, false)) {
+            result.minutes = minutesFrom(word);
+        } else if (optionsEnded || word.empty() || word.front() != '-' || word == "-") {
             operands.push_back(word);
         } else if (word == "--") {
             optionsEnded = true;
-        } else if (word == "--stdin") {
-            result.secretsFromStandardInput = true;
-        } else if (word == "--recovery-key") {
-            result.useRecoveryKey = true;
-        } else if (word == "--help" || word == "-h") {
-            instead = instead.value_or(Command::help);
-        } else if (word == "--version") {
-            instead = instead.value_or(Command::version);
+        } else if (word == "--minutes") {
+            minutesFollow = true;
+        } else if (word.starts_with("--minutes=")) {
+            result.minutes = minutesFrom(word.substr(word.find('=') + 1));
         } else {
-            throw UsageError("There is no option " + word + ".");
+            instead = readOption(word, result, instead);
         }
     }
 
@@ -88,6 +130,7 @@ Arguments Arguments::parse(std::span<const char* const> words) {
         result.command = *instead;
         return result;
     }
+    if (minutesFollow) throw UsageError("\"--minutes\" needs a number.");
     if (operands.empty()) throw UsageError("A command is missing.");
     result.command = commandNamed(operands[0]);
     if (result.command == Command::help) return result;

@@ -1,18 +1,23 @@
 #pragma once
 
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 
 /// What a command line asks for.
 struct Arguments {
-    enum class Command { lock, open, close, remove, change, help, version };
+    enum class Command { lock, open, close, remove, change, smart, help, version };
 
     Command command = Command::help;
     /// The folder, item or mount point, as typed; empty for help and version.
     std::string operand;
     bool secretsFromStandardInput = false;
     bool useRecoveryKey = false;
+    /// For `smart`: close the folder rather than open it.
+    bool closeSmartFolder = false;
+    /// For `smart`: the time of inactivity after which the folder is closed.
+    std::optional<int> minutes;
 
     /// Understands the words after the program's name. Options may stand anywhere; "--" ends them.
     /// Throws `UsageError`.

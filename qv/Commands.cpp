@@ -11,10 +11,12 @@
 #include "qv/ResultOutput.h"
 #include "qv/SecretLines.h"
 #include "qv/SecretPrompt.h"
+#include "qv/SmartFolder.h"
 
 #include <algorithm>
 #include <memory>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -88,15 +90,56 @@ void open(const Arguments& arguments) {
     printResult({result.mountPoint});
 }
 
+[[noreturn]] void notOpen(const fs::path& path) {
+    requireExistence(path);
+    throw std::runtime_error("\"" + path.filename().native() + "\" isn't open.");
+}
+
+/// The folder on which the item is opened in place.
+std::string inPlaceFolder(const fs::path& item) {
+    return (item.parent_path() / item.stem()).native();
+}
+
+void closeInPlace(const fs::path& item) {
+    VaultEngine::deactivateInPlace(inPlaceFolder(item));
+    VaultEngine::recoverIfOrphaned(item, inPlaceFolder(item));
+}
+
+/// The item that is open in place, when `path` is it or its folder.
+std::optional<fs::path> itemInPlace(const fs::path& path) {
+    for (const fs::path& item : {path, fs::path(path.native() + ".quillvane")}) {
+        const auto mountPoint = Platform::mountPointOfImage(item);
+        std::error_code error;
+        if (mountPoint && fs::equivalent(*mountPoint, inPlaceFolder(item), error)) return item;
+    }
+    return std::nullopt;
+}
+
 void close(const Arguments& arguments) {
     const fs::path path = itemPath(arguments.operand);
+    if (const auto item = itemInPlace(path)) return closeInPlace(*item);
     std::optional<std::string> mountPoint = Platform::mountPointOfImage(path);
     if (!mountPoint && Platform::isMounted(path)) mountPoint = path;
-    if (!mountPoint) {
-        requireExistence(path);
-        throw std::runtime_error("\"" + path.filename().native() + "\" isn't open.");
-    }
+    if (!mountPoint) notOpen(path);
     VaultEngine::detach({{}, *mountPoint});
+}
+
+void closeSmartFolder(const Arguments& arguments) {
+    const fs::path item = existingItem(arguments.operand);
+    if (itemInPlace(item)) return closeInPlace(item);
+    const bool leftBehind = VaultEngine::isHidden(item);
+    VaultEngine::recoverIfOrphaned(item, inPlaceFolder(item));
+    if (!leftBehind) notOpen(item);
+}
+
+void smart(const Arguments& arguments) {
+    const fs::path item = existingItem(arguments.operand);
+    if (itemInPlace(item) && !hasManager(item))
+        return runSmartFolder(item, std::nullopt, arguments.minutes);
+    if (Platform::mountPointOfImage(item))
+        throw std::runtime_error("\"" + item.stem().native() + "\" is already open.");
+    Credential credential = askCredential(*secretSource(arguments), arguments, "Password");
+    runSmartFolder(item, std::move(credential), arguments.minutes);
 }
 
 void remove(const Arguments& arguments) {
@@ -136,6 +179,8 @@ void runCommand(const Arguments& arguments) {
         return remove(arguments);
     case Arguments::Command::change:
         return change(arguments);
+    case Arguments::Command::smart:
+        return arguments.closeSmartFolder ? closeSmartFolder(arguments) : smart(arguments);
     case Arguments::Command::help:
     case Arguments::Command::version:
         break; // not operations

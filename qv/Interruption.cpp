@@ -17,11 +17,13 @@ constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 Cancellation request;
 std::atomic<bool> stopRequested{false};
 
-extern "C" void onEndingSignal(int) {
+extern "C" {
+static void onEndingSignal(int) {
     request.request();
 }
-extern "C" void onStopSignal(int) {
+static void onStopSignal(int) {
     stopRequested = true;
+}
 }
 
 void handle(int signal, void (*handler)(int), struct sigaction* former = nullptr) {

@@ -29,3 +29,8 @@ void printResult(std::initializer_list<std::string_view> lines) {
         writeAll("\n");
     }
 }
+
+void printMessage(const std::string& text) {
+    const std::string line = text + "\n";
+    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
+}

@@ -1,9 +1,14 @@
 #pragma once
 
 #include <initializer_list>
+#include <string>
 #include <string_view>
 
 /// Writes each text and a line feed to standard output.
 /// Returns when the system has taken all of it, or throws `std::system_error`. Nothing is buffered:
 /// a text may be a secret.
 void printResult(std::initializer_list<std::string_view> lines);
+
+/// Writes the text and a line feed to standard error, for people. Whoever has closed it does not
+/// want to know: what cannot be written is dropped.
+void printMessage(const std::string& text);

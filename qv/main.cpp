@@ -3,6 +3,7 @@
 #include "qv/Arguments.h"
 #include "qv/Commands.h"
 #include "qv/Interruption.h"
+#include "qv/QuietFailure.h"
 #include "qv/ResultOutput.h"
 
 #include <fcntl.h>
@@ -23,12 +24,6 @@ void occupyStandardStreams() {
     }
 }
 
-/// For people; whoever has closed standard error does not want to know.
-void complain(const std::string& text) {
-    const std::string line = text + "\n";
-    [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
-}
-
 int run(std::span<const char* const> words) {
     try {
         const Arguments arguments = Arguments::parse(words);
@@ -41,10 +36,12 @@ int run(std::span<const char* const> words) {
         }
         return done;
     } catch (const UsageError& error) {
-        complain(std::string(error.what()) + "\n" + usageLine);
+        printMessage(std::string(error.what()) + "\n" + usageLine);
         return wrongUsage;
+    } catch (const QuietFailure&) {
+        return failed;
     } catch (const std::exception& error) {
-        complain(errorText(error));
+        printMessage(errorText(error));
         return failed;
     }
 }
