@@ -17,3 +17,10 @@ std::filesystem::path itemPath(const std::filesystem::path& path) {
     }
     return result;
 }
+
+std::filesystem::path resolvedItemPath(const std::filesystem::path& path) {
+    const std::filesystem::path item = itemPath(path);
+    std::error_code unresolved;
+    const auto directory = std::filesystem::canonical(item.parent_path(), unresolved);
+    return unresolved ? item : directory / item.filename();
+}

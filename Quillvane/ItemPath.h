@@ -6,3 +6,6 @@
 /// at the end. Links stay as they are, except before a "..". Throws
 /// `std::filesystem::filesystem_error` when there is no current directory.
 std::filesystem::path itemPath(const std::filesystem::path& path);
+/// `itemPath` with the links in its directory resolved, so that one item has one path; the last
+/// component stays as it is. As `itemPath` where the directory cannot be resolved.
+std::filesystem::path resolvedItemPath(const std::filesystem::path& path);

@@ -27,11 +27,21 @@ const Tools& tools();
 void setTools(Tools tools);
 
 /// True while a volume is mounted exactly at `mountPoint`, an absolute path. A mount whose server
-/// has died does not count; one of ours is cleaned up.
+/// has died does not count; one of ours is cleaned up. Waits for a server that does not answer.
+/// Throws `std::system_error` when the system does not tell what is mounted.
 bool isMounted(const std::string& mountPoint);
-/// Where the image file's volume is mounted, the newest when there are several. A path that does
-/// not exist is mounted nowhere.
+/// The same as the system's list of mounts has it, be the volume's server dead or hung: never waits
+/// for it. Throws `std::system_error` when the system does not tell.
+bool isListedAsMounted(const std::string& mountPoint);
+/// Where the image file's volume is mounted, the newest when there are several; the image may have
+/// been renamed meanwhile. A path that does not exist is mounted nowhere. Waits for the servers of
+/// volumes. Throws `std::system_error` when the system does not tell what is mounted.
 std::optional<std::string> mountPointOfImage(const std::filesystem::path& imagePath);
+
+/// Where the volume is mounted now whose image had this absolute path when it was mounted:
+/// elsewhere when a directory above both was renamed. Throws `std::system_error` when the system
+/// does not tell.
+std::optional<std::string> placeOfVolumeOf(const std::string& formerImagePath);
 
 /// Makes file managers show the item or leave it out. Nothing is done for a name that the system
 /// leaves out anyway, or cannot list.
@@ -43,9 +53,13 @@ bool isHidden(const std::filesystem::path& path);
 std::int64_t availableCapacity(const std::filesystem::path& path);
 /// Bytes in use on the volume that holds `path`; 0 when unknown.
 std::int64_t volumeUsedBytes(const std::filesystem::path& path);
+/// What the user calls the volume that holds `path`; none when it has no name or `path` does not
+/// exist.
+std::optional<std::string> volumeName(const std::filesystem::path& path);
 
 /// True for what cannot be replaced by an item: a package, a mount point, a folder with a mount
-/// inside it, a symbolic link to a folder. A trailing slash makes no difference.
+/// inside it, a symbolic link to a folder. A trailing slash makes no difference. Throws
+/// `std::system_error` when the system does not tell what is mounted.
 bool isPackageOrVolumeRoot(const std::filesystem::path& path);
 
 /// Returns when the file's or directory's data is on the disk. Throws `std::system_error`.

@@ -1,10 +1,12 @@
-#include "KeyStore.h"
+#include "InPlaceClose.h"
 #include "Platform.h"
 #include "SmartFolderManager.h"
 #include "SystemEvents.h"
 #include "VaultError.h"
 
 #include <algorithm>
+#include <memory>
+#include <system_error>
 
 // The part of SmartFolderManager that closes folders: on request, by themselves, all of them, and
 // behind its back.
@@ -21,10 +23,13 @@ bool isDetachBusy(const std::exception_ptr& error) {
     }
 }
 
-/// Best effort: the folder is closed whether file managers show its item or not.
-void showItem(const std::string& lockedPath) {
-    static_cast<void>(Platform::setHidden(lockedPath, false));
-    KeyStore::setHidden(lockedPath, false);
+/// Mounted again meanwhile, or the system does not tell at the moment: the next tick asks again.
+bool isStillListed(const std::string& mountPath) {
+    try {
+        return VaultEngine::isListedAsMounted(mountPath);
+    } catch (const std::system_error&) {
+        return true;
+    }
 }
 
 } // namespace
@@ -34,30 +39,42 @@ void SmartFolderManager::tick() {
     const std::chrono::minutes limit(std::max(timeoutMinutes_, 1));
     const std::vector<Active> entries = active(); // closing one changes the list
     for (const Active& entry : entries) {
-        if (!VaultEngine::isMounted(entry.mountPath))
+        if (now < entry.idleSince) resetIdle(entry.id); // the clock was set back
+        if (!isStillListed(entry.mountPath))
             handleExternalUnmount(entry.mountPath);
         else if (now - entry.idleSince >= limit)
             attemptClose(entry, /*automatic=*/true);
+        else
+            lookAfter(entry);
     }
+}
+
+void SmartFolderManager::lookAfter(const Active& entry) {
+    // Not here: a server that hangs would take the main thread along.
+    if (!lookedAfter_.insert(entry.id).second) return;
+    const auto isAlive = std::make_shared<bool>(true);
+    offMain([isAlive, place = entry.mountPath] { *isAlive = VaultEngine::isMounted(place); },
+            [this, isAlive, id = entry.id](const std::exception_ptr&) { // none: the next tick asks
+                lookedAfter_.erase(id);
+                if (!*isAlive) handleExternalUnmount(id);
+            });
 }
 
 void SmartFolderManager::attemptClose(const Active& entry, bool automatic,
                                       const std::optional<QString>& /*reason*/) {
     if (!closing_.insert(entry.mountPath).second) return;
     if (!automatic) beginBusy("Closing " + QString::fromStdString(entry.name) + "…");
-    offMain(
-        [entry] {
-            VaultEngine::deactivateInPlace(entry.mountPath);
-            showItem(entry.lockedPath);
-        },
-        [this, entry, automatic](const std::exception_ptr& error) {
-            closing_.erase(entry.mountPath);
-            if (error)
-                closeFailed(entry, automatic, error);
-            else
-                closed(entry);
-            endMove();
-        });
+    const auto shown = std::make_shared<bool>(true);
+    offMain([entry, shown] { *shown = closeInPlace(entry.lockedPath, entry.mountPath); },
+            [this, entry, shown, automatic](const std::exception_ptr& error) {
+                closing_.erase(entry.mountPath);
+                if (!*shown) leftHidden_.push_back({entry.name, entry.lockedPath, entry.mountPath});
+                if (error)
+                    closeFailed(entry, automatic, error);
+                else
+                    closed(entry);
+                endMove();
+            });
 }
 
 void SmartFolderManager::closed(const Active& entry) {
@@ -92,15 +109,15 @@ void SmartFolderManager::handleExternalUnmount(const Path& mountPath) {
     const std::string& id = mountPath.native();
     // Another program that manages the folder sees to it by itself.
     if (closing_.contains(id) || store_.claimedElsewhere(id)) return;
+    if (isStillListed(id) || follow(id)) return;
     Path item = mountPath;
     item += ".quillvane";
     std::error_code unreadable;
     const auto entry = std::ranges::find(active(), id, &Active::id);
-    // The name may be written in another way, as "Docs.QUILLVANE".
-    if (!std::filesystem::exists(item, unreadable) && entry != active().end())
-        item = entry->lockedPath;
-    if (!std::filesystem::exists(item, unreadable)) return remove(id);
-
+    if (!std::filesystem::exists(item, unreadable)) {
+        if (entry == active().end()) return;
+        item = entry->lockedPath; // written in another way, as "Docs.QUILLVANE", or gone
+    }
     closing_.insert(id);
     offMain([item, id] { VaultEngine::recoverIfOrphaned(item, id); },
             [this, id](const std::exception_ptr&) { // it throws nothing
@@ -108,6 +125,29 @@ void SmartFolderManager::handleExternalUnmount(const Path& mountPath) {
                 remove(id);
                 endMove();
             });
+}
+
+bool SmartFolderManager::follow(const std::string& id) {
+    const auto found = std::ranges::find(active(), id, &Active::id);
+    if (found == active().end()) return false;
+    Active entry = *found;
+    try {
+        const std::string image =
+            imageAtMount_.contains(id) ? imageAtMount_.at(id) : entry.lockedPath;
+        const auto place = Platform::placeOfVolumeOf(image);
+        if (!place || *place == id || !store_.claim(*place)) return false;
+        imageAtMount_[*place] = image;
+        const Path item = Path(*place).parent_path() / Path(entry.lockedPath).filename();
+        entry.id = entry.mountPath = *place;
+        entry.lockedPath = item;
+    } catch (const std::system_error&) {
+        return true; // the system does not tell at the moment: the next tick asks again
+    }
+    active_.replace(id, entry);
+    managed_.insert(entry.id);
+    persist();
+    store_.release(id);
+    return true;
 }
 
 void SmartFolderManager::endMove() {
@@ -123,7 +163,8 @@ void SmartFolderManager::closeAllSynchronouslyBestEffort() {
     tasks_.finish();
     for (const Active& entry : active()) {
         try {
-            VaultEngine::deactivateInPlace(entry.mountPath);
+            if (std::filesystem::exists(entry.lockedPath))
+                VaultEngine::deactivateInPlace(entry.mountPath);
         } catch (const std::exception&) {
             continue; // the next start finds the folder still open, and its record in the list
         }

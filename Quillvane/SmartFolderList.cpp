@@ -31,6 +31,14 @@ void SmartFolderList::remove(const std::string& id) {
     endRemoveRows();
 }
 
+void SmartFolderList::replace(const std::string& id, ActiveSmartFolder entry) {
+    const auto place = find(id);
+    if (place == entries_.end()) return;
+    *place = std::move(entry);
+    const QModelIndex changed = index(static_cast<int>(place - entries_.begin()));
+    emit dataChanged(changed, changed);
+}
+
 void SmartFolderList::setIdleSince(const std::string& id, Clock::Time time) {
     const auto entry = find(id);
     if (entry == entries_.end()) return;

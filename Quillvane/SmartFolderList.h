@@ -38,8 +38,9 @@ public:
 
     const std::vector<ActiveSmartFolder>& entries() const noexcept { return entries_; }
     void append(ActiveSmartFolder entry);
-    /// Without effect when no entry has this identity; so is the next.
+    /// Without effect when no entry has this identity; so are the next.
     void remove(const std::string& id);
+    void replace(const std::string& id, ActiveSmartFolder entry);
     void setIdleSince(const std::string& id, Clock::Time time);
 
     int rowCount(const QModelIndex& parent = {}) const override;

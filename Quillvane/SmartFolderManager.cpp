@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 
 #include <algorithm>
+#include <system_error>
 #include <utility>
 
 namespace {
@@ -19,6 +20,15 @@ QString textOf(const std::exception_ptr& error) {
         std::rethrow_exception(error);
     } catch (const std::exception& known) {
         return QString::fromStdString(errorText(known));
+    }
+}
+
+/// An open folder that the system does not tell of is better kept than forgotten.
+bool isOpen(const std::string& mountPath) {
+    try {
+        return VaultEngine::isMounted(mountPath);
+    } catch (const std::system_error&) {
+        return true;
     }
 }
 
@@ -40,7 +50,9 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
         Cancellation cancellation;
         VaultEngine::LockResult result;
     };
-    const auto creation = std::make_shared<Creation>(std::move(password), std::move(confirm));
+    const auto creation = std::make_shared<Creation>();
+    creation->password = std::move(password);
+    creation->confirm = std::move(confirm);
     creation_ = std::shared_ptr<Cancellation>(creation, &creation->cancellation);
     const ProgressCallback report = scope_.reporter([this](const Progress& progress) {
         setStatusMessage(QString::fromStdString(progress.message));
@@ -65,14 +77,18 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
 }
 
 void SmartFolderManager::activate(const Path& locked, Credential credential) {
-    const Path item = itemPath(locked);
-    const std::string name = item.stem().string();
-    if (opening_.contains(name) || std::ranges::count(active(), name, &Active::name) > 0) {
-        setErrorMessage("\"" + QString::fromStdString(name) + "\" is already open.");
+    const Path item = resolvedItemPath(locked);
+    const SmartFolderStore::Record record{item.stem(), item, item.parent_path() / item.stem()};
+    const auto hasName = [&](const auto& other) { return other.name == record.name; };
+    if (std::ranges::any_of(opening_, hasName) || std::ranges::any_of(active(), hasName) ||
+        !store_.claim(record.mountPath)) {
+        setErrorMessage("\"" + QString::fromStdString(record.name) + "\" is already open.");
         return;
     }
-    beginBusy("Opening " + QString::fromStdString(name) + " in place…");
-    opening_.insert(name);
+    beginBusy("Opening " + QString::fromStdString(record.name) + " in place…");
+    managed_.insert(record.mountPath);
+    opening_.push_back(record);
+    persistAndTell();
     struct Opening {
         Credential credential;
         VaultEngine::SmartMount mount;
@@ -80,12 +96,15 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
     const auto opening = std::make_shared<Opening>(Opening{std::move(credential), {}});
     offMain(
         [opening, item] { opening->mount = VaultEngine::openAsFolder(item, opening->credential); },
-        [this, opening, name](const std::exception_ptr& error) {
-            opening_.erase(name);
-            if (error)
+        [this, opening, record](const std::exception_ptr& error) {
+            std::erase(opening_, record);
+            if (error) {
                 fail(error);
-            else
+                persist(); // its own failure is not the one to be told
+                store_.release(record.mountPath);
+            } else {
                 opened(opening->mount);
+            }
             if (opening_.empty()) closeWhenOpened_.reset();
             endMove();
         });
@@ -95,12 +114,12 @@ void SmartFolderManager::opened(const VaultEngine::SmartMount& mount) {
     const Clock::Time now = clock_.now();
     const Active entry{mount.mountPath, mount.name, mount.lockedPath, mount.mountPath, now, now};
     append(entry);
+    persistAndTell();
     endBusy();
     setSuccessMessage("\"" + QString::fromStdString(mount.name) +
                       "\" opened in place. It closes by itself after " +
                       QString::number(timeoutMinutes_) +
                       " min of inactivity, or on screen lock / logout.");
-    persist();
     if (closeWhenOpened_) attemptClose(entry, /*automatic=*/true, closeWhenOpened_);
 }
 
@@ -110,14 +129,14 @@ void SmartFolderManager::recoverPersisted() {
     const Clock::Time now = clock_.now();
     for (const SmartFolderStore::Record& record : *records) {
         if (store_.claimedElsewhere(record.mountPath)) continue;
-        if (VaultEngine::isMounted(record.mountPath)) {
+        if (isOpen(record.mountPath)) {
             append({record.mountPath, record.name, record.container, record.mountPath, now, now});
         } else {
             VaultEngine::recoverIfOrphaned(record.container, record.mountPath);
             managed_.insert(record.mountPath);
         }
     }
-    persist();
+    persist(); // errors of the repair are not shown
 }
 
 void SmartFolderManager::startTimer() {
@@ -138,11 +157,17 @@ void SmartFolderManager::observeSystemEvents() {
             &SmartFolderManager::closeAllSynchronouslyBestEffort);
 }
 
-void SmartFolderManager::persist() {
+bool SmartFolderManager::persist() {
     std::vector<SmartFolderStore::Record> records;
     for (const Active& entry : active())
         records.push_back({entry.name, entry.lockedPath, entry.mountPath});
-    if (!store_.write(records, managed_))
+    records.insert(records.end(), opening_.begin(), opening_.end());
+    records.insert(records.end(), leftHidden_.begin(), leftHidden_.end());
+    return store_.write(records, managed_);
+}
+
+void SmartFolderManager::persistAndTell() {
+    if (!persist())
         setErrorMessage(QStringLiteral("The list of open Smart Folders couldn't be saved."));
 }
 
@@ -154,7 +179,7 @@ void SmartFolderManager::append(Active entry) {
 
 void SmartFolderManager::remove(const std::string& id) {
     active_.remove(id);
-    persist();
+    persist();          // at worst the next start finds a record of a folder that is closed
     store_.release(id); // not before: nobody else may take the record for one left behind
 }
 

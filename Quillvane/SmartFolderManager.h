@@ -14,6 +14,7 @@
 #include <QString>
 
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
@@ -61,6 +62,8 @@ public:
     /// The recovery key of a Smart Folder just created, to be shown to the user once.
     const std::optional<Secret>& recoveryKeyToShow() const { return recoveryKeyToShow_; }
     void clearRecoveryKeyToShow();
+    /// True while a folder is being turned into a Smart Folder.
+    bool isCreating() const { return creation_ != nullptr; }
     /// True while a folder is being opened or closed.
     bool isMoving() const { return !opening_.empty() || !closing_.empty(); }
 
@@ -96,7 +99,13 @@ private:
     void tick();
     void resetIdle(const std::string& id);
     void handleExternalUnmount(const Path& mountPath);
-    void persist();
+    /// Follows a folder whose directory was renamed; false when its volume is gone.
+    bool follow(const std::string& id);
+    /// Asks in the background whether the volume's server is alive.
+    void lookAfter(const Active& entry);
+    /// False when the list could not be saved.
+    bool persist();
+    void persistAndTell();
     void remove(const std::string& id);
 
     void beginBusy(const QString& message);
@@ -133,9 +142,16 @@ private:
     QString successMessage_;
     std::optional<Secret> recoveryKeyToShow_;
 
-    std::set<std::string> opening_; ///< names of items that are being opened
-    std::set<std::string> closing_; ///< mount paths of folders that are being closed
-    std::set<std::string> managed_; ///< every mount path that was in `active_` once
+    /// Items that are being opened. They are in the preferences too, so that a killed program
+    /// leaves none hidden that nobody knows of.
+    std::vector<SmartFolderStore::Record> opening_;
+    /// Closed folders whose items could not be shown again; the next start tries once more.
+    std::vector<SmartFolderStore::Record> leftHidden_;
+    /// What the item was called when its volume was mounted, for folders that were followed since.
+    std::map<std::string, std::string> imageAtMount_;
+    std::set<std::string> lookedAfter_; ///< entries whose server is being asked
+    std::set<std::string> closing_;     ///< mount paths of folders that are being closed
+    std::set<std::string> managed_;     ///< every mount path that was in `active_` once
     std::optional<QString> closeWhenOpened_;
     std::shared_ptr<Cancellation> creation_;
     bool powerOffWaits_ = false;

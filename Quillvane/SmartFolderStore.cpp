@@ -3,9 +3,9 @@
 #include "PreferenceList.h"
 
 #include <QCryptographicHash>
-#include <QFile>
 
 #include <chrono>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -15,7 +15,8 @@ const QString nameKey = QStringLiteral("name");
 const QString containerKey = QStringLiteral("container");
 const QString mountPathKey = QStringLiteral("mountPath");
 
-constexpr std::chrono::seconds longestWait{5};
+constexpr std::chrono::seconds longestWait{2};
+constexpr std::chrono::milliseconds pause{10};
 
 /// Text, or bytes where a file name is not UTF-8.
 QVariant preferenceValue(const std::string& bytes) {
@@ -36,16 +37,10 @@ QVariantMap dictionary(const SmartFolderStore::Record& record) {
             {mountPathKey, preferenceValue(record.mountPath)}};
 }
 
-} // namespace
-
-SmartFolderStore::SmartFolderStore(QSettings& preferences, std::filesystem::path lockDirectory)
-    : preferences_(preferences), lockDirectory_(std::move(lockDirectory)) {}
-
-std::optional<std::vector<SmartFolderStore::Record>> SmartFolderStore::read() {
-    preferences_.sync();
-    const auto list = PreferenceList::read(preferences_, persistKey);
+std::optional<std::vector<SmartFolderStore::Record>> recordsIn(QSettings& preferences) {
+    const auto list = PreferenceList::read(preferences, persistKey);
     if (!list) return std::nullopt;
-    std::vector<Record> records;
+    std::vector<SmartFolderStore::Record> records;
     for (const QVariantMap& entry : *list) {
         for (const QVariant& value : entry)
             if (!bytesOf(value)) return std::nullopt;
@@ -57,25 +52,48 @@ std::optional<std::vector<SmartFolderStore::Record>> SmartFolderStore::read() {
     return records;
 }
 
+/// Takes the lock, or gives up after a while.
+FileLock patientLock(const std::filesystem::path& file) {
+    const auto end = std::chrono::steady_clock::now() + longestWait;
+    while (true) {
+        FileLock lock(file);
+        if (lock.state() != FileLock::State::heldElsewhere ||
+            std::chrono::steady_clock::now() >= end)
+            return lock;
+        std::this_thread::sleep_for(pause);
+    }
+}
+
+} // namespace
+
+SmartFolderStore::SmartFolderStore(OpenPreferences openPreferences,
+                                   std::filesystem::path lockDirectory)
+    : openPreferences_(std::move(openPreferences)), lockDirectory_(std::move(lockDirectory)) {}
+
+std::optional<std::vector<SmartFolderStore::Record>> SmartFolderStore::read() const {
+    return recordsIn(*openPreferences_());
+}
+
 bool SmartFolderStore::write(const std::vector<Record>& own, const std::set<std::string>& managed) {
     // Between reading and writing no other program of ours may write. Should the lock not be had,
     // writing is still better than forgetting an open folder.
-    const auto turn = lockFile("list");
-    turn->tryLock(longestWait);
-
+    const FileLock turn = patientLock(lockFile("list"));
+    const auto preferences = openPreferences_();
     std::vector<QVariantMap> list;
-    for (const Record& record : read().value_or(std::vector<Record>{}))
+    for (const Record& record : recordsIn(*preferences).value_or(std::vector<Record>{}))
         if (!managed.contains(record.mountPath)) list.push_back(dictionary(record));
     for (const Record& record : own) list.push_back(dictionary(record));
-    PreferenceList::write(preferences_, persistKey, list);
-    preferences_.sync();
-    return preferences_.status() == QSettings::NoError;
+    PreferenceList::write(*preferences, persistKey, list);
+    preferences->sync();
+    return preferences->status() == QSettings::NoError;
 }
 
-void SmartFolderStore::claim(const std::string& mountPath) {
-    if (claims_.contains(mountPath)) return;
-    auto file = lockFile(mountPath);
-    if (file->tryLock()) claims_.emplace(mountPath, std::move(file));
+bool SmartFolderStore::claim(const std::string& mountPath) {
+    if (claims_.contains(mountPath)) return true;
+    FileLock lock(lockFile(mountPath));
+    if (lock.state() == FileLock::State::heldElsewhere) return false;
+    claims_.emplace(mountPath, std::move(lock));
+    return true;
 }
 
 void SmartFolderStore::release(const std::string& mountPath) {
@@ -83,18 +101,12 @@ void SmartFolderStore::release(const std::string& mountPath) {
 }
 
 bool SmartFolderStore::claimedElsewhere(const std::string& mountPath) const {
-    if (claims_.contains(mountPath)) return false;
-    const auto file = lockFile(mountPath);
-    return !file->tryLock() && file->error() == QLockFile::LockFailedError;
+    return !claims_.contains(mountPath) &&
+           FileLock(lockFile(mountPath)).state() == FileLock::State::heldElsewhere;
 }
 
-std::unique_ptr<QLockFile> SmartFolderStore::lockFile(const std::string& name) const {
+std::filesystem::path SmartFolderStore::lockFile(const std::string& name) const {
     const QByteArray hash =
         QCryptographicHash::hash(QByteArray::fromStdString(name), QCryptographicHash::Sha256);
-    const std::string fileName = "quillvane-smart-" + hash.toHex().first(32).toStdString();
-    auto file = std::make_unique<QLockFile>(
-        QFile::decodeName((lockDirectory_ / (fileName + ".lock")).c_str()));
-    // Only the death of its holder frees a lock, not its age.
-    file->setStaleLockTime(std::chrono::milliseconds(0));
-    return file;
+    return lockDirectory_ / ("smart-" + hash.toHex().first(32).toStdString() + ".lock");
 }

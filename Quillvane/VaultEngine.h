@@ -71,19 +71,20 @@ void changePassword(const Path& container, const Credential& current, const Secr
 
 /// Mounts the item on the folder of its name beside it, which is made if it is not there, and shows
 /// it. Nothing is left of an attempt that fails. Throws `VaultError` (sourceMissing,
-/// targetFolderExists, wrongPassword, attachFailed), `ProcessLaunchError`, and
-/// `std::filesystem::filesystem_error` when the folder cannot be made.
+/// targetFolderExists, wrongPassword, attachFailed), `ProcessLaunchError`, and `std::system_error`
+/// when the folder cannot be made or the system does not tell what is mounted.
 SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase);
 /// Hides the item with its key file and opens it in place; shows them again when that fails and no
 /// volume is there. Throws what `passphrase` throws, with nothing touched, and what
 /// `activateInPlace` throws.
 SmartMount openAsFolder(const Path& container, const Credential& credential);
 /// Ejects the volume mounted at `mountPath`, never by force, and removes the folder if nothing is
-/// in it. The item stays hidden; `recoverIfOrphaned` shows it. Throws `VaultError` (detachBusy,
-/// detachFailed) and `ProcessLaunchError`.
+/// in it; done as well when another program has just ejected it. The item stays hidden;
+/// `recoverIfOrphaned` shows it. Throws `VaultError` (detachBusy, detachFailed) and
+/// `ProcessLaunchError`.
 void deactivateInPlace(const std::string& mountPath);
-/// Unless a volume is mounted at `mountPath`: removes the folder there if nothing is in it, and
-/// shows the item with its key file. Best effort.
+/// Unless a volume is, or may be, mounted at `mountPath`: removes the folder there if nothing is in
+/// it, and shows the item with its key file. Best effort.
 void recoverIfOrphaned(const Path& container, const std::string& mountPath) noexcept;
 /// True when file managers leave the item out.
 bool isHidden(const Path& url);
@@ -105,8 +106,12 @@ MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsabl
 bool detach(const MountInfo& mountInfo);
 /// Asks the file manager to show the volume. Best effort: it is open all the same.
 void showVolume(const std::string& mountPoint);
-/// True while a volume is mounted exactly at `mountPoint`.
+/// True while a volume is mounted exactly at `mountPoint`. Waits for a volume that does not answer.
+/// Throws `std::system_error` when the system does not tell what is mounted.
 bool isMounted(const std::string& mountPoint);
+/// The same as the system's list of mounts has it, be the volume's server dead or hung: never waits
+/// for it. Throws `std::system_error` when the system does not tell.
+bool isListedAsMounted(const std::string& mountPoint);
 
 /// Regular files below a directory, or the one file given.
 struct Tallies {

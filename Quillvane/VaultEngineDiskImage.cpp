@@ -60,6 +60,10 @@ bool isMounted(const std::string& mountPoint) {
     return Platform::isMounted(mountPoint);
 }
 
+bool isListedAsMounted(const std::string& mountPoint) {
+    return Platform::isListedAsMounted(mountPoint);
+}
+
 std::string trimmed(std::string_view text) {
     const char* bytes = text.data();
     auto end = static_cast<std::int32_t>(text.size());

@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <exception>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -46,24 +47,45 @@ runDiskImageTool(const std::vector<std::string>& arguments,
         [&] { return ProcessRunner::run(Platform::tools().hdiutil, arguments, standardInput); });
 }
 
-void attachAt(const Path& folder, const Path& item, const Secret& passphrase) {
+ProcessResult attachAt(const Path& folder, const Path& item, const Secret& passphrase) {
     const Secret line = passwordData(passphrase);
-    const ProcessResult result =
-        runDiskImageTool({"attach", "-stdinpass", "-nobrowse", "-owners", "on", "-mountpoint",
-                          folder.string(), item.string()},
-                         line.bytes());
-    if (result.exitCode == 0) return;
-    if (refusesPassphrase(result.standardError)) throw VaultError::wrongPassword();
-    throw VaultError::attachFailed(trimmed(result.stderrString()));
+    return runDiskImageTool({"attach", "-stdinpass", "-nobrowse", "-owners", "on", "-mountpoint",
+                             folder.string(), item.string()},
+                            line.bytes());
 }
 
-/// When the tool was killed, the volume that it had begun to mount goes a moment after it.
+/// What to believe where the system does not tell whether a volume is there is `otherwise`.
+bool isMountedOr(const Path& folder, bool otherwise) {
+    try {
+        return isMounted(folder);
+    } catch (const std::system_error&) {
+        return otherwise;
+    }
+}
+
+/// When the tool has failed, the volume that it had begun to mount goes a moment after it.
 void awaitNoVolume(const Path& folder) {
     constexpr auto limit = std::chrono::seconds(1);
     constexpr auto pause = std::chrono::milliseconds(20);
     const auto end = std::chrono::steady_clock::now() + limit;
-    while (isMounted(folder) && std::chrono::steady_clock::now() < end)
+    while (isMountedOr(folder, false) && std::chrono::steady_clock::now() < end)
         std::this_thread::sleep_for(pause);
+}
+
+/// The tool says why it fails; the volume is then somebody else's, who has opened it meanwhile.
+/// When it says nothing it was killed, and its volume may stay, of which nobody would know. Best
+/// effort.
+void closeAfterFailure(const Path& folder, const Path& item, const ProcessResult& result) {
+    awaitNoVolume(folder);
+    if (!result.standardError.empty()) return;
+    try {
+        const auto mountPoint = Platform::mountPointOfImage(item);
+        std::error_code error;
+        if (mountPoint && fs::equivalent(*mountPoint, folder, error))
+            runDiskImageTool({"detach", folder.string()});
+    } catch (const std::exception&) {
+        return; // it stays, and the item hidden, until it is closed like any other
+    }
 }
 
 void setHidden(const Path& item, bool hidden) {
@@ -82,9 +104,13 @@ SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase) {
     const bool wasOpen = isMounted(folder);
     const bool made = prepareFolder(folder);
     try {
-        attachAt(folder, item, passphrase);
+        const ProcessResult result = attachAt(folder, item, passphrase);
+        if (result.exitCode != 0) {
+            if (!wasOpen) closeAfterFailure(folder, item, result);
+            if (refusesPassphrase(result.standardError)) throw VaultError::wrongPassword();
+            throw VaultError::attachFailed(trimmed(result.stderrString()));
+        }
     } catch (...) {
-        if (!wasOpen) awaitNoVolume(folder);
         if (made) removeEmptyFolder(folder);
         throw;
     }
@@ -95,12 +121,13 @@ SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase) {
 SmartMount openAsFolder(const Path& container, const Credential& credential) {
     const Path item = itemPath(container);
     const Secret text = passphrase(item, credential);
+    const bool wasHidden = isHidden(item);
     setHidden(item, true);
     try {
         return activateInPlace(item, text);
     } catch (...) {
         // Another program of the user's may have it open there.
-        if (!isMounted(mountFolder(item))) setHidden(item, false);
+        if (!isMountedOr(mountFolder(item), wasHidden)) setHidden(item, false);
         throw;
     }
 }
@@ -108,7 +135,8 @@ SmartMount openAsFolder(const Path& container, const Credential& credential) {
 void deactivateInPlace(const std::string& mountPath) {
     const Path folder = itemPath(mountPath);
     const ProcessResult result = runDiskImageTool({"detach", folder.string()});
-    if (result.exitCode != 0) {
+    // Another program may have closed it at the same time, which fails one of the two.
+    if (result.exitCode != 0 && isMountedOr(folder, true)) {
         if (reportsBusy(result.standardError)) throw VaultError::detachBusy();
         throw VaultError::detachFailed(trimmed(result.stderrString()));
     }

@@ -2,8 +2,11 @@
 
 #include "Quillvane/DurableFile.h"
 #include "Quillvane/FileDescriptor.h"
+#include "Quillvane/Platform.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <optional>
 #include <string>
@@ -11,6 +14,8 @@
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <thread>
+#include <unistd.h>
 
 namespace HiddenList {
 namespace {
@@ -93,6 +98,48 @@ void removeList(const Path& file, const Path& directory) {
     DurableFile::syncDirectory(directory);
 }
 
+/// Keeps other runs of ours from editing meanwhile. Any program may hold such a lock, for as long
+/// as it likes, and some file systems know none: no reason to leave the item visible, or hidden.
+void lockForAWhile(int directory) {
+    constexpr auto limit = std::chrono::seconds(1);
+    constexpr auto pause = std::chrono::milliseconds(10);
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (::flock(directory, LOCK_EX | LOCK_NB) != 0 && (errno == EWOULDBLOCK || errno == EINTR) &&
+           std::chrono::steady_clock::now() < end)
+        std::this_thread::sleep_for(pause);
+}
+
+bool isForLackOfRoom(const std::error_code& error) {
+    return error == std::errc::no_space_on_device || error.value() == EDQUOT;
+}
+
+/// Puts `rest` in the place of the longer `text`, from where they differ, which takes no room. Only
+/// a crash in the middle leaves lines that are neither; a `replace` could not.
+void shortenInPlace(const Path& file, std::string_view text, std::string_view rest) {
+    const FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd) fail("cannot open the hidden list", errno);
+    auto same = static_cast<std::size_t>(std::ranges::mismatch(text, rest).in2 - rest.begin());
+    while (same < rest.size()) {
+        const ssize_t put =
+            ::pwrite(fd.get(), rest.data() + same, rest.size() - same, static_cast<off_t>(same));
+        if (put < 0 && errno != EINTR) fail("cannot shorten the hidden list", errno);
+        if (put > 0) same += static_cast<std::size_t>(put);
+    }
+    if (::ftruncate(fd.get(), static_cast<off_t>(rest.size())) != 0)
+        fail("cannot shorten the hidden list", errno);
+    Platform::fullSync(fd.get());
+}
+
+/// Makes `rest` the list, which is what is left of it without some lines.
+void shorten(const Path& file, const List& list, const std::string& rest) {
+    try {
+        DurableFile::replace(file, rest, list.mode);
+    } catch (const std::system_error& error) {
+        if (!isForLackOfRoom(error.code())) throw;
+        shortenInPlace(file, list.text, rest);
+    }
+}
+
 } // namespace
 
 void set(const Path& item, bool hidden) {
@@ -105,17 +152,19 @@ void set(const Path& item, bool hidden) {
     const Path directory = directoryOf(item);
     const FileDescriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock) fail("cannot open the directory", errno);
-    // Keeps other runs of ours from editing meanwhile; some file systems cannot, which is no reason
-    // to leave the item visible.
-    ::flock(lock.get(), LOCK_EX);
+    lockForAWhile(lock.get());
 
     const Path file = directory / ".hidden";
     const std::optional<List> list = read(file);
     const std::string text = list ? list->text : std::string();
     const auto [rest, listed] = without(text, name);
     if (listed == hidden) return;
-    if (!hidden && text.ends_with('\n') && rest.empty()) return removeList(file, directory);
-    DurableFile::replace(file, hidden ? with(list, name) : rest, list ? list->mode : newListMode);
+    if (hidden)
+        DurableFile::replace(file, with(list, name), list ? list->mode : newListMode);
+    else if (text.ends_with('\n') && rest.empty())
+        removeList(file, directory);
+    else
+        shorten(file, *list, rest);
 }
 
 bool contains(const Path& item) {

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <sys/statvfs.h>
 #include <system_error>
@@ -76,6 +77,11 @@ std::optional<Path> resolved(const Path& path) {
 
 } // namespace
 
+bool MountEntry::isSameVolume(const MountEntry& other) const {
+    return major == other.major && minor == other.minor && type == other.type &&
+           source == other.source;
+}
+
 MountTable::MountTable(std::string_view mountInfo) {
     std::istringstream lines{std::string(mountInfo)};
     for (std::string line; std::getline(lines, line);) {
@@ -84,11 +90,13 @@ MountTable::MountTable(std::string_view mountInfo) {
 }
 
 MountTable MountTable::current() {
+    errno = 0;
     std::ifstream file("/proc/self/mountinfo");
     std::ostringstream content;
     content << file.rdbuf();
     if (!file || content.str().empty())
-        throw std::system_error(EIO, std::generic_category(), "/proc/self/mountinfo");
+        throw std::system_error(errno != 0 ? errno : EIO, std::generic_category(),
+                                "/proc/self/mountinfo");
     return MountTable(content.str());
 }
 
@@ -97,6 +105,13 @@ std::optional<MountEntry> MountTable::at(const Path& mountPoint) const {
         std::find_if(entries_.rbegin(), entries_.rend(),
                      [&](const MountEntry& entry) { return entry.mountPoint == mountPoint; });
     return found != entries_.rend() ? std::optional(*found) : std::nullopt;
+}
+
+std::vector<MountEntry> MountTable::mountsOf(const MountEntry& volume) const {
+    std::vector<MountEntry> result;
+    std::ranges::copy_if(entries_, std::back_inserter(result),
+                         [&](const MountEntry& entry) { return entry.isSameVolume(volume); });
+    return result;
 }
 
 std::optional<MountEntry> MountTable::volume(const std::string& target) const {

@@ -17,6 +17,10 @@ struct MountEntry {
     /// The name of the volume's device as `attach` prints it. There is no device; the number is the
     /// one that the kernel keeps for the mount, so it is unique as long as the volume is mounted.
     std::string deviceName() const { return "/dev/disk" + std::to_string(minor); }
+
+    /// Whether both are mounts of one file system, wherever they are. The device's number alone
+    /// would not do: it is free for another mount as soon as the last one of this has gone.
+    bool isSameVolume(const MountEntry& other) const;
 };
 
 /// What is mounted, in the order in which it was mounted. There is no other record of the volumes
@@ -36,6 +40,9 @@ public:
     const std::vector<MountEntry>& entries() const noexcept { return entries_; }
     /// The topmost mount at exactly this path.
     std::optional<MountEntry> at(const std::filesystem::path& mountPoint) const;
+    /// Where `volume` is mounted now: renaming a directory above moves a mount, and it may be
+    /// mounted at several places. None when it has gone.
+    std::vector<MountEntry> mountsOf(const MountEntry& volume) const;
     /// The attached volume that `target` names: by device name or by mount point.
     std::optional<MountEntry> volume(const std::string& target) const;
 

@@ -1,11 +1,16 @@
 #include "Quillvane/Platform.h"
 
 #include "MountTable.h"
+#include "Quillvane/FileDescriptor.h"
 #include "Quillvane/ProcessRunner.h"
+#include "linux/hdiutil/ControlProtocol.h"
 
 #include <algorithm>
 #include <exception>
+#include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <system_error>
 #include <vector>
@@ -14,15 +19,6 @@ namespace Platform {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// None when the system does not tell.
-std::vector<MountEntry> mounts() {
-    try {
-        return MountTable::current().entries();
-    } catch (const std::system_error&) {
-        return {};
-    }
-}
 
 /// Takes a dead mount of our own tool out of the tree, as far as that works.
 void cleanUp(const MountEntry& mount) {
@@ -50,6 +46,30 @@ fs::path asListed(const fs::path& mountPoint) {
     return unresolved ? place : parent / place.filename();
 }
 
+std::optional<MountEntry> topmostAt(const std::string& mountPoint) {
+    const MountTable table = MountTable::current();
+    // The path as it is first: to resolve it asks the volumes above it, if there are any.
+    const auto found = table.at(mountPoint);
+    return found ? found : table.at(asListed(mountPoint));
+}
+
+/// Which file the volume is in, as its server tells; none when it does not answer, as another
+/// user's does not even to root.
+std::optional<ImageIdentity> imageOf(const MountEntry& volume) {
+    const FileDescriptor root(
+        ::open(volume.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ImageIdentity image{};
+    if (!root || ::ioctl(root.get(), imageIdentityRequest, &image) != 0) return std::nullopt;
+    return image;
+}
+
+/// The list of mounts has the name that the image had when it was attached. It decides only where
+/// the server does not: images may be renamed, and others take their names.
+bool isVolumeOf(const MountEntry& mount, const std::string& path, const ImageIdentity& image) {
+    if (const auto found = imageOf(mount)) return *found == image;
+    return mount.source == path && isLive(mount);
+}
+
 std::int64_t bytesOf(fsblkcnt_t blocks, const struct statvfs& volume) {
     std::int64_t bytes = 0;
     return __builtin_mul_overflow(blocks, volume.f_frsize, &bytes) ? 0 : bytes;
@@ -58,23 +78,30 @@ std::int64_t bytesOf(fsblkcnt_t blocks, const struct statvfs& volume) {
 } // namespace
 
 bool isMounted(const std::string& mountPoint) {
-    const fs::path place = asListed(mountPoint);
-    const auto all = mounts();
-    const auto topmost = std::find_if(all.rbegin(), all.rend(), [&](const MountEntry& mount) {
-        return mount.mountPoint.native() == place.native();
-    });
-    return topmost != all.rend() && isLive(*topmost);
+    const auto mount = topmostAt(mountPoint);
+    return mount && isLive(*mount);
+}
+
+bool isListedAsMounted(const std::string& mountPoint) {
+    return topmostAt(mountPoint).has_value();
 }
 
 std::optional<std::string> mountPointOfImage(const fs::path& imagePath) {
     std::error_code missing;
-    const std::string image = fs::canonical(imagePath, missing).string();
-    if (missing) return std::nullopt;
-    const auto all = mounts();
-    for (auto mount = all.rbegin(); mount != all.rend(); ++mount)
-        if (mount->type == MountTable::volumeType && mount->source == image && isLive(*mount))
-            return mount->mountPoint.string();
-    return std::nullopt;
+    const std::string path = fs::canonical(imagePath, missing).string();
+    struct stat status {};
+    if (missing || ::stat(path.c_str(), &status) != 0) return std::nullopt;
+    const ImageIdentity image{status.st_dev, status.st_ino};
+    auto volumes = MountTable::current().entries();
+    std::erase_if(volumes, [](const auto& mount) { return mount.type != MountTable::volumeType; });
+    std::ranges::reverse(volumes);
+    // Those that have the name come first: as a rule it is one of them, and the others, of which
+    // one may not answer, are not asked.
+    std::stable_partition(volumes.begin(), volumes.end(),
+                          [&](const MountEntry& mount) { return mount.source == path; });
+    const auto found = std::ranges::find_if(
+        volumes, [&](const MountEntry& mount) { return isVolumeOf(mount, path, image); });
+    return found != volumes.end() ? std::optional(found->mountPoint.string()) : std::nullopt;
 }
 
 std::int64_t availableCapacity(const fs::path& path) {
@@ -96,7 +123,7 @@ bool isPackageOrVolumeRoot(const fs::path& path) {
     const std::string folder = fs::canonical(item, error).string();
     if (error) return false;
     const std::string inside = folder.ends_with('/') ? folder : folder + "/";
-    return std::ranges::any_of(mounts(), [&](const MountEntry& mount) {
+    return std::ranges::any_of(MountTable::current().entries(), [&](const MountEntry& mount) {
         const std::string& place = mount.mountPoint.native();
         return place == folder || place.starts_with(inside);
     });

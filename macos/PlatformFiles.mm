@@ -65,6 +65,18 @@ std::int64_t availableCapacity(const fs::path& path) {
     return resourceValue(path, NSURLVolumeAvailableCapacityForImportantUsageKey);
 }
 
+std::optional<std::string> volumeName(const fs::path& path) {
+    @autoreleasepool {
+        NSURL* url = [NSURL fileURLWithFileSystemRepresentation:path.c_str()
+                                                    isDirectory:NO
+                                                  relativeToURL:nil];
+        NSString* name = nil;
+        if (![url getResourceValue:&name forKey:NSURLVolumeNameKey error:nil] || name == nil)
+            return std::nullopt;
+        return std::string(name.UTF8String);
+    }
+}
+
 bool isPackageOrVolumeRoot(const fs::path& path) {
     const fs::path item = path.has_filename() ? path : path.parent_path();
     std::error_code error;

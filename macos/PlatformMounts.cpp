@@ -2,9 +2,11 @@
 
 #include "Quillvane/ProcessRunner.h"
 
-#include <exception>
+#include <cerrno>
 #include <plist/plist.h>
 #include <sys/mount.h>
+#include <system_error>
+#include <vector>
 
 namespace Platform {
 namespace {
@@ -37,23 +39,34 @@ fs::path asListed(const fs::path& mountPoint) {
     return unresolved ? place : parent / place.filename();
 }
 
+/// What the tool prints. Throws `std::system_error`.
+ProcessResult listing(const fs::path& tool, const std::vector<std::string>& arguments) {
+    try {
+        ProcessResult result = ProcessRunner::run(tool, arguments);
+        if (result.exitCode == 0) return result;
+        throw std::system_error(EIO, std::generic_category(), result.stderrString());
+    } catch (const ProcessLaunchError& error) {
+        throw std::system_error(EAGAIN, std::generic_category(), error.what());
+    }
+}
+
 } // namespace
 
+// The tool prints the kernel's list, and asks no volume.
+bool isListedAsMounted(const std::string& mountPoint) {
+    const std::string listed = " on " + asListed(mountPoint).string() + " (";
+    return listing(tools().mount, {}).stdoutString().find(listed) != std::string::npos;
+}
+
 bool isMounted(const std::string& mountPoint) {
-    try {
-        const ProcessResult mounts = ProcessRunner::run(tools().mount, {});
-        const std::string listed = " on " + asListed(mountPoint).string() + " (";
-        return mounts.stdoutString().find(listed) != std::string::npos;
-    } catch (const ProcessLaunchError&) {
-        return false;
-    }
+    return isListedAsMounted(mountPoint);
 }
 
 std::optional<std::string> mountPointOfImage(const fs::path& imagePath) {
     std::error_code missing;
     const std::string wanted = fs::canonical(imagePath, missing).string();
     if (missing) return std::nullopt;
-    const ProcessResult info = ProcessRunner::run(tools().hdiutil, {"info", "-plist"});
+    const ProcessResult info = listing(tools().hdiutil, {"info", "-plist"});
     plist_t list = nullptr;
     plist_from_xml(info.standardOutput.data(),
                    static_cast<std::uint32_t>(info.standardOutput.size()), &list);

@@ -20,7 +20,7 @@ usage:
   qv remove ITEM              remove the protection: the item becomes a folder again
   qv change ITEM              change the item's password
   qv smart ITEM               open the item in place, as a folder where it lies, and stay until the
-                              folder is closed: after some time without use, when the screen is
+                              folder is closed: some time after it was opened, when the screen is
                               locked, at logout, or by Ctrl-C
   qv smart --close ITEM       close the item's folder
 
@@ -30,7 +30,8 @@ options:
   --stdin          read the secrets from standard input, one on each line, in the order in which
                    they are asked for; a new password is given once (lock: the new password;
                    open, remove, smart: the password; change: the current one, then the new one)
-  --minutes N      smart: close the folder after N minutes without use (1 to 1440; 5 if not given)
+  --minutes N      smart: close the folder after N minutes, and while a file in it is open try
+                   again after as many (1 to 1440; 5 if not given)
   --               what follows is a path, even if it begins with "-"
   -h, --help       show this text
   --version        show the version

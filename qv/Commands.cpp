@@ -1,6 +1,7 @@
 #include "qv/Commands.h"
 
 #include "Quillvane/ErrorText.h"
+#include "Quillvane/InPlaceClose.h"
 #include "Quillvane/ItemPath.h"
 #include "Quillvane/OperationCancelled.h"
 #include "Quillvane/Platform.h"
@@ -100,9 +101,10 @@ std::string inPlaceFolder(const fs::path& item) {
     return (item.parent_path() / item.stem()).native();
 }
 
-void closeInPlace(const fs::path& item) {
-    VaultEngine::deactivateInPlace(inPlaceFolder(item));
-    VaultEngine::recoverIfOrphaned(item, inPlaceFolder(item));
+void closeFolder(const fs::path& item) {
+    if (!closeInPlace(item, inPlaceFolder(item)))
+        printMessage("\"" + item.filename().native() +
+                     "\" is closed, but file managers may still hide it.");
 }
 
 /// The item that is open in place, when `path` is it or its folder.
@@ -117,7 +119,7 @@ std::optional<fs::path> itemInPlace(const fs::path& path) {
 
 void close(const Arguments& arguments) {
     const fs::path path = itemPath(arguments.operand);
-    if (const auto item = itemInPlace(path)) return closeInPlace(*item);
+    if (const auto item = itemInPlace(path)) return closeFolder(*item);
     std::optional<std::string> mountPoint = Platform::mountPointOfImage(path);
     if (!mountPoint && Platform::isMounted(path)) mountPoint = path;
     if (!mountPoint) notOpen(path);
@@ -126,9 +128,14 @@ void close(const Arguments& arguments) {
 
 void closeSmartFolder(const Arguments& arguments) {
     const fs::path item = existingItem(arguments.operand);
-    if (itemInPlace(item)) return closeInPlace(item);
+    const std::string folder = inPlaceFolder(item);
+    if (Platform::isMounted(folder)) return closeFolder(item);
+    if (Platform::mountPointOfImage(item))
+        throw std::runtime_error("\"" + item.filename().native() +
+                                 "\" is open, but not in place. Close it with: qv close \"" +
+                                 item.native() + "\"");
     const bool leftBehind = VaultEngine::isHidden(item);
-    VaultEngine::recoverIfOrphaned(item, inPlaceFolder(item));
+    VaultEngine::recoverIfOrphaned(item, folder);
     if (!leftBehind) notOpen(item);
 }
 

@@ -30,7 +30,13 @@ void printResult(std::initializer_list<std::string_view> lines) {
     }
 }
 
+bool canPrint(int stream) {
+    pollfd output{stream, POLLOUT, 0};
+    return poll(&output, 1, 0) == 1;
+}
+
 void printMessage(const std::string& text) {
+    if (!canPrint(STDERR_FILENO)) return; // nobody reads; there is more important work to do
     const std::string line = text + "\n";
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }

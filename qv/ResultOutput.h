@@ -10,5 +10,8 @@
 void printResult(std::initializer_list<std::string_view> lines);
 
 /// Writes the text and a line feed to standard error, for people. Whoever has closed it does not
-/// want to know: what cannot be written is dropped.
+/// want to know: what cannot be written at once is dropped.
 void printMessage(const std::string& text);
+
+/// Whether a line can be written to the stream without waiting for a reader.
+bool canPrint(int stream);

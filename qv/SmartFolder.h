@@ -16,5 +16,5 @@ bool hasManager(const std::filesystem::path& item);
 ///
 /// Throws `QuietFailure` when the folder could not be opened, or is still open when the program has
 /// to end; the reason has been printed. To be called once, on the main thread.
-void runSmartFolder(const std::filesystem::path& item, std::optional<Credential> credential,
+void runSmartFolder(const std::filesystem::path& path, std::optional<Credential> credential,
                     std::optional<int> minutes);

@@ -81,7 +81,7 @@ VolumeServer openServer(const AttachArguments& arguments) {
     checkVolume(*image, file.readOnly);
     auto volume = Ext4Volume::open(*image, file.readOnly);
     MountPlace place = placeFor(arguments, *volume);
-    return {std::move(image), std::move(volume), std::move(place), file.path};
+    return {std::move(image), std::move(volume), std::move(place), file};
 }
 
 // Returns when the volume is closed; an exception is a failure to attach it.

@@ -65,10 +65,7 @@ std::optional<Server> findServer(const MountEntry& volume) {
 // Without the server's help: it notices the unmount by itself, and frees the image at its end.
 void detachDirectly(const MountEntry& volume, bool force) {
     try {
-        if (force)
-            unmountLazily(volume.mountPoint);
-        else
-            unmount(volume.mountPoint);
+        unmountEverywhere(volume, force);
     } catch (const std::system_error& error) {
         if (error.code().value() == EBUSY) throw VolumeBusy(volume.mountPoint.string());
         throw ToolError::fromErrno(error.code().value());

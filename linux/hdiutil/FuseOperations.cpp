@@ -396,15 +396,21 @@ void removeAttribute(fuse_req_t request, fuse_ino_t node, const char* name) {
     confirm(request, [&] { volumeOf(request).removeAttribute(inodeOf(node), name); });
 }
 
+// `room` is what the command's number says, which has the size of the answer in it.
 void control(fuse_req_t request, fuse_ino_t node, unsigned command, void*, fuse_file_info*,
              unsigned, const void*, std::size_t, std::size_t room) {
-    const ControlAddress& address = contextOf(request).control;
-    if (node != FUSE_ROOT_ID || command != static_cast<unsigned>(controlAddressRequest) ||
-        room < sizeof address) {
+    const auto answer = [&](const auto& what) {
+        if (room < sizeof what)
+            fuse_reply_err(request, ENOTTY);
+        else
+            fuse_reply_ioctl(request, 0, &what, sizeof what);
+    };
+    if (node == FUSE_ROOT_ID && command == static_cast<unsigned>(controlAddressRequest))
+        answer(contextOf(request).control);
+    else if (node == FUSE_ROOT_ID && command == static_cast<unsigned>(imageIdentityRequest))
+        answer(contextOf(request).image);
+    else
         fuse_reply_err(request, ENOTTY);
-        return;
-    }
-    fuse_reply_ioctl(request, 0, &address, sizeof address);
 }
 
 fuse_lowlevel_ops makeTable() {

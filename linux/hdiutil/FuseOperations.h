@@ -11,8 +11,9 @@ namespace FuseOperations {
 /// The session's user data. Both outlive the session.
 struct Context {
     Ext4Volume& volume;
-    /// What the ioctl on the root directory answers.
+    /// What the ioctls on the root directory answer.
     ControlAddress control;
+    ImageIdentity image;
 };
 
 /// To be given to fuse_session_new with a `Context` as user data. Every callback turns a failure

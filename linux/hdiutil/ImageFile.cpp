@@ -22,10 +22,11 @@ void lock(int fd, bool readOnly) {
     throw ToolError::fromErrno(errno == EACCES ? EAGAIN : errno);
 }
 
-void requireRegularFile(int fd) {
+ImageIdentity identityOfRegularFile(int fd) {
     struct stat found {};
     if (::fstat(fd, &found) != 0) throw ToolError::fromErrno(errno);
     if (!S_ISREG(found.st_mode)) throw ImageNotSupported("not a regular file");
+    return {found.st_dev, found.st_ino};
 }
 
 Path parentOf(const Path& path) {
@@ -47,7 +48,7 @@ ImageFile openImage(const Path& path) {
         result.fd = FileDescriptor(::open(result.path.c_str(), O_RDONLY | flags));
     }
     if (!result.fd) throw ToolError::fromErrno(errno);
-    requireRegularFile(result.fd.get());
+    result.identity = identityOfRegularFile(result.fd.get());
     lock(result.fd.get(), result.readOnly);
     return result;
 }

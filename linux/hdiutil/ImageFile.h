@@ -1,5 +1,6 @@
 #pragma once
 
+#include "ControlProtocol.h"
 #include "Quillvane/FileDescriptor.h"
 
 #include <filesystem>
@@ -9,6 +10,7 @@
 struct ImageFile {
     FileDescriptor fd;
     std::filesystem::path path; ///< absolute, without symbolic links
+    ImageIdentity identity{};   ///< of the file, whatever its name becomes
     bool readOnly = false;      ///< the file or its file system does not allow writing
 };
 

@@ -115,7 +115,7 @@ MountPlace MountPlace::make(std::string_view volumeName, bool browsable) {
         const std::string suffix = number == 0 ? "" : " " + std::to_string(number);
         const Path path = places / (directoryName(volumeName, 255 - suffix.size()) + suffix);
         if (makePlace(path) || (removeAbandoned(path) && makePlace(path)))
-            return {path, true, std::move(lock)};
+            return {path, std::move(lock)};
     }
     throw ToolError("no free name in " + places.string());
 }
@@ -124,11 +124,15 @@ MountPlace MountPlace::existing(const Path& directory) {
     struct stat found {};
     if (::stat(directory.c_str(), &found) != 0) throw ToolError::fromErrno(errno);
     if (!S_ISDIR(found.st_mode)) throw ToolError::fromErrno(ENOTDIR);
-    return {std::filesystem::canonical(directory), false, FileDescriptor()};
+    return {std::filesystem::canonical(directory), FileDescriptor()};
+}
+
+void MountPlace::mounted() const noexcept {
+    if (places_) ::flock(places_.get(), LOCK_UN);
 }
 
 void MountPlace::remove() const noexcept {
-    if (made_) ::rmdir(path_.c_str());
+    if (places_) ::unlinkat(places_.get(), path_.filename().c_str(), AT_REMOVEDIR);
 }
 
 void removeDeadMount(const Path& mountPoint) {

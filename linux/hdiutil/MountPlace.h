@@ -18,19 +18,20 @@ public:
     /// The caller's directory. Throws `ToolError` when it is none.
     static MountPlace existing(const std::filesystem::path& directory);
 
+    /// Where it was when it was made or named.
     const std::filesystem::path& path() const noexcept { return path_; }
     /// To be called when something is mounted there: others may look for a place again.
-    void mounted() noexcept { lock_.reset(); }
+    void mounted() const noexcept;
     /// Removes the directory if `make` made it; best effort, as the volume has gone already.
     void remove() const noexcept;
 
 private:
-    MountPlace(std::filesystem::path path, bool made, FileDescriptor lock)
-        : path_(std::move(path)), made_(made), lock_(std::move(lock)) {}
+    MountPlace(std::filesystem::path path, FileDescriptor places)
+        : path_(std::move(path)), places_(std::move(places)) {}
 
     std::filesystem::path path_;
-    bool made_;
-    FileDescriptor lock_; ///< on the directory of places, from `make` until `mounted`
+    /// The directory that `make` made the place in, which may be renamed; locked until `mounted`.
+    FileDescriptor places_;
 };
 
 /// `volumeName` as the name of a directory: no slash, no control characters, valid UTF-8, at most

@@ -1,7 +1,9 @@
 #include "Unmount.h"
 
 #include "ChildProgram.h"
+#include "linux/MountTable.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <sys/mount.h>
 #include <system_error>
@@ -34,6 +36,21 @@ void unmountWith(const std::filesystem::path& mountPoint, bool lazily) {
     unmountByHelper(mountPoint, lazily);
 }
 
+// The path of a mount may be another by the time that it is used, or the mount gone.
+bool maybeMoved(const std::system_error& error) {
+    return error.code().value() == EINVAL || error.code().value() == ENOENT;
+}
+
+void unmountAllIn(const MountTable& table, const MountEntry& volume, bool lazily) {
+    auto mounts = table.mountsOf(volume);
+    std::ranges::reverse(mounts);
+    for (const MountEntry& mount : mounts) {
+        // By path, it would hit what is on top.
+        if (!table.at(mount.mountPoint)->isSameVolume(volume)) throwError(EBUSY, mount.mountPoint);
+        unmountWith(mount.mountPoint, lazily);
+    }
+}
+
 } // namespace
 
 void unmount(const std::filesystem::path& mountPoint) {
@@ -42,4 +59,14 @@ void unmount(const std::filesystem::path& mountPoint) {
 
 void unmountLazily(const std::filesystem::path& mountPoint) {
     unmountWith(mountPoint, true);
+}
+
+void unmountEverywhere(const MountEntry& volume, bool lazily) {
+    for (int attemptsLeft = 5; attemptsLeft > 0; --attemptsLeft) {
+        try {
+            return unmountAllIn(MountTable::current(), volume, lazily);
+        } catch (const std::system_error& error) {
+            if (attemptsLeft == 1 || !maybeMoved(error)) throw;
+        }
+    }
 }

@@ -87,10 +87,7 @@ std::string VolumeControl::end(bool force) {
     // would be lost.
     syncAll();
     try {
-        if (force)
-            unmountLazily(mount_.mountPoint);
-        else
-            unmount(mount_.mountPoint);
+        unmountEverywhere(mount_, force);
     } catch (const std::system_error& error) {
         if (error.code().value() == EBUSY) return replyBusy;
         throw;
@@ -107,9 +104,10 @@ void VolumeControl::endBySignal() noexcept {
         // The session ends whatever we do; closing the volume tries again.
     }
     try {
-        unmountLazily(mount_.mountPoint);
+        unmountEverywhere(mount_, true);
     } catch (const std::exception&) {
-        // Somebody else has just unmounted it.
+        // The session ends whatever we do. What is left is a dead mount, and the next attach or
+        // detach takes it away.
     }
     ending_ = true;
     loop_.stop();
@@ -118,13 +116,19 @@ void VolumeControl::endBySignal() noexcept {
 void VolumeControl::syncAll() {
     // First what programs have written into mapped files and the kernel has not passed on yet. The
     // requests that this makes are answered by the loop, on its own thread.
-    const FileDescriptor root(
-        ::open(mount_.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    struct stat found {};
-    const bool ours = root && ::fstat(root.get(), &found) == 0 &&
-                      major(found.st_dev) == mount_.major && minor(found.st_dev) == mount_.minor;
-    if (ours && ::syncfs(root.get()) != 0)
-        throw std::system_error(errno, std::generic_category(), "the volume could not be written");
+    for (const MountEntry& mount : MountTable::current().mountsOf(mount_)) {
+        const FileDescriptor directory(
+            ::open(mount.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        struct stat found {};
+        const bool ours = directory && ::fstat(directory.get(), &found) == 0 &&
+                          major(found.st_dev) == mount_.major &&
+                          minor(found.st_dev) == mount_.minor;
+        if (!ours) continue;
+        if (::syncfs(directory.get()) != 0)
+            throw std::system_error(errno, std::generic_category(),
+                                    "the volume could not be written");
+        break; // it wrote the whole file system
+    }
     volume_.sync();
 }
 

@@ -17,7 +17,7 @@
 /// and `FuseLoop::run` returns.
 class VolumeControl {
 public:
-    /// All are used until `stop` has returned.
+    /// All are used until `stop` has returned. `mount` may have moved by any time later.
     VolumeControl(Ext4Volume& volume, FuseLoop& loop, const ControlSocket& socket,
                   const BlockedSignals& signals, MountEntry mount);
     ~VolumeControl();
@@ -42,7 +42,7 @@ private:
     FuseLoop& loop_;
     const ControlSocket& socket_;
     const BlockedSignals& signals_;
-    const MountEntry mount_;
+    const MountEntry mount_; ///< as it was at first; look up where it is
     FileDescriptor stopped_;
     std::vector<FileDescriptor> waiting_;
     bool ending_ = false;

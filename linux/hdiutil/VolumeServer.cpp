@@ -25,10 +25,10 @@ std::string mountOptions(const std::filesystem::path& imagePath, bool readOnly) 
 
 VolumeServer::VolumeServer(std::unique_ptr<EncryptedImage> image,
                            std::unique_ptr<Ext4Volume> volume, MountPlace place,
-                           const std::filesystem::path& imagePath)
+                           const ImageFile& file)
     : image_(std::move(image)), volume_(std::move(volume)), place_(std::move(place)) {
     try {
-        mount(imagePath);
+        mount(file);
         place_.mounted();
     } catch (...) {
         session_.reset();
@@ -45,10 +45,10 @@ VolumeServer::~VolumeServer() {
     place_.remove();
 }
 
-void VolumeServer::mount(const std::filesystem::path& imagePath) {
+void VolumeServer::mount(const ImageFile& file) {
     socket_.emplace();
-    context_.emplace(FuseOperations::Context{*volume_, socket_->address()});
-    session_ = mountFuse(place_.path(), mountOptions(imagePath, volume_->readOnly()),
+    context_.emplace(FuseOperations::Context{*volume_, socket_->address(), file.identity});
+    session_ = mountFuse(place_.path(), mountOptions(file.path, volume_->readOnly()),
                          FuseOperations::table(), &*context_);
     if (!session_) throw ToolError("the volume could not be mounted at " + place_.path().string());
     mount_ = MountTable::current().at(place_.path());
@@ -84,9 +84,7 @@ bool VolumeServer::run(const BlockedSignals& signals) {
 // A connection that was aborted leaves its mount behind.
 void VolumeServer::unmountLeftOver() const noexcept {
     try {
-        const auto found = MountTable::current().at(place_.path());
-        if (found && mount_ && found->minor == mount_->minor && found->type == mount_->type)
-            unmountLazily(place_.path());
+        if (mount_) unmountEverywhere(*mount_, true);
     } catch (const std::exception&) {
         // A dead mount stays, and the next attach or detach takes it away.
     }

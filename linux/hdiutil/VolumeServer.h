@@ -8,6 +8,7 @@
 #include "FuseLoop.h"
 #include "FuseOperations.h"
 #include "FuseSession.h"
+#include "ImageFile.h"
 #include "MountPlace.h"
 #include "linux/MountTable.h"
 
@@ -18,11 +19,12 @@
 /// Holds a volume mounted until it is detached, unmounted or the process gets a signal.
 class VolumeServer {
 public:
-    /// Mounts the volume at `place`; `imagePath` is what the mount table shows as its source.
-    /// Programs that use it wait until `run` is called. Throws `ToolError` or `std::system_error`;
-    /// then nothing is mounted, and the place is removed.
+    /// Mounts the volume at `place`; the mount table shows the path of `file` as its source, and
+    /// the volume tells the identity to who asks for it. Programs that use it wait until `run` is
+    /// called. Throws `ToolError` or `std::system_error`; then nothing is mounted, and the place is
+    /// removed.
     VolumeServer(std::unique_ptr<EncryptedImage> image, std::unique_ptr<Ext4Volume> volume,
-                 MountPlace place, const std::filesystem::path& imagePath);
+                 MountPlace place, const ImageFile& file);
     ~VolumeServer();
     VolumeServer(const VolumeServer&) = delete;
     VolumeServer& operator=(const VolumeServer&) = delete;
@@ -33,7 +35,7 @@ public:
     bool run(const BlockedSignals& signals);
 
 private:
-    void mount(const std::filesystem::path& imagePath);
+    void mount(const ImageFile& file);
     void unmountLeftOver() const noexcept;
     std::string closeVolume() noexcept;
 

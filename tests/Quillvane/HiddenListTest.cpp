@@ -1,11 +1,18 @@
+#include "Quillvane/FileDescriptor.h"
 #include "Quillvane/Platform.h"
+#include "tests/support/FuseMount.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <chrono>
+#include <fcntl.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -23,6 +30,15 @@ protected:
     static mode_t modeOf(const fs::path& path) {
         struct stat status {};
         return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+    }
+
+    /// Writes until the disk is full.
+    static void fillUp(const fs::path& file) {
+        const FileDescriptor fd(::open(file.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        const std::string block(4096, 'x');
+        while (::write(fd.get(), block.data(), block.size()) > 0) {
+        }
+        EXPECT_EQ(errno, ENOSPC);
     }
 
     TemporaryFolder folder;
@@ -143,6 +159,33 @@ TEST_F(HiddenListTest, LosesNoLineToASecondEditor) {
     for (std::thread& editor : editors) editor.join();
     EXPECT_EQ(readFile(list).size(), 16U);
     for (int i = 0; i < 8; ++i) EXPECT_TRUE(Platform::isHidden(folder / std::to_string(i)));
+}
+
+TEST_F(HiddenListTest, DoesNotWaitLongForAnotherProgramsLock) {
+    const FileDescriptor lock(::open(folder.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    ASSERT_EQ(::flock(lock.get(), LOCK_EX), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_FALSE(Platform::setHidden(item, true));
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_TRUE(Platform::isHidden(item));
+}
+
+TEST_F(HiddenListTest, LosesALineOnAFullDiskToo) {
+    const fs::path disk = folder / "disk";
+    fs::create_directory(disk);
+    const Mounted mounted(disk, "tmpfs", "none", "size=64k");
+    if (!mounted) GTEST_SKIP() << "mounting is not permitted here";
+    writeFile(disk / "Docs", "");
+    const std::string kept(5000, 'x');
+    writeFile(disk / ".hidden", "first\nDocs\n" + kept + "\nlast");
+    fs::permissions(disk / ".hidden", static_cast<fs::perms>(0664));
+    fillUp(disk / "filler");
+    EXPECT_EQ(Platform::setHidden(disk / "filler", true), std::errc::no_space_on_device);
+    EXPECT_TRUE(readFile(disk / ".hidden") == "first\nDocs\n" + kept + "\nlast");
+    EXPECT_FALSE(Platform::setHidden(disk / "Docs", false));
+    EXPECT_TRUE(readFile(disk / ".hidden") == "first\n" + kept + "\nlast");
+    EXPECT_EQ(modeOf(disk / ".hidden"), 0664U);
+    EXPECT_EQ(std::distance(fs::directory_iterator(disk), fs::directory_iterator()), 3);
 }
 
 } // namespace

@@ -43,6 +43,8 @@ TEST_F(InPlaceClosingTest, DeactivatingKeepsAFolderWithSomethingInIt) {
 
 TEST_F(InPlaceClosingTest, AFailedDetachKeepsTheFolderAndIsNeverForced) {
     fs::create_directory(folder);
+    const FuseMount mount(folder, item);
+    SKIP_UNLESS(mount);
     for (const char* words : {"Resource busy", "RESOURCE BUSY", "busybody"}) {
         tools.play("hdiutil", "detach", "echo '" + std::string(words) + "' >&2; exit 1");
         EXPECT_EQ(failureKind([&] { deactivate(); }), Case::detachBusy) << words;
@@ -55,6 +57,18 @@ TEST_F(InPlaceClosingTest, AFailedDetachKeepsTheFolderAndIsNeverForced) {
     EXPECT_EQ(tools.calls().size(), 4U);
     for (const std::string& line : tools.commandLines())
         EXPECT_EQ(line, "hdiutil detach " + folder.string());
+}
+
+TEST_F(InPlaceClosingTest, AFailedDetachIsDoneWhenAnotherProgramHasClosedTheVolume) {
+    fs::create_directory(folder);
+    tools.play("hdiutil", "detach", "echo 'detach failed - No such file or directory' >&2; exit 1");
+    deactivate();
+    EXPECT_EQ(entries(), closed);
+    fs::create_directory(folder);
+    const DeadFuseMount dead(folder, item);
+    SKIP_UNLESS(dead);
+    deactivate();
+    EXPECT_EQ(entries(), closed);
 }
 
 // Recovering

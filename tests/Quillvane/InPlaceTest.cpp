@@ -5,6 +5,8 @@
 #include "tests/support/OrdinaryUser.h"
 
 #include <chrono>
+#include <memory>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <thread>
 #include <utility>
@@ -24,6 +26,14 @@ protected:
                 {"attach", "-stdinpass", "-nobrowse", "-owners", "on", "-mountpoint",
                  folder.string(), item.string()},
                 "päss phrase\n"};
+    }
+    /// The item's volume at a place apart, from where a stand-in can mount it on the folder.
+    std::unique_ptr<FuseMount> served() const {
+        fs::create_directory(tools.folder() / "served");
+        return std::make_unique<FuseMount>(tools.folder() / "served", item);
+    }
+    std::string mountItOnFolder() const {
+        return "mount --bind \"$here/served\" '" + folder.string() + "'\n";
     }
     /// The tool becomes one that can be launched after `pause`.
     std::thread installAfter(std::chrono::milliseconds pause, const char* tool) {
@@ -250,6 +260,28 @@ TEST_F(InPlaceTest, AFailedOpeningIsUndone) {
     fs::remove(folder / "full");
     EXPECT_THROW(openAsFolder(), ProcessLaunchError);
     EXPECT_EQ(readFile(list), "other\nlast");
+}
+
+TEST_F(InPlaceTest, AVolumeThatAKilledToolLeavesBehindIsClosed) {
+    const auto volume = served();
+    SKIP_UNLESS(*volume);
+    tools.play("hdiutil", "attach", mountItOnFolder() + "kill -9 $$");
+    tools.play("hdiutil", "detach", "umount '" + folder.string() + "'");
+    EXPECT_EQ(failureKind([&] { openAsFolder(); }), Case::attachFailed);
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach " + folder.string());
+    EXPECT_EQ(entries(), closed);
+}
+
+TEST_F(InPlaceTest, AVolumeThatAnotherProgramHasOpenedMeanwhileStays) {
+    const auto volume = served();
+    SKIP_UNLESS(*volume);
+    tools.play("hdiutil", "attach",
+               mountItOnFolder() + "echo 'hdiutil: attach failed - Resource busy' >&2; exit 1");
+    EXPECT_EQ(failureKind([&] { openAsFolder(); }), Case::attachFailed);
+    EXPECT_EQ(tools.calls().size(), 1U) << "nothing is detached";
+    EXPECT_TRUE(VaultEngine::isMounted(folder));
+    EXPECT_TRUE(VaultEngine::isHidden(item));
+    ::umount2(folder.c_str(), MNT_DETACH);
 }
 
 TEST_F(InPlaceTest, AnItemThatIsOpenStaysHiddenWhenItIsOpenedAgain) {

@@ -81,21 +81,36 @@ class InPlaceFaultsTest(in_place.InPlaceCase):
         failed = 0
         for number in range(10):
             opening = self.startOpening(item)
-            tool = self.childOf(opening)
+            tool = self.childOf(opening.pid)
             time.sleep(number * 0.003)
             try:
                 os.kill(tool, signal.SIGKILL)
             except ProcessLookupError:
                 pass  # it was faster
             _, stderr = opening.communicate(timeout=60)
-            if opening.returncode != 0:
+            if opening.returncode == 0:
+                self.closeInPlace(item)
+            else:
                 failed += 1
                 self.assertIn("Couldn't mount the image.", stderr)
-            # The volume stays when the tool was killed between its report and its end.
-            if self.isMounted(item):
-                self.closeInPlace(item)
+            self.assertFalse(self.isMounted(item))
             self.assertEqual(before, self.state())
         self.assertGreater(failed, 0, "the tool was never caught")
+
+    def testTheToolIsKilledWhenTheVolumeIsMounted(self):
+        item, _ = self.smallItem()
+        before = self.state()
+        opening, tool = self.stoppedWhileOpening(item)
+        self.assertTrue(quillvane.eventually(lambda: self.isMounted(item)))
+        time.sleep(0.5)  # it has told of the volume then, and would not take it back
+        os.kill(tool, signal.SIGKILL)
+        _, stderr = opening.communicate(timeout=60)
+        self.assertEqual(1, opening.returncode)
+        self.assertIn("Couldn't mount the image.", stderr)
+        self.assertFalse(self.isMounted(item))
+        self.assertEqual(before, self.state())
+        self.openInPlace(item)
+        self.closeInPlace(item)
 
     def testTheEngineIsKilledAtAnyMomentOfOpening(self):
         item, _ = self.smallItem()
@@ -128,10 +143,26 @@ class InPlaceFaultsTest(in_place.InPlaceCase):
         opening.stdin = None
         return opening
 
+    def stoppedWhileOpening(self, item):
+        """A process that opens the item, and its tool, stopped when the server was started."""
+        for _ in range(20):
+            opening = self.startOpening(item)
+            try:
+                tool = self.childOf(opening.pid)
+                self.childOf(tool)  # the server, which goes on
+                os.kill(tool, signal.SIGSTOP)
+                return opening, tool
+            except (FileNotFoundError, ProcessLookupError):  # it was faster
+                opening.communicate(timeout=60)
+                self.closeInPlace(item)
+        return self.fail("the tool was never caught")
+
     def childOf(self, process, seconds=10):
-        """The number of the first process that this one has started."""
-        children = pathlib.Path(f"/proc/{process.pid}/task/{process.pid}/children")
-        found = quillvane.eventually(lambda: children.read_text().split(), seconds)
+        """The number of the first process that the one of this number has started."""
+        children = pathlib.Path(f"/proc/{process}/task/{process}/children")
+        end = time.monotonic() + seconds
+        while not (found := children.read_text().split()) and time.monotonic() < end:
+            time.sleep(0.001)
         self.assertTrue(found, "no tool was started")
         return int(found[0])
 

@@ -4,6 +4,7 @@ import os
 import pathlib
 import signal
 import subprocess
+import time
 import unittest
 
 import quillvane
@@ -174,7 +175,9 @@ class SmartTest(SmartCase):
         manager = Manager(self, item).waitUntilOpen()
         with open(self.work / "Docs/file"):
             self.assertEqual(1, manager.signal(signal.SIGTERM).end())
-            self.assertEqual(IN_USE, manager.messages()[-1])
+            self.assertEqual(f'"Docs" stays open. Close it with: qv smart --close "{item}"',
+                             manager.messages()[-1])
+            self.assertNotIn(IN_USE, manager.messages(), "nobody is left to close it")
             self.assertTrue(self.isOpen(item) and self.isHidden(item))
         again = Manager(self, item, secret="not asked for").waitUntilOpen()
         self.assertEqual([STILL_OPEN.format("Docs")], again.messages())
@@ -200,6 +203,87 @@ class SmartTest(SmartCase):
         self.assertFalse(self.isHidden(item))
         self.assertFalse((self.work / "Docs").exists())
         other.signal(signal.SIGINT).end()
+
+    def testTheItemIsGoneWhenTheVolumeGoes(self):
+        item = self.makeItem()
+        manager = Manager(self, item).waitUntilOpen()
+        item.rename(self.work / "moved")
+        self.run_(quillvane.tool("hdiutil"), "detach", self.work / "Docs")
+        self.assertEqual(0, manager.end())
+        self.assertEqual([".Docs.quillvane.qvkeys", "moved"], sorted(os.listdir(self.work)))
+
+    def testTheLastCopyIsNotThrownAway(self):
+        item = self.makeItem()
+        manager = Manager(self, item).waitUntilOpen()
+        kept = self.directory / "kept"
+        os.link(item, kept)
+        item.unlink()
+        manager.signal(signal.SIGINT)
+        self.assertTrue(eventually(lambda: "isn't there any more" in manager.messages()[-1]))
+        self.assertTrue(self.isOpen(item))
+        os.link(kept, item)
+        self.assertEqual(0, manager.signal(signal.SIGINT).end())
+        self.assertClosed(item)
+
+    def testAnItemReachedThroughALinkIsTheSameItem(self):
+        item = self.makeItem()
+        (self.directory / "link").symlink_to(self.work)
+        other = self.directory / "link/Docs.quillvane"
+        manager = Manager(self, other).waitUntilOpen()
+        self.assertEqual(f"{self.work}/Docs\n", manager.stdout())
+        refused = self.run_(QV, "smart", "--stdin", item, stdin=PASSWORD + "\n")
+        self.assertEqual((1, '"Docs" is already open.\n'), (refused.returncode, refused.stderr))
+        result = self.run_(QV, "smart", "--close", other)
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        self.assertEqual(0, manager.end(5), "noticed at once")
+        self.assertClosed(item)
+
+    def testADirectoryAboveIsRenamed(self):
+        item = self.makeItem(directory=self.work / "before")
+        manager = Manager(self, item).waitUntilOpen()
+        (self.work / "before").rename(self.work / "after")
+        (self.work / "after").rename(self.work / "at last")
+        item = self.work / "at last/Docs.quillvane"
+        self.assertTrue(eventually(lambda: "at last" in self.preferences(), 30))
+        self.assertTrue(self.isOpen(item) and self.isHidden(item))
+        self.assertEqual(0, manager.signal(signal.SIGINT).end())
+        self.assertClosed(item)
+
+    def testNobodyReadsTheMessages(self):
+        item = self.makeItem()
+        reader, writer = os.pipe()
+        self.addCleanup(os.close, reader)
+        os.set_blocking(writer, False)
+        try:
+            while True:
+                os.write(writer, b"x" * 4096)
+        except BlockingIOError:
+            os.set_blocking(writer, True)
+        process = subprocess.Popen([QV, "smart", "--stdin", item], stdin=subprocess.PIPE,
+                                   stdout=writer, stderr=writer, env=self.environment, text=True)
+        os.close(writer)
+        self.addCleanup(process.kill)
+        process.stdin.write(PASSWORD + "\n")
+        process.stdin.close()
+        self.assertTrue(eventually(lambda: self.isOpen(item)))
+        self.assertTrue(eventually(lambda: "Docs" in self.preferences()))
+        process.send_signal(signal.SIGTERM)
+        self.assertEqual(0, process.wait(30))
+        self.assertClosed(item)
+
+    def testAnInterruptWhileThePasswordIsReadOpensNothing(self):
+        item = self.makeItem()
+        process = subprocess.Popen(
+            [QV, "smart", "--stdin", item], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, env=self.environment, text=True,
+            preexec_fn=lambda: signal.signal(signal.SIGINT, signal.SIG_DFL))
+        time.sleep(0.3)
+        process.send_signal(signal.SIGINT)
+        process.wait(30)
+        output = process.communicate()
+        self.assertEqual((1, "", "Cancelled. Nothing was changed.\n"),
+                         (process.returncode, *output))
+        self.assertClosed(item)
 
     def testClosedFromElsewhere(self):
         item = self.makeItem()
@@ -327,6 +411,14 @@ class SessionEventsTest(SmartCase):
             self.assertEqual([], login.waitForInhibitors(0))
             self.assertTrue(self.isOpen(self.items[0]))
         self.assertIsNone(manager.process.poll())
+
+    def testTheDesktopStopsTheProgram(self):
+        desktop = self.sessionManager()
+        (manager,) = self.open()
+        desktop.waitForCalls("RegisterClient")
+        desktop.askClient("Stop")
+        self.assertIn(manager.end(), (0, 1))
+        self.assertClosed(*self.items)
 
     def testTheUserLogsOut(self):
         desktop = self.sessionManager()

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "linux/hdiutil/ControlProtocol.h"
+
 #include <linux/fuse.h>
 
 #include <array>
@@ -7,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -36,11 +39,12 @@ private:
 };
 
 /// An empty volume as our own disk-image tool would mount it, with a server that knows the root
-/// directory only.
+/// directory only, and which file the volume is in if it is told.
 class FuseMount {
 public:
-    FuseMount(const std::filesystem::path& place, const std::string& source)
-        : device_(::open("/dev/fuse", O_RDWR | O_CLOEXEC)),
+    FuseMount(const std::filesystem::path& place, const std::string& source,
+              std::optional<ImageIdentity> image = std::nullopt)
+        : image_(image), device_(::open("/dev/fuse", O_RDWR | O_CLOEXEC)),
           mounted_(place, "fuse.quillvane", source,
                    "fd=" + std::to_string(device_) + ",rootmode=40000,user_id=0,group_id=0") {
         if (mounted_) server_ = std::thread([this] { serve(); });
@@ -81,8 +85,18 @@ private:
             reply(request, 0, &init, sizeof init);
         else if (request.opcode == FUSE_GETATTR && request.nodeid == FUSE_ROOT_ID)
             reply(request, 0, &root, sizeof root);
+        else if (request.opcode == FUSE_IOCTL && image_)
+            replyIdentity(request);
         else
             reply(request, -ENOSYS, nullptr, 0);
+    }
+
+    void replyIdentity(const fuse_in_header& request) const {
+        struct {
+            fuse_ioctl_out result;
+            ImageIdentity image;
+        } answer{{}, *image_};
+        reply(request, 0, &answer, sizeof answer);
     }
 
     void reply(const fuse_in_header& request, int error, const void* body,
@@ -96,6 +110,7 @@ private:
         [[maybe_unused]] const ssize_t written = ::write(device_, message.data(), message.size());
     }
 
+    std::optional<ImageIdentity> image_;
     int device_;
     Mounted mounted_;
     std::thread server_;

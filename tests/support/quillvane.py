@@ -4,6 +4,7 @@ Run a test through tests/support/isolated (CTest does), or directly with QUILLVA
 the build directory and PYTHONPATH naming this one.
 """
 
+import contextlib
 import errno
 import hashlib
 import os
@@ -99,7 +100,8 @@ class Case(unittest.TestCase):
         for point in mountsBelow(self.directory):
             subprocess.run(["fusermount3", "-u", "-z", point])
         for server in serversOf(self.directory):
-            os.kill(server, signal.SIGKILL)
+            with contextlib.suppress(ProcessLookupError):  # it ended by itself meanwhile
+                os.kill(server, signal.SIGKILL)
         removeTree(self.directory)
 
     def run_(self, *command, stdin="", cwd=None, timeout=120, **options):

@@ -5,13 +5,13 @@
 #include "Quillvane/SystemEvents.h"
 #include "Quillvane/VaultEngine.h"
 #include "Quillvane/VaultError.h"
+#include "tests/support/FakeTasks.h"
 #include "tests/support/RecordingTools.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <deque>
 #include <sched.h>
 #include <sys/mount.h>
 
@@ -35,37 +35,6 @@ public:
     Time time{std::chrono::hours(400'000)};
     std::chrono::seconds interval{0};
     std::function<void()> tick;
-};
-
-/// Background work that is done when the test says so.
-class FakeTasks : public BackgroundTasks {
-public:
-    void start(Work work, Ending ending) override {
-        started.push_back({std::move(work), std::move(ending)});
-    }
-    void post(std::function<void()> report) override { reports.push_back(std::move(report)); }
-    void finish() override {
-        while (!started.empty()) runNext();
-    }
-    void runNext() {
-        const Task task = std::move(started.front());
-        started.pop_front();
-        std::exception_ptr error;
-        try {
-            task.work();
-        } catch (...) {
-            error = std::current_exception();
-        }
-        for (; !reports.empty(); reports.pop_front()) reports.front()();
-        task.ending(error);
-    }
-
-    struct Task {
-        Work work;
-        Ending ending;
-    };
-    std::deque<Task> started;
-    std::deque<std::function<void()>> reports;
 };
 
 /// A manager with items whose volumes are played by small file systems in memory: mounting and
@@ -93,18 +62,24 @@ protected:
     void start() {
         manager.reset();
         store.reset();
-        preferences.reset();
         tasks.started.clear();
-        preferences = std::make_unique<QSettings>(
-            QString::fromStdString((folder / "preferences.conf").string()), QSettings::IniFormat);
-        store = std::make_unique<SmartFolderStore>(*preferences, folder.path());
+        store =
+            std::make_unique<SmartFolderStore>(preferencesIn("preferences.conf"), folder.path());
         manager = std::make_unique<SmartFolderManager>(events, tasks, clock, *store);
+    }
+    SmartFolderStore::OpenPreferences preferencesIn(const std::filesystem::path& name) const {
+        const QString file = QString::fromStdString((folder / name).string());
+        return [file] { return std::make_unique<QSettings>(file, QSettings::IniFormat); };
+    }
+    void tick() {
+        clock.tick();
+        tasks.finish();
     }
 
     std::filesystem::path makeItem(const std::string& name, const std::string& in = "") {
         const auto directory = folder / in;
         std::filesystem::create_directories(directory);
-        const auto item = directory / (name + ".quillvane");
+        auto item = directory / (name + ".quillvane");
         writeFile(item, "image");
         mountPlaces.push_back(directory / name);
         return item;
@@ -151,7 +126,6 @@ protected:
     FakeClock clock;
     FakeTasks tasks;
     std::vector<std::filesystem::path> mountPlaces;
-    std::unique_ptr<QSettings> preferences;
     std::unique_ptr<SmartFolderStore> store;
     std::unique_ptr<SmartFolderManager> manager;
 };

@@ -88,7 +88,7 @@ TEST_F(SmartFolderManagerTest, TellsWhyOpeningFailed) {
     EXPECT_EQ(manager->statusMessage(), "");
     EXPECT_EQ(manager->errorMessage().toStdString(), VaultError::wrongPassword().what());
     EXPECT_THAT(manager->active(), IsEmpty());
-    EXPECT_THAT(persistedNames(), ElementsAre("nothing"));
+    EXPECT_THAT(persistedNames(), IsEmpty());
     EXPECT_FALSE(VaultEngine::isHidden(item));
 
     manager->activate(folder / "missing.quillvane", password());
@@ -140,7 +140,7 @@ TEST_F(SmartFolderManagerTest, WhatComesBackAfterItsEndDoesNothing) {
     manager->activate(makeItem("Docs"), password());
     manager.reset();
     tasks.finish();
-    EXPECT_FALSE(store->read()) << "nobody wrote";
+    EXPECT_THAT(persistedNames(), ElementsAre("Docs")) << "for the next start to look after";
     clock.tick();
 }
 
@@ -189,6 +189,7 @@ TEST_F(SmartFolderManagerTest, NeverDeletesAFolderWithSomethingInIt) {
 }
 
 TEST_F(SmartFolderManagerTest, LeavesAListAloneThatItDoesNotUnderstand) {
+    const auto preferences = preferencesIn("preferences.conf")();
     preferences->setValue("quillvane.smartActive.v1/size", 1);
     preferences->setValue("quillvane.smartActive.v1/1/name", QVariantList{1, 2});
     preferences->sync();
@@ -198,29 +199,83 @@ TEST_F(SmartFolderManagerTest, LeavesAListAloneThatItDoesNotUnderstand) {
 }
 
 TEST_F(SmartFolderManagerTest, SkipsADictionaryThatLacksAMember) {
-    const fs::path item = makeItem("Docs");
-    open(item);
+    open(makeItem("Docs"));
     manager.reset();
+    const auto preferences = preferencesIn("preferences.conf")();
     preferences->remove("quillvane.smartActive.v1/1/name");
     preferences->sync();
     start();
     EXPECT_THAT(manager->active(), IsEmpty());
     EXPECT_THAT(persistedNames(), IsEmpty());
-    EXPECT_EQ(preferences->value("quillvane.smartActive.v1/size").toInt(), 0);
+    EXPECT_TRUE(store->read()) << "an empty list is written too";
+}
+
+TEST_F(SmartFolderManagerTest, AnItemIsKnownWhileItIsBeingOpened) {
+    const fs::path item = makeItem("Docs");
+    bool known = false;
+    tasks.beforeWork = [&] { known = persistedNames() == std::vector<std::string>{"Docs"}; };
+    open(item);
+    EXPECT_TRUE(known);
+}
+
+TEST_F(SmartFolderManagerTest, AProgramKilledWhileOpeningLeavesNothingHidden) {
+    const fs::path item = makeItem("Docs");
+    manager->activate(item, password());
+    // What the engine does until the tool is called.
+    static_cast<void>(Platform::setHidden(item, true));
+    fs::create_directory(folder / "Docs");
+    start();
+    EXPECT_FALSE(VaultEngine::isHidden(item));
+    EXPECT_FALSE(fs::exists(folder / "Docs"));
+    EXPECT_THAT(persistedNames(), IsEmpty());
+}
+
+TEST_F(SmartFolderManagerTest, TwoProgramsDoNotOpenOneItem) {
+    const fs::path item = makeItem("Docs");
+    FakeClock otherClock;
+    FakeTasks otherTasks;
+    SmartFolderStore otherStore(preferencesIn("preferences.conf"), folder.path());
+    SmartFolderManager other(events, otherTasks, otherClock, otherStore);
+    other.activate(item, password());
+    manager->activate(item, password());
+    EXPECT_EQ(manager->errorMessage(), "\"Docs\" is already open.");
+    EXPECT_THAT(tasks.started, IsEmpty());
+    otherTasks.finish();
+    EXPECT_TRUE(VaultEngine::isHidden(item));
+
+    other.attemptClose(other.active().front());
+    otherTasks.finish();
+    open(item);
+    EXPECT_THAT(names(), ElementsAre("Docs")) << "the other one has let go of it";
+}
+
+TEST_F(SmartFolderManagerTest, OneItemHasOnePath) {
+    const fs::path item = makeItem("Docs", "real");
+    fs::create_directory_symlink(folder / "real", folder / "link");
+    manager->activate(folder / "link/Docs.quillvane", password());
+    tasks.finish();
+    EXPECT_EQ(entry("Docs").lockedPath, item);
+    EXPECT_EQ(entry("Docs").mountPath, folder / "real/Docs");
 }
 
 TEST_F(SmartFolderManagerTest, LeavesAnotherProgramsFolderToIt) {
     const fs::path item = makeItem("Docs");
     const fs::path place = open(item);
     FakeClock otherClock;
-    QSettings sameFile(preferences->fileName(), QSettings::IniFormat);
-    SmartFolderStore otherStore(sameFile, folder.path());
+    SmartFolderStore otherStore(preferencesIn("preferences.conf"), folder.path());
     SmartFolderManager other(events, tasks, otherClock, otherStore);
     EXPECT_THAT(other.active(), IsEmpty());
 
     other.activate(makeItem("Other"), password());
     tasks.finish();
     EXPECT_THAT(persistedNames(), ElementsAre("Docs", "Other"));
+    other.closeAll("test");
+    emit events.volumeUnmounted(place);
+    tasks.finish();
+    EXPECT_TRUE(isOpen(place)) << "not the other one's to close";
+    EXPECT_THAT(persistedNames(), ElementsAre("Docs"));
+    other.activate(folder / "Other.quillvane", password());
+    tasks.finish();
     manager->attemptClose(entry("Docs"));
     tasks.finish();
     EXPECT_THAT(persistedNames(), ElementsAre("Other"));
@@ -232,15 +287,19 @@ TEST_F(SmartFolderManagerTest, LeavesAnotherProgramsFolderToIt) {
 
 TEST_F(SmartFolderManagerTest, TellsWhenTheListCannotBeSaved) {
     const fs::path item = makeItem("Docs");
-    store.reset();
     manager.reset();
-    preferences = std::make_unique<QSettings>("/proc/none/preferences.conf", QSettings::IniFormat);
-    store = std::make_unique<SmartFolderStore>(*preferences, folder.path());
+    // A directory in the file's place, and then not any more.
+    fs::create_directory(folder / "blocked.conf");
+    store = std::make_unique<SmartFolderStore>(preferencesIn("blocked.conf"), folder.path());
     manager = std::make_unique<SmartFolderManager>(events, tasks, clock, *store);
     manager->activate(item, password());
     tasks.finish();
     EXPECT_EQ(manager->errorMessage(), "The list of open Smart Folders couldn't be saved.");
     EXPECT_THAT(names(), ElementsAre("Docs"));
+
+    fs::remove(folder / "blocked.conf");
+    open(makeItem("Photos"));
+    EXPECT_THAT(persistedNames(), ElementsAre("Docs", "Photos"));
 }
 
 TEST_F(SmartFolderManagerTest, ClosesEverythingWhenTheProgramEnds) {

@@ -15,9 +15,11 @@ using Record = SmartFolderStore::Record;
 class SmartFolderStoreTest : public ::testing::Test {
 protected:
     TemporaryFolder folder;
-    QSettings preferences{QString::fromStdString((folder / "p.conf").string()),
-                          QSettings::IniFormat};
-    SmartFolderStore store{preferences, folder.path()};
+    SmartFolderStore::OpenPreferences openPreferences = [this] {
+        return std::make_unique<QSettings>(QString::fromStdString((folder / "p.conf").string()),
+                                           QSettings::IniFormat);
+    };
+    SmartFolderStore store{openPreferences, folder.path()};
 };
 
 TEST_F(SmartFolderStoreTest, KeepsEveryPathAsItIs) {
@@ -25,8 +27,8 @@ TEST_F(SmartFolderStoreTest, KeepsEveryPathAsItIs) {
     const Record bytes{"\xff\xfe", "/\xff\xfe.quillvane", "/\xff\xfe"};
     const Record at{"@Variant(x)", "@", "/@"};
     ASSERT_TRUE(store.write({odd, bytes, at}, {}));
-    QSettings again(preferences.fileName(), QSettings::IniFormat);
-    EXPECT_THAT(*SmartFolderStore(again, folder.path()).read(), ElementsAre(odd, bytes, at));
+    EXPECT_THAT(*SmartFolderStore(openPreferences, folder.path()).read(),
+                ElementsAre(odd, bytes, at));
 }
 
 TEST_F(SmartFolderStoreTest, IsReadableForPeople) {
@@ -49,8 +51,7 @@ TEST_F(SmartFolderStoreTest, ADamagedSizeDoesNoHarm) {
     for (const char* size : {"2000000000", "-1", "x", ""}) {
         writeFile(folder / "p.conf",
                   "[quillvane.smartActive.v1]\n1\\name=a\nsize=" + std::string(size) + "\n");
-        QSettings damaged(preferences.fileName(), QSettings::IniFormat);
-        const auto records = SmartFolderStore(damaged, folder.path()).read();
+        const auto records = store.read();
         EXPECT_TRUE(!records || records->empty()) << size;
     }
 }
@@ -68,7 +69,7 @@ TEST_F(SmartFolderStoreTest, AClaimEndsWithItsProcess) {
     ASSERT_EQ(::pipe(ready), 0);
     const pid_t child = ::fork();
     if (child == 0) {
-        store.claim("/a");
+        static_cast<void>(store.claim("/a"));
         [[maybe_unused]] const ssize_t written = ::write(ready[1], "x", 1);
         ::pause();
         ::_exit(0);
@@ -77,20 +78,55 @@ TEST_F(SmartFolderStoreTest, AClaimEndsWithItsProcess) {
     ASSERT_EQ(::read(ready[0], &byte, 1), 1);
     EXPECT_TRUE(store.claimedElsewhere("/a"));
     EXPECT_FALSE(store.claimedElsewhere("/b"));
-    store.claim("/a");
-    EXPECT_TRUE(store.claimedElsewhere("/a")) << "a claim is not taken away";
+    EXPECT_FALSE(store.claim("/a")) << "a claim is not taken away";
+    EXPECT_TRUE(store.claimedElsewhere("/a"));
     ::kill(child, SIGKILL);
     ::waitpid(child, nullptr, 0);
     EXPECT_FALSE(store.claimedElsewhere("/a"));
-    store.claim("/a");
+    EXPECT_TRUE(store.claim("/a"));
     EXPECT_FALSE(store.claimedElsewhere("/a")) << "our own";
+    EXPECT_TRUE(SmartFolderStore(openPreferences, folder.path()).claimedElsewhere("/a"));
+    store.release("/a");
+    EXPECT_FALSE(SmartFolderStore(openPreferences, folder.path()).claimedElsewhere("/a"));
     ::close(ready[0]);
     ::close(ready[1]);
 }
 
+TEST_F(SmartFolderStoreTest, ALockFileThatIsThereMeansNothing) {
+    ASSERT_TRUE(store.claim("/a"));
+    store.release("/a");
+    for (const auto& file : std::filesystem::directory_iterator(folder.path()))
+        if (file.path().extension() == ".lock") writeFile(file.path(), "torn");
+    EXPECT_FALSE(store.claimedElsewhere("/a"));
+    EXPECT_TRUE(store.claim("/a"));
+}
+
+TEST_F(SmartFolderStoreTest, WritersTakeTurns) {
+    constexpr int writers = 4;
+    constexpr int rounds = 10;
+    for (int writer = 0; writer < writers; ++writer) {
+        if (::fork() != 0) continue;
+        std::set<std::string> managed;
+        std::vector<Record> own;
+        for (int round = 0; round < rounds; ++round) {
+            const std::string path = "/" + std::to_string(writer) + "-" + std::to_string(round);
+            own.push_back({"n", path + ".quillvane", path});
+            managed.insert(path);
+            if (!store.write(own, managed)) ::_exit(1);
+        }
+        ::_exit(0);
+    }
+    for (int writer = 0; writer < writers; ++writer) {
+        int status = 0;
+        ::wait(&status);
+        EXPECT_EQ(status, 0);
+    }
+    EXPECT_EQ(store.read()->size(), static_cast<std::size_t>(writers * rounds));
+}
+
 TEST_F(SmartFolderStoreTest, WithoutAPlaceForLocksNothingIsClaimed) {
-    SmartFolderStore homeless(preferences, folder / "missing");
-    homeless.claim("/a");
+    SmartFolderStore homeless(openPreferences, folder / "missing");
+    EXPECT_TRUE(homeless.claim("/a"));
     EXPECT_FALSE(homeless.claimedElsewhere("/a"));
     EXPECT_TRUE(homeless.write({{"a", "/a.quillvane", "/a"}}, {}));
 }

@@ -52,6 +52,21 @@ TEST(MountTableTest, findsVolumesByDeviceOrMountPoint) {
         EXPECT_FALSE(table.volume(none)) << none;
 }
 
+TEST(MountTableTest, findsAVolumeWhereverItIsMounted) {
+    const MountEntry then = *MountTable(mountInfo).volume("/dev/disk38");
+    const char* const source = " rw - fuse.quillvane /home/u/My\\040Docs.quillvane rw\n";
+    const MountTable now("22 1 254:1 / / rw - ext4 /dev/vda1 rw\n"
+                         "40 22 0:38 / /home/u/Renamed/My\\040Docs" +
+                         std::string(source) + "41 22 0:38 /inner /mnt/second" + source +
+                         "42 22 0:39 / /mnt/other" + source + "43 22 1:38 / /mnt/major" + source +
+                         "44 22 0:38 / /mnt/number rw - fuse.quillvane /another rw\n"
+                         "45 22 0:38 / /mnt/type rw - tmpfs /home/u/My\\040Docs.quillvane rw\n");
+    ASSERT_EQ(now.mountsOf(then).size(), 2U);
+    EXPECT_EQ(now.mountsOf(then)[0].mountPoint, "/home/u/Renamed/My Docs");
+    EXPECT_EQ(now.mountsOf(then)[1].mountPoint, "/mnt/second");
+    EXPECT_TRUE(MountTable("").mountsOf(then).empty());
+}
+
 TEST(MountTableTest, seesThisProcesssMounts) {
     EXPECT_TRUE(MountTable::current().at("/"));
     EXPECT_FALSE(isDeadMount("/"));

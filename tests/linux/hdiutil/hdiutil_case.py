@@ -9,6 +9,7 @@ from quillvane import Case, mounts, tool
 
 PASSPHRASE = "mDq3VpJ0c2hLrZ8eYw1nB5tUxKs="
 CONTROL_ADDRESS = 0x80445101  # _IOR('Q', 1, ControlAddress)
+IMAGE_IDENTITY = 0x80105102  # _IOR('Q', 2, ImageIdentity)
 F_OFD_GETLK = 36
 IS_ROOT = os.geteuid() == 0
 
@@ -66,14 +67,23 @@ class CommandCase(Case):
         self.assertEqual([], [server for server in self.servers if isRunning(server)])
 
 
-def serverOf(mountPoint):
-    """The number of the process that serves the volume."""
+def ask(mountPoint, request, length):
+    """What the volume's server answers to the ioctl."""
     fd = os.open(mountPoint, os.O_RDONLY | os.O_DIRECTORY)
     try:
-        answer = fcntl.ioctl(fd, CONTROL_ADDRESS, bytes(68))
+        return fcntl.ioctl(fd, request, bytes(length))
     finally:
         os.close(fd)
-    return struct.unpack_from("i", answer)[0]
+
+
+def serverOf(mountPoint):
+    """The number of the process that serves the volume."""
+    return struct.unpack_from("i", ask(mountPoint, CONTROL_ADDRESS, 68))[0]
+
+
+def imageOf(mountPoint):
+    """Device and inode number of the volume's image."""
+    return struct.unpack("QQ", ask(mountPoint, IMAGE_IDENTITY, 16))
 
 
 def isRunning(process):

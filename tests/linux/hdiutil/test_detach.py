@@ -9,8 +9,8 @@ import subprocess
 import sys
 import unittest
 
-from hdiutil_case import closeAnyway, CommandCase, IS_ROOT, isRunning
-from quillvane import eventually, tool
+from hdiutil_case import closeAnyway, CommandCase, imageOf, IS_ROOT, isRunning
+from quillvane import eventually, mountsBelow, tool
 
 
 class DetachTest(CommandCase):
@@ -214,6 +214,116 @@ class DetachTest(CommandCase):
         self.assertNothingLeft()
         self.reattached()
         self.detached(self.point)
+
+
+class MovedDetachTest(CommandCase):
+    """The directory that the image and the mount point are in gets another name while it is open."""
+
+    def setUp(self):
+        super().setUp()
+        self.parent = self.work / "parent"
+        self.place = self.parent / "place"
+        self.image = self.parent / "Docs.quillvane"
+        self.place.mkdir(parents=True)
+        self.created()
+
+    def movedWhileOpen(self):
+        """The volume's device; `place` and `image` are where they are then."""
+        device, _ = self.attached("-nobrowse", "-mountpoint", self.place)
+        (self.place / "file").write_text("text")
+        self.parent = self.parent.rename(self.work / f"moved{len(self.servers)}")
+        self.place = self.parent / "place"
+        self.image = self.parent / "Docs.quillvane"
+        return device
+
+    def assertClosed(self):
+        self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
+        self.assertEqual([], mountsBelow(self.directory))
+        self.assertEqual([], os.listdir(self.place))
+        self.attached("-nobrowse", "-mountpoint", self.place)
+        self.assertEqual("text", (self.place / "file").read_text())
+        self.detached(self.place)
+        self.assertNothingLeft()
+
+    def test_by_the_new_mount_point(self):
+        self.movedWhileOpen()
+        image = os.stat(self.image)
+        self.assertEqual((image.st_dev, image.st_ino), imageOf(self.place))
+        self.detached(self.place)
+        self.assertClosed()
+
+    def test_by_device(self):
+        self.detached(self.movedWhileOpen())
+        self.assertClosed()
+
+    def test_busy_then_by_force(self):
+        device = self.movedWhileOpen()
+        file = open(self.place / "open", "wb", buffering=0)
+        self.addCleanup(closeAnyway, file)
+        file.write(b"x")
+        self.assertRefused(self.detach(device),
+                           f'hdiutil: couldn\'t eject "{self.place}" - Resource busy')
+        self.detached(self.place, "-force")
+        self.assertClosed()
+
+    def test_by_a_signal(self):
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(signal=number):
+                self.movedWhileOpen()
+                with open(self.place / "mapped", "w+b") as file:
+                    file.truncate(4096)
+                    with mmap.mmap(file.fileno(), 4096) as memory:
+                        memory[:4] = b"kept"
+                os.kill(self.servers[-1], number)
+                self.assertClosed()
+
+    def test_the_old_place_taken_by_another_volume(self):
+        first = self.movedWhileOpen()
+        moved, self.place = self.place, self.work / "parent/place"
+        self.place.mkdir(parents=True)
+        self.image = self.work / "Other.quillvane"
+        self.created(name="Other")
+        self.attached("-nobrowse", "-mountpoint", self.place)
+        (self.place / "file").write_text("text")
+        self.detached(first)
+        self.assertEqual([], os.listdir(moved))
+        self.assertEqual("text", (self.place / "file").read_text())
+        self.detached(self.place)
+        self.assertClosed()
+
+    def test_the_places_of_the_tool(self):
+        device, _ = self.attached()
+        (self.home / "Volumes").rename(self.home / "Other")
+        self.detached(device)
+        self.assertEqual([], list((self.home / "Other").iterdir()))
+        self.assertNothingLeft()
+
+    def test_mounted_twice(self):
+        if not IS_ROOT:
+            self.skipTest("needs to mount the volume a second time")
+        self.movedWhileOpen()
+        second = self.work / "second"
+        second.mkdir()
+        subprocess.run(["mount", "--bind", self.place, second], check=True)
+        with open(second / "file"):
+            self.assertRefused(self.detach(second),
+                               f'hdiutil: couldn\'t eject "{second}" - Resource busy')
+        self.detached(self.place)
+        self.assertEqual([], os.listdir(second))
+        self.assertClosed()
+
+    def test_covered_by_another_mount(self):
+        if not IS_ROOT:
+            self.skipTest("needs to mount something over the volume")
+        device = self.movedWhileOpen()
+        subprocess.run(["mount", "-t", "tmpfs", "cover", self.place], check=True)
+        (self.place / "cover").write_text("not ours")
+        for option in ([], ["-force"]):
+            self.assertEqual(1, self.detach(device, *option).returncode)
+            self.assertEqual("not ours", (self.place / "cover").read_text())
+        subprocess.run(["umount", self.place], check=True)
+        self.detached(device)
+        self.assertClosed()
 
 
 if __name__ == "__main__":
