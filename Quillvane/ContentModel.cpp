@@ -1,0 +1,205 @@
+#include "ContentModel.h"
+
+#include "DurableFile.h"
+#include "FileManager.h"
+#include "FileUrl.h"
+#include "ItemPath.h"
+#include "Platform.h"
+#include "SecretText.h"
+
+#include <QClipboard>
+#include <QGuiApplication>
+#include <QMimeData>
+
+#include <algorithm>
+#include <system_error>
+#include <utility>
+
+using Mode = VaultViewModel::Mode;
+
+ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart, OpenRouter& router,
+                           FilePanels& panels, BackgroundTasks& tasks, QObject* parent)
+    : QObject(parent), viewModel_(viewModel), smart_(smart), router_(router), panels_(panels),
+      tasks_(tasks) {
+    connect(&viewModel, &VaultViewModel::stateChanged, this, &ContentModel::changed);
+    connect(&viewModel, &VaultViewModel::formChanged, this, &ContentModel::changed);
+    connect(&viewModel, &VaultViewModel::formChanged, this, &ContentModel::updateDriveName);
+    for (const auto signal :
+         {&SmartFolderManager::isBusyChanged, &SmartFolderManager::statusMessageChanged,
+          &SmartFolderManager::errorMessageChanged, &SmartFolderManager::successMessageChanged})
+        connect(&smart, signal, this, &ContentModel::changed);
+    // A finished operation leaves no secret in the forms.
+    connect(&smart, &SmartFolderManager::isBusyChanged, this, [this] {
+        if (!smart_.isBusy()) viewModel_.wipeSmartForms();
+    });
+    connect(&smart, &SmartFolderManager::recoveryKeyToShowChanged, this,
+            &ContentModel::takeRecoveryKey);
+    connect(&router, &OpenRouter::pendingContainerChanged, this, &ContentModel::pendingNameChanged);
+}
+
+ContentModel::~ContentModel() {
+    wipeSheet();
+}
+
+bool ContentModel::busy() const {
+    return viewModel_.isBusy || smart_.isBusy();
+}
+
+double ContentModel::progressFraction() const {
+    return viewModel_.isBusy ? viewModel_.progressFraction.value_or(-1) : -1;
+}
+
+QString ContentModel::statusMessage() const {
+    return viewModel_.isBusy ? viewModel_.statusMessage : smart_.statusMessage();
+}
+
+QString ContentModel::errorMessage() const {
+    return viewModel_.mode == Mode::smart ? smart_.errorMessage() : viewModel_.errorMessage;
+}
+
+QString ContentModel::successMessage() const {
+    return viewModel_.mode == Mode::smart ? smart_.successMessage() : viewModel_.successMessage;
+}
+
+QUrl ContentModel::currentSelectedURL() const {
+    switch (viewModel_.mode) {
+    case Mode::lock:
+        return viewModel_.lockFolderURL;
+    case Mode::open:
+        return viewModel_.openImageURL;
+    case Mode::remove:
+        return viewModel_.removeImageURL;
+    case Mode::change:
+        return viewModel_.changeImageURL;
+    case Mode::smart:
+        break;
+    }
+    return viewModel_.smartActivateURL.isEmpty() ? viewModel_.smartCreateFolderURL
+                                                 : viewModel_.smartActivateURL;
+}
+
+void ContentModel::updateDriveName() {
+    const QUrl item = currentSelectedURL();
+    if (std::exchange(driveOf_, item) == item) return;
+    const std::optional<std::string> name =
+        item.isEmpty() ? std::nullopt : Platform::volumeName(filePath(item));
+    driveName_ = QString::fromStdString(name.value_or(""));
+    emit driveNameChanged();
+}
+
+QString ContentModel::appVersion() const {
+    return QStringLiteral(QUILLVANE_VERSION " (" QUILLVANE_BUILD ")");
+}
+
+QString ContentModel::pendingName() const {
+    const QUrl item = router_.pendingContainer();
+    if (item.isEmpty()) return {};
+    // Not the URL's last part, which is empty when a slash ends it.
+    return QString::fromStdString(itemPath(filePath(item)).filename().string());
+}
+
+bool ContentModel::mayClose() const {
+    return !busy() && !smart_.isCreating() && viewModel_.recoveryKeyToShow.isEmpty();
+}
+
+void ContentModel::selectMode(Mode mode) {
+    viewModel_.mode = mode;
+    emit viewModel_.formChanged();
+    viewModel_.clearMessages();
+}
+
+void ContentModel::createSmartFolder() {
+    if (viewModel_.smartCreateFolderURL.isEmpty()) return;
+    smart_.createSmartFolder(filePath(viewModel_.smartCreateFolderURL),
+                             secretOf(viewModel_.smartCreatePassword),
+                             secretOf(viewModel_.smartCreateConfirm));
+}
+
+void ContentModel::activateSmartFolder() {
+    if (viewModel_.smartActivateURL.isEmpty()) return;
+    smart_.activate(filePath(viewModel_.smartActivateURL), viewModel_.smartActivateCredential());
+}
+
+std::optional<SmartFolderManager::Active> ContentModel::entry(const QString& id) const {
+    const auto& entries = smart_.active();
+    const auto found = std::ranges::find_if(
+        entries, [&](const auto& entry) { return QString::fromStdString(entry.id) == id; });
+    if (found == entries.end()) return std::nullopt;
+    return *found;
+}
+
+void ContentModel::closeSmartFolder(const QString& id) {
+    if (const auto folder = entry(id)) smart_.attemptClose(*folder);
+}
+
+void ContentModel::showSmartFolder(const QString& id) {
+    if (const auto folder = entry(id)) FileManager::reveal(folder->mountPath, tasks_);
+}
+
+void ContentModel::showMountPoint() {
+    if (viewModel_.openMountInfo) FileManager::show(viewModel_.openMountInfo->mountPoint, tasks_);
+}
+
+void ContentModel::confirmDoubleClickOpen() {
+    const QUrl item = router_.pendingContainer();
+    if (item.isEmpty()) return;
+    Credential credential = doubleClickUseRecovery
+                                ? Credential::recoveryKey(secretOf(doubleClickRecoveryKey))
+                                : Credential::password(secretOf(doubleClickPassword));
+    selectMode(Mode::smart);
+    smart_.activate(filePath(item), std::move(credential));
+    cancelDoubleClickOpen();
+}
+
+void ContentModel::cancelDoubleClickOpen() {
+    wipeSheet();
+    emit sheetChanged();
+    router_.setPendingContainer({});
+}
+
+void ContentModel::wipeSheet() {
+    wipeText(doubleClickPassword);
+    wipeText(doubleClickRecoveryKey);
+}
+
+void ContentModel::takeRecoveryKey() {
+    if (!smart_.recoveryKeyToShow()) return;
+    viewModel_.recoveryKeyToShow = textOf(*smart_.recoveryKeyToShow());
+    emit viewModel_.stateChanged();
+    smart_.clearRecoveryKeyToShow();
+}
+
+void ContentModel::copyRecoveryKey() {
+    auto* const data = new QMimeData; // the clipboard's from here on
+    data->setText(viewModel_.recoveryKeyToShow);
+    data->setData(QStringLiteral("x-kde-passwordManagerHint"), "secret");
+    data->setData(QStringLiteral("org.nspasteboard.ConcealedType"), "");
+    QGuiApplication::clipboard()->setMimeData(data);
+    copied = true;
+    emit sheetChanged();
+}
+
+void ContentModel::saveRecoveryKey() {
+    panels_.chooseTextFileToSave(
+        QStringLiteral("Save recovery key"), QStringLiteral("Quillvane-recovery-key.txt"),
+        [key = secretOf(viewModel_.recoveryKeyToShow)](const QUrl& url) {
+            constexpr mode_t ownerOnly = 0600;
+            Secret text("Quillvane — recovery key\n\n");
+            text.append(key.text());
+            text.append(
+                "\n\nKeep this safe. It's the only way back in if you forget your password.\n");
+            try {
+                DurableFile::replace(filePath(url), text.text(), ownerOnly);
+            } catch (const std::system_error&) {
+                return; // the key stays on the screen
+            }
+        });
+}
+
+void ContentModel::continueAfterRecoveryKey() {
+    if (!recoverySaved) return;
+    copied = false;
+    recoverySaved = false;
+    viewModel_.dismissRecoveryKey();
+    emit sheetChanged();
+}

@@ -1,0 +1,117 @@
+import QtQuick
+import QtQuick.Layouts
+import Quillvane
+
+// The main window: sidebar, workspace and inspector over a status bar, and the sheets.
+FocusScope {
+    id: view
+
+    required property VaultViewModel vm
+    required property SmartFolderManager smart
+    required property OpenRouter openRouter
+    required property ContentModel content
+    required property SystemWords words
+
+    // Sheets keep the window beneath from being used.
+    readonly property bool sheetShown: guide.shown || about.shown || recoveryKey.shown || itemOpened.shown
+
+    ColumnLayout {
+        anchors.fill: parent
+        spacing: 0
+        enabled: !view.sheetShown
+
+        RowLayout {
+            Layout.fillWidth: true
+            Layout.fillHeight: true
+            spacing: 0
+
+            Sidebar {
+                Layout.preferredWidth: 198
+                Layout.fillHeight: true
+                focus: true
+                mode: view.vm.mode
+                onSelected: mode => view.content.selectMode(mode)
+            }
+
+            Hairline {
+                vertical: true
+            }
+
+            Workspace {
+                Layout.fillWidth: true
+                Layout.fillHeight: true
+                vm: view.vm
+                smart: view.smart
+                content: view.content
+                words: view.words
+                onGuideRequested: guide.open()
+                onAboutRequested: about.open()
+            }
+
+            Hairline {
+                vertical: true
+            }
+
+            Inspector {
+                Layout.preferredWidth: 240
+                Layout.fillHeight: true
+                mode: view.vm.mode
+                words: view.words
+            }
+        }
+
+        Hairline {}
+
+        StatusBar {
+            Layout.fillWidth: true
+            busy: view.content.busy
+            fraction: view.content.progressFraction
+            message: view.content.statusMessage
+            encryption: view.words.encryption
+            driveName: view.content.driveName
+        }
+    }
+
+    Repeater {
+        model: Modes.all.length
+
+        Item {
+            id: mode
+
+            required property int index
+
+            Shortcut {
+                sequence: "Ctrl+" + (mode.index + 1)
+                enabled: !view.sheetShown // qmllint disable unqualified
+                onActivated: view.content.selectMode(mode.index) // qmllint disable unqualified
+            }
+        }
+    }
+
+    GuideSheet {
+        id: guide
+        anchors.fill: parent
+        words: view.words
+    }
+
+    AboutSheet {
+        id: about
+        anchors.fill: parent
+        version: view.content.appVersion
+        technology: view.words.technology
+    }
+
+    ItemOpenedSheet {
+        id: itemOpened
+        anchors.fill: parent
+        content: view.content
+        shown: view.content.pendingName !== "" && !recoveryKey.shown
+    }
+
+    RecoveryKeySheet {
+        id: recoveryKey
+        anchors.fill: parent
+        content: view.content
+        recoveryKey: view.vm.recoveryKeyToShow
+    }
+}

@@ -1,0 +1,39 @@
+import QtQuick
+import QtQuick.Controls.Basic
+import Quillvane
+
+// The application's one window, as large as its contents want to be.
+ApplicationWindow {
+    id: window
+
+    required property VaultViewModel vm
+    required property SmartFolderManager smart
+    required property OpenRouter openRouter
+    required property ContentModel content
+    required property TermsOfUse terms
+    required property SystemWords words
+
+    title: "Quillvane"
+    visible: true
+    color: Brand.bg
+    width: root.implicitWidth
+    height: root.implicitHeight
+    minimumWidth: root.minimumWidth
+    minimumHeight: root.minimumHeight
+    font.pixelSize: Brand.bodySize
+
+    onClosing: close => {
+        close.accepted = window.content.mayClose;
+    }
+
+    RootView {
+        id: root
+        anchors.fill: parent
+        vm: window.vm
+        smart: window.smart
+        openRouter: window.openRouter
+        content: window.content
+        terms: window.terms
+        words: window.words
+    }
+}

@@ -1,0 +1,33 @@
+import QtQuick
+import QtQuick.Layouts
+
+// What came of the last operation.
+ColumnLayout {
+    id: area
+
+    required property string errorMessage
+    required property string successMessage
+
+    visible: errorMessage !== "" || successMessage !== ""
+    spacing: Brand.size(8)
+
+    StatusRow {
+        Layout.fillWidth: true
+        visible: area.errorMessage !== ""
+        systemImage: "exclamationmark.triangle.fill"
+        symbolColor: Brand.error
+        text: area.errorMessage
+        Accessible.role: Accessible.AlertMessage
+        Accessible.name: text
+    }
+
+    StatusRow {
+        Layout.fillWidth: true
+        visible: area.successMessage !== ""
+        systemImage: "checkmark.circle.fill"
+        symbolColor: Brand.accent
+        text: area.successMessage
+        Accessible.role: Accessible.AlertMessage
+        Accessible.name: text
+    }
+}

@@ -1,0 +1,50 @@
+import QtQuick
+import QtQuick.Layouts
+
+// The bottom edge: what is being done, and with what.
+Item {
+    id: bar
+
+    required property bool busy
+    required property double fraction
+    required property string message
+    required property string encryption
+    required property string driveName
+
+    implicitHeight: Brand.size(30)
+    Accessible.role: Accessible.StatusBar
+    Accessible.name: busy ? message : "Ready"
+
+    RowLayout {
+        anchors.fill: parent
+        anchors.leftMargin: Brand.size(14)
+        anchors.rightMargin: Brand.size(14)
+        spacing: Brand.size(8)
+
+        ProgressMark {
+            visible: bar.busy
+            fraction: bar.fraction
+        }
+
+        FootnoteText {
+            Layout.fillWidth: true
+            text: bar.busy ? bar.message : "Ready"
+        }
+
+        Symbol {
+            name: "lock.shield"
+            color: Brand.textDim
+            size: Brand.size(14)
+        }
+
+        FootnoteText {
+            text: bar.encryption
+        }
+
+        FootnoteText {
+            Layout.maximumWidth: Brand.size(160)
+            visible: bar.driveName !== ""
+            text: "·  " + bar.driveName
+        }
+    }
+}

@@ -1,0 +1,28 @@
+import QtQuick
+import QtQuick.Layouts
+
+// A symbol and a text beside it.
+RowLayout {
+    id: row
+
+    required property string systemImage
+    required property string text
+    property color symbolColor: Brand.textDim
+    property color textColor: Brand.text
+
+    spacing: Brand.size(8)
+
+    Symbol {
+        Layout.alignment: Qt.AlignTop
+        Layout.topMargin: Brand.size(1)
+        name: row.systemImage
+        color: row.symbolColor
+        size: Brand.size(16)
+    }
+
+    BodyText {
+        Layout.fillWidth: true
+        text: row.text
+        color: row.textColor
+    }
+}

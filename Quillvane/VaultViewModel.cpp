@@ -1,0 +1,310 @@
+#include "VaultViewModel.h"
+
+#include "ErrorText.h"
+#include "FileUrl.h"
+#include "ItemPath.h"
+#include "SecretText.h"
+
+#include <QPointer>
+
+#include <memory>
+#include <utility>
+
+VaultViewModel::VaultViewModel(BackgroundTasks& tasks, FilePanels& panels, QObject* parent)
+    : QObject(parent), panels_(panels), scope_(tasks) {}
+
+VaultViewModel::~VaultViewModel() {
+    blockSignals(true); // no binding is to look at an object that is going
+    wipePasswords();
+    wipeSmartForms();
+    wipeText(recoveryKeyToShow);
+}
+
+void VaultViewModel::choose(void (FilePanels::*panel)(const QString&, FilePanels::Chosen),
+                            const QString& title, QUrl VaultViewModel::*target) {
+    clearMessages();
+    (panels_.*panel)(title, [self = QPointer(this), target](const QUrl& url) {
+        if (!self) return; // the window went before its panel
+        self->*target = url;
+        emit self->formChanged();
+    });
+}
+
+void VaultViewModel::chooseFolderToLock() {
+    choose(&FilePanels::chooseFolder, QStringLiteral("Choose the folder to protect"),
+           &VaultViewModel::lockFolderURL);
+}
+
+void VaultViewModel::chooseImageToOpen() {
+    choose(&FilePanels::chooseItem, QStringLiteral("Choose a locked item to open"),
+           &VaultViewModel::openImageURL);
+}
+
+void VaultViewModel::chooseImageToRemove() {
+    choose(&FilePanels::chooseItem,
+           QStringLiteral("Choose a locked item to turn back into a folder"),
+           &VaultViewModel::removeImageURL);
+}
+
+void VaultViewModel::chooseImageToChange() {
+    choose(&FilePanels::chooseItem, QStringLiteral("Choose a locked item"),
+           &VaultViewModel::changeImageURL);
+}
+
+void VaultViewModel::chooseSmartCreateFolder() {
+    choose(&FilePanels::chooseFolder, QStringLiteral("Choose a folder to make smart"),
+           &VaultViewModel::smartCreateFolderURL);
+}
+
+void VaultViewModel::chooseSmartActivateImage() {
+    choose(&FilePanels::chooseItem, QStringLiteral("Choose a smart folder"),
+           &VaultViewModel::smartActivateURL);
+}
+
+void VaultViewModel::performLock() {
+    if (lockFolderURL.isEmpty()) return;
+    struct Lock {
+        std::filesystem::path folder;
+        Secret password;
+        Secret confirm;
+        VaultEngine::LockResult result;
+    };
+    const auto lock = std::make_shared<Lock>(
+        Lock{filePath(lockFolderURL), secretOf(lockPassword), secretOf(lockConfirm), {}});
+    beginBusy(QStringLiteral("Preparing…"));
+    perform(
+        [lock, report = reporter()] {
+            lock->result = VaultEngine::lock(lock->folder, lock->password, lock->confirm,
+                                             Filesystem::apfs, report);
+        },
+        [this, lock] { finishLock(lock->result); });
+}
+
+void VaultViewModel::performOpen() {
+    if (openImageURL.isEmpty()) return;
+    struct Open {
+        std::filesystem::path image;
+        Credential credential;
+        VaultEngine::OpenResult result;
+    };
+    const auto open = std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}});
+    beginBusy(QStringLiteral("Opening…"));
+    perform(
+        [open, report = reporter()] {
+            open->result = VaultEngine::open(open->image, open->credential, report);
+        },
+        [this, open] { finishOpen(open->result); });
+}
+
+void VaultViewModel::performRemove() {
+    if (removeImageURL.isEmpty()) return;
+    struct Remove {
+        std::filesystem::path item;
+        Credential credential;
+        std::filesystem::path restored;
+    };
+    const auto remove =
+        std::make_shared<Remove>(Remove{filePath(removeImageURL), removeCredential(), {}});
+    beginBusy(QStringLiteral("Preparing…"));
+    perform(
+        [remove, report = reporter()] {
+            VaultEngine::removePassword(remove->item, remove->credential, report);
+            remove->restored = itemPath(remove->item).replace_extension();
+        },
+        [this, remove] { finishRemove(remove->restored); });
+}
+
+void VaultViewModel::performChangePassword() {
+    if (changeImageURL.isEmpty()) return;
+    const bool isEmpty = changeNewPassword.isEmpty();
+    if (isEmpty || changeNewPassword != changeNewConfirm) {
+        errorMessage = isEmpty ? QStringLiteral("The new password can't be empty.")
+                               : QStringLiteral("The two new passwords don't match.");
+        emit stateChanged();
+        return;
+    }
+    struct Change {
+        std::filesystem::path item;
+        Credential current;
+        Secret newPassword;
+    };
+    const auto change = std::make_shared<Change>(
+        Change{filePath(changeImageURL), changeCredential(), secretOf(changeNewPassword)});
+    beginBusy(QStringLiteral("Changing password…"));
+    perform(
+        [change] {
+            VaultEngine::changePassword(change->item, change->current, change->newPassword);
+        },
+        [this] { finishChange(); });
+}
+
+void VaultViewModel::performClose() {
+    if (openMountInfo) {
+        beginBusy(QStringLiteral("Closing…"));
+        eject(*openMountInfo);
+    } else if (!openedMountPoint.isEmpty()) {
+        beginBusy(QStringLiteral("Closing…"));
+        closeByMountPoint(openedMountPoint);
+    }
+}
+
+void VaultViewModel::closeByMountPoint(const QString& path) {
+    eject({std::nullopt, path.toStdString()});
+}
+
+void VaultViewModel::eject(const MountInfo& mountInfo) {
+    perform(
+        [mountInfo, report = reporter()] {
+            report({std::nullopt, "Closing the vault…"});
+            VaultEngine::detach(mountInfo);
+            report({1.0, "Closed."});
+        },
+        [this] { finishClose(); });
+}
+
+void VaultViewModel::perform(BackgroundTasks::Work work, std::function<void()> finish) {
+    scope_.start(std::move(work),
+                 [this, finish = std::move(finish)](const std::exception_ptr& error) {
+                     if (error)
+                         finishWithError(error);
+                     else
+                         finish();
+                 });
+}
+
+ProgressCallback VaultViewModel::reporter() {
+    return scope_.reporter([this](const Progress& progress) {
+        progressFraction = progress.fraction;
+        statusMessage = QString::fromStdString(progress.message);
+        emit stateChanged();
+    });
+}
+
+void VaultViewModel::finishLock(const VaultEngine::LockResult& result) {
+    wipePasswords();
+    endBusy();
+    lockFolderURL.clear();
+    recoveryKeyToShow = textOf(result.recoveryKey);
+    successMessage =
+        "Locked. Your folder is protected:\n" + QString::fromStdString(result.container.string());
+    emit formChanged();
+    emit stateChanged();
+}
+
+void VaultViewModel::finishOpen(const VaultEngine::OpenResult& result) {
+    wipePasswords();
+    endBusy();
+    openMountInfo = result.mountInfo;
+    openedMountPoint = QString::fromStdString(result.mountPoint);
+    successMessage = QStringLiteral("Opened. Work in the folder, then eject it to lock it again.");
+    emit stateChanged();
+}
+
+void VaultViewModel::finishRemove(const std::filesystem::path& restored) {
+    wipePasswords();
+    endBusy();
+    removeImageURL.clear();
+    successMessage = "Password removed. It's a normal folder again:\n" +
+                     QString::fromStdString(restored.string());
+    emit formChanged();
+    emit stateChanged();
+}
+
+void VaultViewModel::finishChange() {
+    wipePasswords();
+    endBusy();
+    changeImageURL.clear();
+    changeUseRecovery = false;
+    successMessage = QStringLiteral("Password changed. Use your new password from now on. Your "
+                                    "recovery key still works.");
+    emit formChanged();
+    emit stateChanged();
+}
+
+void VaultViewModel::finishClose() {
+    endBusy();
+    openedMountPoint.clear();
+    openMountInfo.reset();
+    openImageURL.clear();
+    successMessage = QStringLiteral("Locked and ejected.");
+    emit formChanged();
+    emit stateChanged();
+}
+
+void VaultViewModel::finishWithError(const std::exception_ptr& error) {
+    wipePasswords();
+    endBusy();
+    statusMessage.clear();
+    try {
+        std::rethrow_exception(error);
+    } catch (const std::exception& known) {
+        errorMessage = QString::fromStdString(errorText(known));
+    }
+    emit stateChanged();
+}
+
+void VaultViewModel::clearMessages() {
+    errorMessage.clear();
+    successMessage.clear();
+    statusMessage.clear();
+    emit stateChanged();
+}
+
+void VaultViewModel::beginBusy(const QString& message) {
+    clearMessages();
+    isBusy = true;
+    progressFraction.reset();
+    statusMessage = message;
+    emit stateChanged();
+}
+
+void VaultViewModel::endBusy() {
+    isBusy = false;
+    progressFraction.reset();
+}
+
+void VaultViewModel::wipePasswords() {
+    for (QString* text :
+         {&lockPassword, &lockConfirm, &openPassword, &openRecoveryKey, &removePassword,
+          &removeRecoveryKey, &changeCurrentPassword, &changeRecoveryKey, &changeNewPassword,
+          &changeNewConfirm, &smartActivatePassword, &smartActivateRecoveryKey})
+        wipeText(*text);
+    emit formChanged();
+}
+
+void VaultViewModel::wipeSmartForms() {
+    for (QString* text : {&smartCreatePassword, &smartCreateConfirm, &smartActivatePassword,
+                          &smartActivateRecoveryKey})
+        wipeText(*text);
+    emit formChanged();
+}
+
+void VaultViewModel::dismissRecoveryKey() {
+    wipeText(recoveryKeyToShow);
+    emit stateChanged();
+}
+
+namespace {
+
+Credential credential(bool useRecovery, const QString& recoveryKey, const QString& password) {
+    if (useRecovery) return Credential::recoveryKey(secretOf(recoveryKey));
+    return Credential::password(secretOf(password));
+}
+
+} // namespace
+
+Credential VaultViewModel::openCredential() const {
+    return credential(openUseRecovery, openRecoveryKey, openPassword);
+}
+
+Credential VaultViewModel::removeCredential() const {
+    return credential(removeUseRecovery, removeRecoveryKey, removePassword);
+}
+
+Credential VaultViewModel::changeCredential() const {
+    return credential(changeUseRecovery, changeRecoveryKey, changeCurrentPassword);
+}
+
+Credential VaultViewModel::smartActivateCredential() const {
+    return credential(smartActivateUseRecovery, smartActivateRecoveryKey, smartActivatePassword);
+}

@@ -1,0 +1,153 @@
+#pragma once
+
+#include "Credential.h"
+#include "FilePanels.h"
+#include "TaskScope.h"
+#include "VaultEngine.h"
+
+#include <QObject>
+#include <QString>
+#include <QUrl>
+
+#include <exception>
+#include <filesystem>
+#include <functional>
+#include <optional>
+
+/// The fields and actions of the main window, but for Smart Folders, whose form fields alone are
+/// here.
+///
+/// Everything happens on the main thread; operations run in the background. After every finished
+/// operation the passwords and recovery keys of all forms are wiped, but for those of the form that
+/// creates a Smart Folder. A URL or text that is absent is empty.
+class VaultViewModel : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(Mode mode MEMBER mode NOTIFY formChanged)
+    Q_PROPERTY(QUrl lockFolderURL MEMBER lockFolderURL NOTIFY formChanged)
+    Q_PROPERTY(QString lockPassword MEMBER lockPassword NOTIFY formChanged)
+    Q_PROPERTY(QString lockConfirm MEMBER lockConfirm NOTIFY formChanged)
+    Q_PROPERTY(QUrl openImageURL MEMBER openImageURL NOTIFY formChanged)
+    Q_PROPERTY(QString openPassword MEMBER openPassword NOTIFY formChanged)
+    Q_PROPERTY(bool openUseRecovery MEMBER openUseRecovery NOTIFY formChanged)
+    Q_PROPERTY(QString openRecoveryKey MEMBER openRecoveryKey NOTIFY formChanged)
+    Q_PROPERTY(QUrl removeImageURL MEMBER removeImageURL NOTIFY formChanged)
+    Q_PROPERTY(QString removePassword MEMBER removePassword NOTIFY formChanged)
+    Q_PROPERTY(bool removeUseRecovery MEMBER removeUseRecovery NOTIFY formChanged)
+    Q_PROPERTY(QString removeRecoveryKey MEMBER removeRecoveryKey NOTIFY formChanged)
+    Q_PROPERTY(QUrl changeImageURL MEMBER changeImageURL NOTIFY formChanged)
+    Q_PROPERTY(bool changeUseRecovery MEMBER changeUseRecovery NOTIFY formChanged)
+    Q_PROPERTY(QString changeCurrentPassword MEMBER changeCurrentPassword NOTIFY formChanged)
+    Q_PROPERTY(QString changeRecoveryKey MEMBER changeRecoveryKey NOTIFY formChanged)
+    Q_PROPERTY(QString changeNewPassword MEMBER changeNewPassword NOTIFY formChanged)
+    Q_PROPERTY(QString changeNewConfirm MEMBER changeNewConfirm NOTIFY formChanged)
+    Q_PROPERTY(QUrl smartCreateFolderURL MEMBER smartCreateFolderURL NOTIFY formChanged)
+    Q_PROPERTY(QString smartCreatePassword MEMBER smartCreatePassword NOTIFY formChanged)
+    Q_PROPERTY(QString smartCreateConfirm MEMBER smartCreateConfirm NOTIFY formChanged)
+    Q_PROPERTY(QUrl smartActivateURL MEMBER smartActivateURL NOTIFY formChanged)
+    Q_PROPERTY(QString smartActivatePassword MEMBER smartActivatePassword NOTIFY formChanged)
+    Q_PROPERTY(bool smartActivateUseRecovery MEMBER smartActivateUseRecovery NOTIFY formChanged)
+    Q_PROPERTY(QString smartActivateRecoveryKey MEMBER smartActivateRecoveryKey NOTIFY formChanged)
+    Q_PROPERTY(QString openedMountPoint MEMBER openedMountPoint NOTIFY stateChanged)
+    Q_PROPERTY(bool isBusy MEMBER isBusy NOTIFY stateChanged)
+    Q_PROPERTY(double progressFraction READ progressFractionOrNegative NOTIFY stateChanged)
+    Q_PROPERTY(QString statusMessage MEMBER statusMessage NOTIFY stateChanged)
+    Q_PROPERTY(QString errorMessage MEMBER errorMessage NOTIFY stateChanged)
+    Q_PROPERTY(QString successMessage MEMBER successMessage NOTIFY stateChanged)
+    Q_PROPERTY(QString recoveryKeyToShow MEMBER recoveryKeyToShow NOTIFY stateChanged)
+
+public:
+    enum class Mode { lock, open, remove, change, smart };
+    Q_ENUM(Mode)
+
+    /// Both must outlive the object; the tasks' main thread is the object's.
+    VaultViewModel(BackgroundTasks& tasks, FilePanels& panels, QObject* parent = nullptr);
+    ~VaultViewModel() override;
+
+    Mode mode = Mode::lock;
+    QUrl lockFolderURL;
+    QString lockPassword;
+    QString lockConfirm;
+    QUrl openImageURL;
+    QString openPassword;
+    bool openUseRecovery = false;
+    QString openRecoveryKey;
+    /// Mount point of the item that this window opened, while it is open.
+    QString openedMountPoint;
+    QUrl removeImageURL;
+    QString removePassword;
+    bool removeUseRecovery = false;
+    QString removeRecoveryKey;
+    QUrl changeImageURL;
+    bool changeUseRecovery = false;
+    QString changeCurrentPassword;
+    QString changeRecoveryKey;
+    QString changeNewPassword;
+    QString changeNewConfirm;
+    QUrl smartCreateFolderURL;
+    QString smartCreatePassword;
+    QString smartCreateConfirm;
+    QUrl smartActivateURL;
+    QString smartActivatePassword;
+    bool smartActivateUseRecovery = false;
+    QString smartActivateRecoveryKey;
+
+    bool isBusy = false;
+    std::optional<double> progressFraction;
+    QString statusMessage;
+    QString errorMessage;
+    QString successMessage;
+    /// To be presented once; whoever has done so empties it by `dismissRecoveryKey`.
+    QString recoveryKeyToShow;
+    /// What a later close ejects.
+    std::optional<MountInfo> openMountInfo;
+
+    Q_INVOKABLE void chooseFolderToLock();
+    Q_INVOKABLE void chooseImageToOpen();
+    Q_INVOKABLE void chooseImageToRemove();
+    Q_INVOKABLE void chooseImageToChange();
+    Q_INVOKABLE void chooseSmartCreateFolder();
+    Q_INVOKABLE void chooseSmartActivateImage();
+
+    /// Each does nothing when nothing is chosen.
+    Q_INVOKABLE void performLock();
+    Q_INVOKABLE void performOpen();
+    Q_INVOKABLE void performClose();
+    Q_INVOKABLE void performRemove();
+    Q_INVOKABLE void performChangePassword();
+
+    Q_INVOKABLE void clearMessages();
+    Q_INVOKABLE void dismissRecoveryKey();
+    /// Wipes the secrets of both Smart Folder forms.
+    Q_INVOKABLE void wipeSmartForms();
+    /// What the user typed to open a Smart Folder.
+    Credential smartActivateCredential() const;
+
+signals:
+    void formChanged();
+    void stateChanged();
+
+private:
+    double progressFractionOrNegative() const { return progressFraction.value_or(-1); }
+    void choose(void (FilePanels::*panel)(const QString&, FilePanels::Chosen), const QString& title,
+                QUrl VaultViewModel::*target);
+    void beginBusy(const QString& message);
+    void wipePasswords();
+    Credential openCredential() const;
+    Credential removeCredential() const;
+    Credential changeCredential() const;
+    /// Runs `work` in the background, then `finish`, or `finishWithError` with what it threw.
+    void perform(BackgroundTasks::Work work, std::function<void()> finish);
+    void closeByMountPoint(const QString& path);
+    void eject(const MountInfo& mountInfo);
+    void endBusy();
+    void finishLock(const VaultEngine::LockResult& result);
+    void finishOpen(const VaultEngine::OpenResult& result);
+    void finishRemove(const std::filesystem::path& restored);
+    void finishChange();
+    void finishClose();
+    void finishWithError(const std::exception_ptr& error);
+    ProgressCallback reporter();
+
+    FilePanels& panels_;
+    TaskScope scope_;
+};

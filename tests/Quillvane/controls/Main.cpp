@@ -1,0 +1,26 @@
+#include "Quillvane/TextInputAccess.h"
+
+#include <QGuiApplication>
+
+#include <gtest/gtest.h>
+
+// Made by the build: the types that the window's files know.
+void qml_register_types_Quillvane();
+
+#ifdef __SANITIZE_ADDRESS__
+/// Qt's software renderer keeps the pictures of the last window, and loses them at the end.
+extern "C" const char* __lsan_default_suppressions() {
+    return "leak:QSGTexture::QSGTexture\n";
+}
+#endif
+
+/// For tests of what is drawn, on no screen and by no graphics hardware.
+int main(int argc, char* argv[]) {
+    ::testing::InitGoogleTest(&argc, argv);
+    qputenv("QT_QPA_PLATFORM", "offscreen");
+    qputenv("QT_QUICK_BACKEND", "software");
+    qml_register_types_Quillvane();
+    const QGuiApplication application(argc, argv);
+    TextInputAccess::install();
+    return RUN_ALL_TESTS();
+}
