@@ -1,6 +1,6 @@
 #include "Quillvane/TextInputAccess.h"
 
-#include <QGuiApplication>
+#include <QApplication>
 
 #include <gtest/gtest.h>
 
@@ -20,7 +20,7 @@ int main(int argc, char* argv[]) {
     qputenv("QT_QPA_PLATFORM", "offscreen");
     qputenv("QT_QUICK_BACKEND", "software");
     qml_register_types_Quillvane();
-    const QGuiApplication application(argc, argv);
+    const QApplication application(argc, argv);
     TextInputAccess::install();
     return RUN_ALL_TESTS();
 }

@@ -22,6 +22,7 @@ def run(*command):
 
 
 class DittoTest(unittest.TestCase):
+    last_inode = 0
     where = None  # the folder for temporary folders; the system's own when not given
 
     def setUp(self):
@@ -40,9 +41,24 @@ class DittoTest(unittest.TestCase):
     def write(self, name, content=b"content"):
         path = self.path(name)
         os.makedirs(os.path.dirname(path), exist_ok=True)
+        if not os.path.lexists(path):
+            self.make_in_order(path)
         with open(path, "wb") as file:
             file.write(content)
         return path
+
+    def make_in_order(self, path):
+        """Makes a file that is copied after those written before: entries are copied in the order of
+        their inodes, and a disk hands out freed numbers again."""
+        tried = []
+        while not tried or os.stat(tried[-1]).st_ino <= self.last_inode:
+            tried.append(os.path.join(os.path.dirname(path), f".order-{len(tried)}"))
+            with open(tried[-1], "xb"):
+                pass
+        self.last_inode = os.stat(tried[-1]).st_ino
+        os.rename(tried.pop(), path)
+        for rest in tried:
+            os.unlink(rest)
 
     def ditto(self, *arguments, prefix=()):
         arguments = arguments or (self.source, self.destination)
