@@ -3,6 +3,7 @@
 #include "PreferenceList.h"
 
 #include <QCryptographicHash>
+#include <QLockFile>
 
 #include <chrono>
 #include <thread>
@@ -64,6 +65,14 @@ FileLock patientLock(const std::filesystem::path& file) {
     }
 }
 
+/// A program killed while QSettings writes can leave its lock file without content, which QSettings
+/// waits for for half a minute. A second is enough; a lock that is held is not taken away.
+void clearTornLock(const QSettings& preferences) {
+    QLockFile lock(preferences.fileName() + ".lock");
+    lock.setStaleLockTime(std::chrono::seconds(1));
+    if (lock.tryLock(std::chrono::seconds(2))) lock.unlock();
+}
+
 } // namespace
 
 SmartFolderStore::SmartFolderStore(OpenPreferences openPreferences,
@@ -71,7 +80,9 @@ SmartFolderStore::SmartFolderStore(OpenPreferences openPreferences,
     : openPreferences_(std::move(openPreferences)), lockDirectory_(std::move(lockDirectory)) {}
 
 std::optional<std::vector<SmartFolderStore::Record>> SmartFolderStore::read() const {
-    return recordsIn(*openPreferences_());
+    const auto preferences = openPreferences_();
+    clearTornLock(*preferences);
+    return recordsIn(*preferences);
 }
 
 bool SmartFolderStore::write(const std::vector<Record>& own, const std::set<std::string>& managed) {
@@ -79,6 +90,7 @@ bool SmartFolderStore::write(const std::vector<Record>& own, const std::set<std:
     // writing is still better than forgetting an open folder.
     const FileLock turn = patientLock(lockFile("list"));
     const auto preferences = openPreferences_();
+    clearTornLock(*preferences);
     std::vector<QVariantMap> list;
     for (const Record& record : recordsIn(*preferences).value_or(std::vector<Record>{}))
         if (!managed.contains(record.mountPath)) list.push_back(dictionary(record));

@@ -32,12 +32,12 @@ public:
         : manager_(manager), item_(std::move(item)) {
         QObject::connect(&manager, &SmartFolderManager::statusMessageChanged,
                          [this] { print(manager_.statusMessage()); });
-        QObject::connect(&manager, &SmartFolderManager::successMessageChanged,
-                         [this] { print(manager_.successMessage()); });
+        QObject::connect(&manager, &SmartFolderManager::successMessageChanged, [this] {
+            greet(); // the folder is in the list by now
+            print(manager_.successMessage());
+        });
         QObject::connect(&manager, &SmartFolderManager::errorMessageChanged,
                          [this] { print(manager_.errorMessage()); });
-        QObject::connect(manager.activeModel(), &QAbstractItemModel::rowsInserted,
-                         [this] { greet(); });
         QObject::connect(manager.activeModel(), &QAbstractItemModel::dataChanged,
                          [this] { followItem(); });
         QObject::connect(&manager, &SmartFolderManager::moved, [this] { goOn(); });

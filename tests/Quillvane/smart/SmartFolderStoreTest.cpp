@@ -101,6 +101,13 @@ TEST_F(SmartFolderStoreTest, ALockFileThatIsThereMeansNothing) {
     EXPECT_TRUE(store.claim("/a"));
 }
 
+TEST_F(SmartFolderStoreTest, ATornLockOfThePreferencesIsNotWaitedForLong) {
+    ASSERT_TRUE(store.write({{"a", "/a.quillvane", "/a"}}, {}));
+    writeFile(folder / "p.conf.lock", "");
+    EXPECT_EQ(store.read()->size(), 1U);
+    EXPECT_FALSE(std::filesystem::exists(folder / "p.conf.lock"));
+}
+
 TEST_F(SmartFolderStoreTest, WritersTakeTurns) {
     constexpr int writers = 4;
     constexpr int rounds = 10;
