@@ -15,7 +15,7 @@ std::unique_ptr<QSettings> open() {
 
 fs::path lockDirectory() {
     const QString caches = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
-    const fs::path directory = fs::path(QFile::encodeName(caches).toStdString()) / "quillvane";
+    fs::path directory = fs::path(QFile::encodeName(caches).toStdString()) / "quillvane";
     std::error_code error;
     if (fs::create_directories(directory, error))
         fs::permissions(directory, fs::perms::owner_all, error);
