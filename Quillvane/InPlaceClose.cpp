@@ -3,6 +3,7 @@
 #include "KeyStore.h"
 #include "Platform.h"
 #include "VaultEngine.h"
+#include "VaultError.h"
 
 bool closeInPlace(const std::filesystem::path& item, const std::string& mountPath) {
     std::error_code unreadable;
@@ -10,6 +11,9 @@ bool closeInPlace(const std::filesystem::path& item, const std::string& mountPat
     if (type == std::filesystem::file_type::not_found && VaultEngine::isMounted(mountPath))
         throw ItemGoneError(item);
     VaultEngine::deactivateInPlace(mountPath);
+    // Nothing at the path need not mean closed: a directory above may have been renamed just now.
+    if (const auto place = Platform::placeOfVolumeOf(item.string()))
+        throw VaultError::detachFailed("The folder is open at " + *place);
     KeyStore::setHidden(item, false);
     return !Platform::setHidden(item, false);
 }

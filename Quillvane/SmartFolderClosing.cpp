@@ -60,14 +60,19 @@ void SmartFolderManager::lookAfter(const Active& entry) {
             });
 }
 
-void SmartFolderManager::attemptClose(const Active& entry, bool automatic,
+void SmartFolderManager::attemptClose(const Active& asked, bool automatic,
                                       const std::optional<QString>& /*reason*/) {
+    const Active entry = whereItIs(asked);
     if (!closing_.insert(entry.mountPath).second) return;
     if (!automatic) beginBusy("Closing " + QString::fromStdString(entry.name) + "…");
     const auto shown = std::make_shared<bool>(true);
     offMain([entry, shown] { *shown = closeInPlace(entry.lockedPath, entry.mountPath); },
             [this, entry, shown, automatic](const std::exception_ptr& error) {
                 closing_.erase(entry.mountPath);
+                if (!error)
+                    std::erase_if(leftHidden_, [&](const auto& record) {
+                        return record.mountPath == entry.mountPath;
+                    });
                 if (!*shown) leftHidden_.push_back({entry.name, entry.lockedPath, entry.mountPath});
                 if (error)
                     closeFailed(entry, automatic, error);
@@ -135,9 +140,11 @@ bool SmartFolderManager::follow(const std::string& id) {
         const std::string image =
             imageAtMount_.contains(id) ? imageAtMount_.at(id) : entry.lockedPath;
         const auto place = Platform::placeOfVolumeOf(image);
-        if (!place || *place == id || !store_.claim(*place)) return false;
-        imageAtMount_[*place] = image;
+        if (!place || *place == id) return false;
         const Path item = Path(*place).parent_path() / Path(entry.lockedPath).filename();
+        // Else it has been closed, and its item opened as a volume of its own.
+        if (!std::filesystem::exists(item) || !store_.claim(*place)) return false;
+        imageAtMount_[*place] = image;
         entry.id = entry.mountPath = *place;
         entry.lockedPath = item;
     } catch (const std::system_error&) {
@@ -148,6 +155,15 @@ bool SmartFolderManager::follow(const std::string& id) {
     persist();
     store_.release(id);
     return true;
+}
+
+SmartFolderManager::Active SmartFolderManager::whereItIs(const Active& entry) {
+    if (isStillListed(entry.mountPath)) return entry;
+    const auto found = std::ranges::find(active(), entry.id, &Active::id);
+    if (found == active().end()) return entry;
+    const auto row = found - active().begin();
+    follow(entry.id); // in the same row
+    return active()[static_cast<std::size_t>(row)];
 }
 
 void SmartFolderManager::endMove() {
@@ -161,7 +177,9 @@ void SmartFolderManager::closeAllSynchronouslyBestEffort() {
     // What is under way would otherwise go on without us, and an opened folder stay open.
     if (creation_) creation_->request();
     tasks_.finish();
-    for (const Active& entry : active()) {
+    const std::vector<Active> entries = active();
+    for (const Active& asked : entries) {
+        const Active entry = whereItIs(asked);
         try {
             if (std::filesystem::exists(entry.lockedPath))
                 VaultEngine::deactivateInPlace(entry.mountPath);

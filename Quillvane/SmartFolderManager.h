@@ -73,7 +73,7 @@ public:
     void activate(const Path& locked, Credential credential);
     /// Closes one folder; silently when `automatic`. A folder in use stays open and is tried again
     /// after a full time-out. `reason` changes nothing here.
-    void attemptClose(const Active& entry, bool automatic = false,
+    void attemptClose(const Active& asked, bool automatic = false,
                       const std::optional<QString>& reason = std::nullopt);
     /// Closes every open folder in the background, and those that are being opened as soon as they
     /// are open.
@@ -101,6 +101,8 @@ private:
     void handleExternalUnmount(const Path& mountPath);
     /// Follows a folder whose directory was renamed; false when its volume is gone.
     bool follow(const std::string& id);
+    /// The entry as it is now, should a directory above it have been renamed.
+    Active whereItIs(const Active& entry);
     /// Asks in the background whether the volume's server is alive.
     void lookAfter(const Active& entry);
     /// False when the list could not be saved.

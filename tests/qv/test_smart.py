@@ -249,6 +249,13 @@ class SmartTest(SmartCase):
         self.assertEqual(0, manager.signal(signal.SIGINT).end())
         self.assertClosed(item)
 
+    def testClosedRightAfterADirectoryAboveIsRenamed(self):
+        item = self.makeItem(directory=self.work / "before")
+        manager = Manager(self, item).waitUntilOpen().waitFor(OPENED.format("Docs", 5))
+        (self.work / "before").rename(self.work / "after")
+        self.assertEqual(0, manager.signal(signal.SIGINT).end())
+        self.assertClosed(self.work / "after/Docs.quillvane")
+
     def testNobodyReadsTheMessages(self):
         item = self.makeItem()
         reader, writer = os.pipe()
