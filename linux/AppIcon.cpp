@@ -12,9 +12,9 @@ bool loads(const QIcon& icon) {
 } // namespace
 
 QIcon appIcon() {
-    // Installed, the icon is part of the desktop's theme; otherwise the program may carry one.
+    // Installed, the icon is part of the desktop's theme; otherwise the program carries one.
     QIcon themed = QIcon::fromTheme("org.quillvane.Quillvane");
     if (loads(themed)) return themed;
-    QIcon own(":/AppIcon.png");
+    QIcon own(":/quillvane/AppIcon.svg");
     return loads(own) ? own : QIcon();
 }
