@@ -8,8 +8,6 @@
 
 #include <QDir>
 
-#include <memory>
-
 namespace {
 
 BackgroundTasks* sharedTasks = nullptr;
@@ -28,6 +26,10 @@ QString displayed(const std::filesystem::path& path) {
 
 void ItemDetail::setTasks(BackgroundTasks& tasks) {
     sharedTasks = &tasks;
+}
+
+ItemDetail::~ItemDetail() {
+    stopCounting();
 }
 
 void ItemDetail::setUrl(const QUrl& url) {
@@ -63,18 +65,24 @@ QString ItemDetail::text() const {
 }
 
 void ItemDetail::count() {
+    stopCounting();
     scope_.reset();
     tallies_.reset();
     if (!url_.isEmpty()) startCounting();
     emit textChanged();
 }
 
+void ItemDetail::stopCounting() {
+    if (cancellation_) cancellation_->request();
+}
+
 void ItemDetail::startCounting() {
     if (sharedTasks == nullptr) stopProgram("no tasks to count with");
     const auto found = std::make_shared<VaultEngine::Tallies>();
-    const auto work = [path = pathOf(url_), found] {
+    cancellation_ = std::make_shared<Cancellation>();
+    const auto work = [path = pathOf(url_), found, cancellation = cancellation_] {
         useUtilityPriority();
-        *found = VaultEngine::tallies(path);
+        *found = VaultEngine::tallies(path, cancellation.get());
     };
     scope_.emplace(*sharedTasks);
     scope_->start(work, [this, found](const std::exception_ptr& error) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Cancellation.h"
 #include "TaskScope.h"
 #include "VaultEngine.h"
 
@@ -8,6 +9,7 @@
 #include <QUrl>
 #include <QtQml/qqmlregistration.h>
 
+#include <memory>
 #include <optional>
 
 /// What is to be told about a chosen folder or item: its name, its place and what it holds, which
@@ -26,6 +28,7 @@ class ItemDetail : public QObject {
 
 public:
     using QObject::QObject;
+    ~ItemDetail() override;
 
     /// Where all details count. To be called before the first of them gets a URL; the tasks must
     /// outlive them all.
@@ -47,10 +50,13 @@ signals:
 private:
     void count();
     void startCounting();
+    void stopCounting();
 
     QUrl url_;
     bool isFolder_ = false;
     std::optional<VaultEngine::Tallies> tallies_;
     /// Made anew for every count, so that what an older one brings is dropped.
     std::optional<TaskScope> scope_;
+    /// Ends the count that is running, which nobody waits for any more.
+    std::shared_ptr<Cancellation> cancellation_;
 };

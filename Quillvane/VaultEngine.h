@@ -60,9 +60,10 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 OpenResult open(const Path& imageURL, const Credential& credential,
                 const ProgressCallback& progress);
 
-/// Turns the item back into a folder and deletes the item. `cancellation` is honoured until the
-/// item begins to be deleted. Throws what `open` throws, and `OperationCancelled`.
-void removePassword(const Path& locked, const Credential& credential,
+/// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
+/// is honoured until the item begins to be deleted. Throws what `open` throws, and
+/// `OperationCancelled`.
+Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
 /// Seals the item's vault key again under `newPassword`. Throws `VaultError`, `RecoveryError`, and
@@ -118,8 +119,8 @@ struct Tallies {
     std::int64_t count = 0;
     std::int64_t bytes = 0;
 };
-/// Follows no links; leaves out what cannot be read.
-Tallies tallies(const Path& url);
+/// Follows no links; leaves out what cannot be read. Throws `OperationCancelled`.
+Tallies tallies(const Path& url, Cancellation* cancellation = nullptr);
 /// Bytes that the user may still write to the volume at `url`; 0 when unknown.
 std::int64_t availableCapacity(const Path& url);
 /// Bytes in use on the volume mounted at `path`; 0 when unknown.

@@ -1,6 +1,7 @@
 #include "VaultEngine.h"
 
 #include "ErrorText.h"
+#include "OperationCancelled.h"
 #include "Platform.h"
 #include "TreeWalk.h"
 
@@ -21,6 +22,8 @@ namespace fs = std::filesystem;
 
 class TallyWalk final : public TreeWalk {
 public:
+    explicit TallyWalk(const Cancellation* cancellation) : cancellation_(cancellation) {}
+
     Tallies run(const Path& root) {
         try {
             walk(root);
@@ -32,13 +35,19 @@ public:
 
 private:
     void file(int, const std::string&, const struct stat& status) override {
+        stopIfCancelled();
         if (!S_ISREG(status.st_mode)) return;
         ++tallies_.count;
         if (__builtin_add_overflow(tallies_.bytes, status.st_size, &tallies_.bytes))
             tallies_.bytes = std::numeric_limits<std::int64_t>::max();
     }
+    void enter(int, const std::string&, const struct stat&) override { stopIfCancelled(); }
     void failed(const std::string&, int) override {}
+    void stopIfCancelled() const {
+        if (cancellation_ != nullptr && cancellation_->requested()) throw OperationCancelled();
+    }
 
+    const Cancellation* cancellation_;
     Tallies tallies_;
 };
 
@@ -95,14 +104,14 @@ private:
 
 } // namespace
 
-Tallies tallies(const Path& url) {
+Tallies tallies(const Path& url, Cancellation* cancellation) {
     std::error_code error;
     if (!fs::is_directory(url, error)) {
         const auto size = fs::file_size(url, error);
         return error ? Tallies{} : Tallies{1, static_cast<std::int64_t>(size)};
     }
     const Path real = fs::canonical(url, error);
-    return TallyWalk().run(error ? url : real);
+    return TallyWalk(cancellation).run(error ? url : real);
 }
 
 std::int64_t availableCapacity(const Path& url) {

@@ -104,7 +104,7 @@ private:
     std::int64_t measure() {
         constexpr std::int64_t headRoom = 64 * mebibyte;
         progress_.report(0.05, "Calculating size…");
-        const std::int64_t bytes = tallies(folder_).bytes;
+        const std::int64_t bytes = tallies(folder_, progress_.cancellation()).bytes;
         const std::int64_t needed = addOrStop(bytes, headRoom);
         const std::int64_t available = availableCapacity(parent_);
         if (available >= 1 && available < needed)

@@ -24,13 +24,14 @@ public:
         : item_(std::move(item)), folder_(item_.parent_path() / item_.stem()),
           progress_(progress, cancellation) {}
 
-    void run(const Credential& credential) {
+    Path run(const Credential& credential) {
         checkItem();
         const MountInfo mountInfo = mountItem(credential);
         extract(mountInfo);
         eject(mountInfo);
         deleteItem();
         progress_.report(1.0, "Done. It's a normal folder again.");
+        return folder_;
     }
 
 private:
@@ -141,9 +142,9 @@ private:
 
 } // namespace
 
-void removePassword(const Path& locked, const Credential& credential,
+Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation) {
-    RemoveOperation(itemPath(locked), progress, cancellation).run(credential);
+    return RemoveOperation(itemPath(locked), progress, cancellation).run(credential);
 }
 
 } // namespace VaultEngine

@@ -108,8 +108,8 @@ void VaultViewModel::performRemove() {
     beginBusy(QStringLiteral("Preparing…"));
     perform(
         [remove, report = reporter()] {
-            VaultEngine::removePassword(remove->item, remove->credential, report);
-            remove->restored = itemPath(remove->item).replace_extension();
+            remove->restored =
+                VaultEngine::removePassword(remove->item, remove->credential, report);
         },
         [this, remove] { finishRemove(remove->restored); });
 }

@@ -152,13 +152,14 @@ void smart(const Arguments& arguments) {
 void remove(const Arguments& arguments) {
     const fs::path item = existingItem(arguments.operand);
     const Credential credential = askCredential(*secretSource(arguments), arguments, "Password");
+    fs::path restored;
     {
         ProgressDisplay display;
-        VaultEngine::removePassword(
+        restored = VaultEngine::removePassword(
             item, credential, [&](const Progress& progress) { display.show(progress); },
             &Interruption::cancellation());
     }
-    printResult({fs::path(item).replace_extension().native()});
+    printResult({restored.native()});
 }
 
 void change(const Arguments& arguments) {

@@ -1,3 +1,4 @@
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/VaultEngine.h"
 #include "tests/support/RecordingTools.h"
 
@@ -32,6 +33,15 @@ TEST(Tallies, OfOneFileAndOfNothing) {
     EXPECT_EQ(tallies(folder / "missing").count, 0);
     fs::create_directory(folder / "empty");
     EXPECT_EQ(tallies(folder / "empty").bytes, 0);
+}
+
+TEST(Tallies, StopWhenAsked) {
+    const TemporaryFolder folder;
+    fs::create_directory(folder / "empty");
+    Cancellation cancellation;
+    EXPECT_EQ(tallies(folder.path(), &cancellation).count, 0);
+    cancellation.request();
+    EXPECT_THROW(tallies(folder.path(), &cancellation), OperationCancelled);
 }
 
 TEST(VerifyTopLevel, NeedsEveryEntryAndNothingMore) {

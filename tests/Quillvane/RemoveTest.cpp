@@ -29,8 +29,8 @@ protected:
         writeFile(volume / "inner/deep", "deeper");
     }
 
-    void remove(const std::string& password = "right") {
-        VaultEngine::removePassword(
+    fs::path remove(const std::string& password = "right") {
+        return VaultEngine::removePassword(
             item, Credential::password(Secret(std::string_view(password))),
             [this](const Progress& report) {
                 reports.push_back(report);
@@ -66,7 +66,7 @@ protected:
 };
 
 TEST_F(RemoveTest, GivesTheFolderBackAndDeletesTheItem) {
-    remove();
+    EXPECT_EQ(remove(), docs);
     EXPECT_EQ(readFile(docs / "file"), "contents");
     EXPECT_EQ(readFile(docs / "inner/deep"), "deeper");
     EXPECT_EQ(std::distance(fs::directory_iterator(parent.path()), fs::directory_iterator()), 1);

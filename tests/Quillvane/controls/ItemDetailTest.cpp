@@ -2,6 +2,7 @@
 
 #include "ManualTasks.h"
 #include "Quillvane/FileUrl.h"
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/ThreadPriority.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -84,6 +85,18 @@ TEST_F(ItemDetailTest, anOlderCountThatEndsFirstIsDropped) {
     detail_->setUrl(folder("New", 1));
     tasks_.run(0);
     EXPECT_EQ(text(), "Calculating…");
+}
+
+TEST_F(ItemDetailTest, aCountThatNobodyWaitsForStops) {
+    const auto ended = [this] {
+        if (const std::exception_ptr error = tasks_.run(0)) std::rethrow_exception(error);
+    };
+    detail_->setUrl(folder("Docs", 1));
+    detail_->setUrl(folder("More", 1));
+    EXPECT_THROW(ended(), OperationCancelled);
+    EXPECT_EQ(text(), "Calculating…");
+    detail_.reset();
+    EXPECT_THROW(ended(), OperationCancelled);
 }
 
 TEST_F(ItemDetailTest, withoutAUrlThereIsNothingToTell) {

@@ -18,8 +18,8 @@ public:
     }
 
     std::size_t waiting() const { return waiting_.size(); }
-    /// Carries out one of the tasks that wait, on a thread of its own.
-    void run(std::size_t index) {
+    /// Carries out one of the tasks that wait, on a thread of its own, and returns what it threw.
+    std::exception_ptr run(std::size_t index) {
         auto [work, ending] = std::move(waiting_.at(index));
         waiting_.erase(waiting_.begin() + static_cast<std::ptrdiff_t>(index));
         std::exception_ptr error;
@@ -31,6 +31,7 @@ public:
             }
         }).join();
         ending(error);
+        return error;
     }
 
 private:
