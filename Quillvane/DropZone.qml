@@ -2,7 +2,6 @@ import QtQuick
 import QtQuick.Controls.Basic
 import QtQuick.Layouts
 import Quillvane
-import Quillvane
 
 // Where a folder, or a protected item, is chosen or dropped.
 //
@@ -29,7 +28,7 @@ AbstractButton {
     text: chosen ? item.name : prompt
     Accessible.role: Accessible.Button
     Accessible.name: text
-    Accessible.onPressAction: if (enabled) clicked()
+    Accessible.onPressAction: clicked()
     Accessible.description: chosen ? item.location + (detail && ", " + detail) : ""
     Keys.onReturnPressed: clicked()
     Keys.onEnterPressed: clicked()
@@ -61,7 +60,9 @@ AbstractButton {
                 color: zone.chosen || zone.hovered || zone.targeted ? Brand.text : Brand.textDim
                 font.pixelSize: Brand.bodySize
                 font.weight: zone.chosen ? Font.DemiBold : Font.Normal
-                elide: Text.ElideMiddle
+                // A name may be of any length, a prompt is to be read.
+                elide: zone.chosen ? Text.ElideMiddle : Text.ElideNone
+                wrapMode: zone.chosen ? Text.NoWrap : Text.WordWrap
                 textFormat: Text.PlainText
             }
             Text {

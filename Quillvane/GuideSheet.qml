@@ -50,27 +50,27 @@ Sheet {
     firstFocus: close
     onDismissed: shown = false
 
+    header: RowLayout {
+        width: parent.width
+
+        SheetHeader {
+            Layout.fillWidth: true
+            systemImage: "book.closed.fill"
+            title: "Guide"
+        }
+
+        IconButton {
+            id: close
+
+            systemImage: "xmark.circle.fill"
+            name: "Close"
+            onClicked: guide.dismissed()
+        }
+    }
+
     ColumnLayout {
         width: parent.width
         spacing: Brand.size(14)
-
-        RowLayout {
-            Layout.fillWidth: true
-
-            SheetHeader {
-                Layout.fillWidth: true
-                systemImage: "book.closed.fill"
-                title: "Guide"
-            }
-
-            IconButton {
-                id: close
-
-                systemImage: "xmark.circle.fill"
-                name: "Close"
-                onClicked: guide.dismissed()
-            }
-        }
 
         BodyText {
             Layout.fillWidth: true

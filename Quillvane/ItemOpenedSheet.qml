@@ -13,15 +13,15 @@ Sheet {
     firstFocus: unlock.firstField
     onDismissed: content.cancelDoubleClickOpen()
 
+    header: SheetHeader {
+        width: parent.width
+        systemImage: "lock.shield.fill"
+        title: "Open protected folder"
+    }
+
     ColumnLayout {
         width: parent.width
         spacing: Brand.size(14)
-
-        SheetHeader {
-            Layout.fillWidth: true
-            systemImage: "lock.shield.fill"
-            title: "Open protected folder"
-        }
 
         StatusRow {
             Layout.fillWidth: true
@@ -56,6 +56,7 @@ Sheet {
 
             GhostButton {
                 Layout.preferredWidth: Brand.size(140)
+                Layout.preferredHeight: Brand.controlHeight
                 title: "Cancel"
                 systemImage: "xmark"
                 onClicked: sheet.content.cancelDoubleClickOpen()

@@ -14,15 +14,15 @@ Sheet {
     dismissible: false
     firstFocus: copy
 
+    header: SheetHeader {
+        width: parent.width
+        systemImage: "key.horizontal.fill"
+        title: "Save your recovery key now"
+    }
+
     ColumnLayout {
         width: parent.width
         spacing: Brand.size(14)
-
-        SheetHeader {
-            Layout.fillWidth: true
-            systemImage: "key.horizontal.fill"
-            title: "Save your recovery key now"
-        }
 
         BodyText {
             Layout.fillWidth: true

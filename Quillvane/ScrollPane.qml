@@ -11,10 +11,12 @@ Flickable {
     readonly property int gutter: Brand.size(12)
     // Room for the focus rings of what stands at the edge.
     readonly property int ring: Brand.size(4)
+    // Room below the last of what it holds, through which it scrolls.
+    property int endSpace: 0
     default property alias column: content.data
 
     contentWidth: width
-    contentHeight: content.height + 2 * ring
+    contentHeight: content.height + 2 * ring + endSpace
     clip: true
     boundsBehavior: Flickable.StopAtBounds
     activeFocusOnTab: contentHeight > height
@@ -34,7 +36,18 @@ Flickable {
     ScrollBar.vertical: ScrollBar {
         id: bar
 
+        minimumSize: 0.1
+        padding: Brand.size(3)
         policy: pane.contentHeight > pane.height ? ScrollBar.AlwaysOn : ScrollBar.AlwaysOff
+        // The pane itself scrolls by the keys.
+        focusPolicy: Qt.NoFocus
+        Accessible.ignored: true
+
+        contentItem: Rectangle {
+            implicitWidth: Brand.size(6)
+            radius: width / 2
+            color: Brand.wash(Brand.textDim, bar.pressed ? 0.9 : bar.hovered ? 0.7 : 0.4)
+        }
     }
 
     Item {
@@ -61,5 +74,12 @@ Flickable {
         y: pane.ring
         width: pane.width - pane.ring - pane.gutter
         height: childrenRect.height
+
+        FocusRing {
+            parent: pane
+            visible: pane.activeFocus
+            anchors.margins: 0
+            radius: Brand.radiusSmall
+        }
     }
 }

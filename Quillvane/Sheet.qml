@@ -12,7 +12,11 @@ FocusScope {
     property int maximumHeight: 560
     // Where the keys go when it appears.
     property Item firstFocus: null
+    // What stays in view above what scrolls.
+    property alias header: head.data
     default property alias column: pane.column
+
+    readonly property int margin: Brand.size(20)
 
     signal dismissed
 
@@ -49,20 +53,39 @@ FocusScope {
 
     Rectangle {
         anchors.centerIn: parent
+        // As high as what it holds, if that fits.
+        readonly property int wantedHeight: pane.y + pane.contentHeight
+
         width: Math.min(Brand.size(sheet.sheetWidth), sheet.width - Brand.size(24))
-        height: Math.min(pane.contentHeight + 2 * (Brand.size(20) - pane.ring), Brand.size(sheet.maximumHeight), sheet.height - Brand.size(24))
+        height: Math.min(wantedHeight, Brand.size(sheet.maximumHeight), sheet.height - Brand.size(24))
         radius: Brand.size(12)
         color: Brand.surface
         border.color: Brand.border
 
+        Item {
+            id: head
+
+            anchors.left: parent.left
+            anchors.right: parent.right
+            anchors.top: parent.top
+            anchors.margins: sheet.margin
+            height: childrenRect.height
+        }
+
         ScrollPane {
             id: pane
 
-            anchors.fill: parent
-            anchors.margins: Brand.size(20) - ring
+            anchors.left: parent.left
+            anchors.right: parent.right
+            anchors.top: head.bottom
+            anchors.bottom: parent.bottom
+            anchors.leftMargin: sheet.margin - ring
             // The bar stands in the margin.
-            anchors.rightMargin: Brand.size(20) - gutter
-            name: sheet.name
+            anchors.rightMargin: sheet.margin - gutter
+            anchors.topMargin: (head.height > 0 ? Brand.size(14) : 0) - ring
+            endSpace: sheet.margin - ring
+            // The sheet has told it, unless the keys come here.
+            name: activeFocusOnTab ? sheet.name : ""
         }
     }
 }

@@ -18,7 +18,7 @@ Item {
 
         anchors.centerIn: parent
         width: Math.min(implicitWidth, parent.width)
-        spacing: Brand.spacingSmall
+        spacing: label.title !== "" ? Brand.spacingSmall : 0
 
         Symbol {
             name: label.systemImage

@@ -1,9 +1,38 @@
 #include "SystemPanels.h"
 
+#include <QApplication>
+#include <QPalette>
 #include <QStandardPaths>
 #include <QWindow>
 
 #include <utility>
+
+namespace {
+
+/// The window's colours (see Brand.qml), for a panel that the system leaves to Qt to draw.
+QPalette panelColors() {
+    const QColor text(0xE9ECF5);
+    const QColor dim(0x9AA1B8);
+    QPalette colors(QColor(0x262B3A), QColor(0x171A24));
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        colors.setColor(role, text);
+    for (const auto role : {QPalette::WindowText, QPalette::Text, QPalette::ButtonText})
+        colors.setColor(QPalette::Disabled, role, dim.darker(150));
+    colors.setColor(QPalette::Base, QColor(0x0F131C));
+    colors.setColor(QPalette::AlternateBase, QColor(0x171A24));
+    colors.setColor(QPalette::PlaceholderText, dim);
+    colors.setColor(QPalette::ToolTipBase, QColor(0x171A24));
+    colors.setColor(QPalette::ToolTipText, text);
+    colors.setColor(QPalette::Highlight, QColor(0x2FD98A));
+    colors.setColor(QPalette::HighlightedText, QColor(0x0E1017));
+    return colors;
+}
+
+} // namespace
+
+SystemPanels::SystemPanels() {
+    QApplication::setPalette(panelColors()); // lists that drop down have no other
+}
 
 SystemPanels::~SystemPanels() {
     delete open_;

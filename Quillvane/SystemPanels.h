@@ -11,6 +11,8 @@ class QWindow;
 /// open is dropped. Needs a QApplication. For the main thread.
 class SystemPanels : public FilePanels {
 public:
+    /// Gives what Qt draws itself the window's colours, in the whole program.
+    SystemPanels();
     ~SystemPanels() override;
 
     /// The window that panels stand before.

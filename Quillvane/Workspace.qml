@@ -53,17 +53,31 @@ FocusScope {
                     spacing: Brand.size(8)
 
                     GhostButton {
+                        id: guide
+
                         title: workspace.narrow ? "" : "Guide"
                         systemImage: "questionmark.circle"
                         Accessible.name: "Guide"
                         onClicked: workspace.guideRequested()
+
+                        HelpTip {
+                            text: "Guide"
+                            visible: workspace.narrow && (guide.hovered || guide.visualFocus)
+                        }
                     }
 
                     GhostButton {
+                        id: about
+
                         title: workspace.narrow ? "" : "About Quillvane"
                         systemImage: "info.circle"
                         Accessible.name: "About Quillvane"
                         onClicked: workspace.aboutRequested()
+
+                        HelpTip {
+                            text: "About Quillvane"
+                            visible: workspace.narrow && (about.hovered || about.visualFocus)
+                        }
                     }
                 }
             }
@@ -82,6 +96,9 @@ FocusScope {
             Layout.rightMargin: -gutter
             Layout.leftMargin: -ring
             Layout.topMargin: -ring
+            // With nothing below, it scrolls through the margin.
+            Layout.bottomMargin: messages.visible ? 0 : -endSpace
+            endSpace: messages.visible ? 0 : Brand.size(18)
             name: workspace.texts.title
 
             Loader {
@@ -92,6 +109,8 @@ FocusScope {
         }
 
         StatusArea {
+            id: messages
+
             Layout.fillWidth: true
             errorMessage: workspace.content.errorMessage
             successMessage: workspace.content.successMessage
