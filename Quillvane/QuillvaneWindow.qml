@@ -24,6 +24,8 @@ ApplicationWindow {
 
     onClosing: close => {
         close.accepted = window.content.mayClose;
+        if (!close.accepted)
+            refusal.open();
     }
 
     RootView {
@@ -35,5 +37,19 @@ ApplicationWindow {
         content: window.content
         terms: window.terms
         words: window.words
+    }
+
+    // Why the window stays.
+    HelpTip {
+        id: refusal
+
+        parent: root
+        x: (root.width - width) / 2
+        y: root.height - height - Brand.size(44)
+        delay: 0
+        timeout: 6000
+        padding: Brand.spacing
+        font.pixelSize: Brand.bodySize
+        text: window.content.busy ? "Quillvane can be closed as soon as this is done." : "Save your recovery key first. It is shown only now."
     }
 }

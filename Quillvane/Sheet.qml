@@ -12,13 +12,22 @@ FocusScope {
     property int maximumHeight: 560
     // Where the keys go when it appears.
     property Item firstFocus: null
+    // What had the keys, and gets them back.
+    property Item before: null
     // What stays in view above what scrolls.
     property alias header: head.data
     default property alias column: pane.column
 
     readonly property int margin: Brand.size(20)
+    // Assistive technology does not see what is beneath.
+    readonly property bool modal: true
 
     signal dismissed
+
+    onShownChanged: {
+        if (shown)
+            before = Window.activeFocusItem;
+    }
 
     function open() {
         shown = true;
@@ -28,14 +37,17 @@ FocusScope {
     enabled: shown
     Accessible.role: Accessible.Dialog
     Accessible.name: name
+    Keys.forwardTo: [pane]
     Keys.onEscapePressed: {
         if (dismissible)
             dismissed();
     }
 
-    onShownChanged: {
-        if (shown)
+    onEnabledChanged: {
+        if (enabled)
             (firstFocus ?? sheet).forceActiveFocus(Qt.TabFocusReason);
+        else if (before)
+            before.forceActiveFocus(Qt.TabFocusReason);
     }
 
     Rectangle {

@@ -14,6 +14,8 @@ VaultViewModel::VaultViewModel(BackgroundTasks& tasks, FilePanels& panels, QObje
     : QObject(parent), panels_(panels), scope_(tasks) {}
 
 VaultViewModel::~VaultViewModel() {
+    // Nobody waits for it any more: it undoes what it has done, if it still can.
+    if (cancellation_) cancellation_->request();
     blockSignals(true); // no binding is to look at an object that is going
     wipePasswords();
     wipeSmartForms();
@@ -73,9 +75,9 @@ void VaultViewModel::performLock() {
         Lock{filePath(lockFolderURL), secretOf(lockPassword), secretOf(lockConfirm), {}});
     beginBusy(QStringLiteral("Preparing…"));
     perform(
-        [lock, report = reporter()] {
+        [lock, report = reporter(), cancellation = cancellation_] {
             lock->result = VaultEngine::lock(lock->folder, lock->password, lock->confirm,
-                                             Filesystem::apfs, report);
+                                             Filesystem::apfs, report, cancellation.get());
         },
         [this, lock] { finishLock(lock->result); });
 }
@@ -107,9 +109,9 @@ void VaultViewModel::performRemove() {
         std::make_shared<Remove>(Remove{filePath(removeImageURL), removeCredential(), {}});
     beginBusy(QStringLiteral("Preparing…"));
     perform(
-        [remove, report = reporter()] {
-            remove->restored =
-                VaultEngine::removePassword(remove->item, remove->credential, report);
+        [remove, report = reporter(), cancellation = cancellation_] {
+            remove->restored = VaultEngine::removePassword(remove->item, remove->credential, report,
+                                                           cancellation.get());
         },
         [this, remove] { finishRemove(remove->restored); });
 }
@@ -253,6 +255,7 @@ void VaultViewModel::clearMessages() {
 void VaultViewModel::beginBusy(const QString& message) {
     clearMessages();
     isBusy = true;
+    cancellation_ = std::make_shared<Cancellation>();
     progressFraction.reset();
     statusMessage = message;
     emit stateChanged();

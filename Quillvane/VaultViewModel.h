@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Cancellation.h"
 #include "Credential.h"
 #include "FilePanels.h"
 #include "TaskScope.h"
@@ -12,6 +13,7 @@
 #include <exception>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 
 /// The fields and actions of the main window, but for Smart Folders, whose form fields alone are
@@ -149,5 +151,7 @@ private:
     ProgressCallback reporter();
 
     FilePanels& panels_;
+    /// Asked to stop when the object goes while an operation runs.
+    std::shared_ptr<Cancellation> cancellation_;
     TaskScope scope_;
 };

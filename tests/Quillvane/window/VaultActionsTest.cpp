@@ -52,6 +52,18 @@ TEST_F(LockActionTest, ReportsFractionAndStep) {
     EXPECT_EQ(shown.back(), Status(-1, "Done. Your folder is now protected."));
 }
 
+TEST_F(LockActionTest, IsUndoneWhenTheWindowGoes) {
+    fillSecrets();
+    model->lockFolderURL = docsURL;
+    model->lockPassword = model->lockConfirm = "password";
+    model->performLock();
+    model.reset();
+    tasks.finish();
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(docs));
+    EXPECT_FALSE(fs::exists(parent / "My Docs.quillvane"));
+}
+
 TEST_F(LockActionTest, TheOperationRefusesBadPasswords) {
     lock("", "");
     expectError("Password can't be empty.");
@@ -158,6 +170,16 @@ TEST_F(RemoveActionTest, ReportsFractionAndStep) {
     EXPECT_EQ(shown.front(), Status(-1, "Preparing…"));
     EXPECT_THAT(shown, testing::Contains(Status(0.15, "Opening the item…")));
     EXPECT_EQ(shown.back(), Status(-1, "Done. It's a normal folder again."));
+}
+
+TEST_F(RemoveActionTest, IsUndoneWhenTheWindowGoes) {
+    model->removeImageURL = itemURL;
+    model->removePassword = "right";
+    model->performRemove();
+    model.reset();
+    tasks.finish();
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(item));
 }
 
 TEST_F(RemoveActionTest, PassesTheRecoveryKeyOnWhenAskedTo) {
