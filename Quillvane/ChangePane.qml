@@ -30,6 +30,7 @@ ColumnLayout {
 
     UnlockFields {
         Layout.fillWidth: true
+        name: "Current password or recovery key"
         password: pane.vm.changeCurrentPassword
         useRecovery: pane.vm.changeUseRecovery
         recoveryKey: pane.vm.changeRecoveryKey

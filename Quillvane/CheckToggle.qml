@@ -12,12 +12,10 @@ CheckBox {
     opacity: enabled ? 1 : Brand.disabledOpacity
     Accessible.role: Accessible.CheckBox
     Accessible.name: text
-    Accessible.onToggleAction: activate()
-    Accessible.onPressAction: activate()
-
-    // As the user does it.
-    function activate() {
-        if (!enabled) return;
+    Accessible.checkable: true
+    Accessible.checked: checked
+    Accessible.onToggleAction: {
+        // As the user does it.
         toggle();
         toggled();
     }

@@ -24,7 +24,7 @@ AbstractButton {
     opacity: enabled ? 1 : Brand.disabledOpacity
     Accessible.role: Accessible.Button
     Accessible.name: title
-    Accessible.onPressAction: if (enabled) clicked()
+    Accessible.onPressAction: clicked()
     Keys.onReturnPressed: clicked()
     Keys.onEnterPressed: clicked()
 

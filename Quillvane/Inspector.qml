@@ -9,9 +9,6 @@ Item {
     required property int mode
     required property SystemWords words
 
-    Accessible.role: Accessible.Pane
-    Accessible.name: "How it works"
-
     ScrollPane {
         anchors.fill: parent
         anchors.margins: Brand.size(16)

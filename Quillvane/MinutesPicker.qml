@@ -16,6 +16,8 @@ ComboBox {
     displayText: minutes + " min"
     Accessible.role: Accessible.ComboBox
     Accessible.name: "Auto-close after"
+    Accessible.description: popup.visible && highlightedIndex >= 0 ? textAt(highlightedIndex) + " min" : displayText
+    Accessible.onPressAction: popup.open()
     onActivated: index => picker.picked(model[index])
 
     background: Rectangle {
@@ -50,6 +52,9 @@ ComboBox {
         width: picker.width // qmllint disable unqualified
         highlighted: picker.highlightedIndex === index // qmllint disable unqualified
         Accessible.name: text
+        Accessible.selectable: true
+        Accessible.selected: highlighted
+        Accessible.onPressAction: clicked()
         text: modelData + " min"
 
         background: Rectangle {

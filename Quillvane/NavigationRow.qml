@@ -9,15 +9,18 @@ AbstractButton {
     required property string title
     required property string systemImage
     property bool selected: false
+    // The toolkit would make it a button again.
+    readonly property int accessibleRole: Accessible.PageTab
 
     implicitHeight: Brand.size(34)
     leftPadding: Brand.size(10)
     rightPadding: Brand.size(10)
     focusPolicy: Qt.StrongFocus
-    Accessible.role: Accessible.PageTab
+    Accessible.role: accessibleRole
     Accessible.name: title
     Accessible.selectable: true
     Accessible.selected: selected
+    Accessible.onPressAction: clicked()
     Keys.onReturnPressed: clicked()
     Keys.onEnterPressed: clicked()
     Keys.onUpPressed: nextItemInFocusChain(false).forceActiveFocus(Qt.BacktabFocusReason)

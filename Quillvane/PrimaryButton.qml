@@ -18,7 +18,7 @@ AbstractButton {
     verticalPadding: Brand.spacingSmall
     Accessible.role: Accessible.Button
     Accessible.name: title
-    Accessible.onPressAction: if (enabled) clicked()
+    Accessible.onPressAction: clicked()
     Keys.onReturnPressed: clicked()
     Keys.onEnterPressed: clicked()
 

@@ -5,6 +5,10 @@ Rectangle {
     id: mark
 
     required property double fraction
+    // As assistive technology reads it.
+    readonly property var value: fraction < 0 ? undefined : 100 * Math.min(fraction, 1)
+    readonly property int minimumValue: 0
+    readonly property int maximumValue: 100
 
     implicitWidth: Brand.size(72)
     implicitHeight: Brand.size(6)
@@ -12,7 +16,7 @@ Rectangle {
     color: Brand.border
     clip: true
     Accessible.role: Accessible.ProgressBar
-    Accessible.name: fraction < 0 ? "Working" : Math.round(fraction * 100) + "%"
+    Accessible.name: "Progress"
 
     Rectangle {
         id: filled

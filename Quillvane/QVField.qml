@@ -1,7 +1,6 @@
 import QtQuick
 import QtQuick.Controls.Basic
 import Quillvane
-import Quillvane
 
 // A line of text to type; a secure one is masked until its eye is pressed.
 //
@@ -17,6 +16,8 @@ FocusScope {
     property bool mono: false
     property bool reveal: false
     readonly property bool focused: field.activeFocus
+    // What is typed into; the focus of the whole may be on its eye.
+    readonly property Item line: field
     readonly property bool secure: kind === QVField.Secure
 
     signal edited(string newText)
@@ -62,7 +63,14 @@ FocusScope {
             border.color: field.activeFocus ? Brand.accent
                                             : field.hovered ? Brand.textDim : Brand.border
         }
-        onTextEdited: root.edited(text)
+        onTextEdited: {
+            // What is pasted may end a line: that would be part of the password, unseen.
+            for (let i = length - 1; i >= 0; --i) {
+                if (/[\n\v\f\r\u0085\u2028\u2029]/.test(text[i]))
+                    remove(i, i + 1);
+            }
+            root.edited(text);
+        }
         onTextChanged: if (text === "") root.reveal = false
         onAccepted: root.submitted()
     }
@@ -81,7 +89,8 @@ FocusScope {
         text: root.reveal ? "Hide password" : "Show password"
         Accessible.role: Accessible.Button
         Accessible.name: text
-        Accessible.onPressAction: if (enabled) clicked()
+        Accessible.description: root.placeholder
+        Accessible.onPressAction: clicked()
         Keys.onReturnPressed: clicked()
         Keys.onEnterPressed: clicked()
         onClicked: root.reveal = !root.reveal

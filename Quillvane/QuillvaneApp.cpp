@@ -1,3 +1,4 @@
+#include "Quillvane/Accessibility.h"
 #include "Quillvane/AppDelegate.h"
 #include "Quillvane/ApplicationArguments.h"
 #include "Quillvane/ApplicationInstance.h"
@@ -14,7 +15,6 @@
 #include "Quillvane/SystemWords.h"
 #include "Quillvane/TerminationSignals.h"
 #include "Quillvane/TermsOfUse.h"
-#include "Quillvane/TextInputAccess.h"
 #include "Quillvane/ThreadTasks.h"
 #include "Quillvane/VaultViewModel.h"
 
@@ -56,8 +56,8 @@ int runWindow(const QUrl& mainFile, ApplicationInstance& instance) {
     SystemPanels panels;
     SystemWords words;
     TermsOfUse terms(*preferences);
+    VaultViewModel viewModel(tasks, panels); // stops what it does before the manager waits for it
     SmartFolderManager smart(*events, tasks, clock, store);
-    VaultViewModel viewModel(tasks, panels);
     ContentModel content(viewModel, smart, OpenRouter::shared(), panels, tasks);
     ItemDetail::setTasks(tasks);
 
@@ -104,7 +104,7 @@ int main(int argc, char* argv[]) {
     if (!qEnvironmentVariableIsSet("QT_QUICK_BACKEND"))
         QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
     const QApplication application(argc, argv);
-    TextInputAccess::install();
+    Accessibility::install();
     QApplication::setApplicationDisplayName(QStringLiteral("Quillvane"));
     QApplication::setDesktopFileName(QStringLiteral("org.quillvane.Quillvane"));
     try {

@@ -9,9 +9,6 @@ FocusScope {
 
     signal selected(int mode)
 
-    Accessible.role: Accessible.Pane
-    Accessible.name: "Modes"
-
     ColumnLayout {
         anchors.fill: parent
         anchors.margins: Brand.size(12)
@@ -54,19 +51,26 @@ FocusScope {
             }
         }
 
-        Repeater {
-            model: Modes.all
+        ColumnLayout {
+            Layout.fillWidth: true
+            spacing: Brand.size(4)
+            Accessible.role: Accessible.PageTabList
+            Accessible.name: "Modes"
 
-            NavigationRow {
-                required property var modelData
-                required property int index
+            Repeater {
+                model: Modes.all
 
-                Layout.fillWidth: true
-                focus: index === sidebar.mode // qmllint disable unqualified
-                title: modelData.name
-                systemImage: modelData.symbol
-                selected: index === sidebar.mode // qmllint disable unqualified
-                onClicked: sidebar.selected(index) // qmllint disable unqualified
+                NavigationRow {
+                    required property var modelData
+                    required property int index
+
+                    Layout.fillWidth: true
+                    focus: index === sidebar.mode // qmllint disable unqualified
+                    title: modelData.name
+                    systemImage: modelData.symbol
+                    selected: index === sidebar.mode // qmllint disable unqualified
+                    onClicked: sidebar.selected(index) // qmllint disable unqualified
+                }
             }
         }
 

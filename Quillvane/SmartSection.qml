@@ -9,6 +9,8 @@ Surface {
     required property string systemImage
     default property alias rows: column.data
 
+    name: title
+
     ColumnLayout {
         id: column
 

@@ -14,20 +14,18 @@ ColumnLayout {
     StatusRow {
         Layout.fillWidth: true
         visible: area.errorMessage !== ""
+        alert: true
         systemImage: "exclamationmark.triangle.fill"
         symbolColor: Brand.error
         text: area.errorMessage
-        Accessible.role: Accessible.AlertMessage
-        Accessible.name: text
     }
 
     StatusRow {
         Layout.fillWidth: true
         visible: area.successMessage !== ""
+        alert: true
         systemImage: "checkmark.circle.fill"
         symbolColor: Brand.accent
         text: area.successMessage
-        Accessible.role: Accessible.AlertMessage
-        Accessible.name: text
     }
 }

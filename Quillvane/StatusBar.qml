@@ -28,7 +28,8 @@ Item {
 
         FootnoteText {
             Layout.fillWidth: true
-            text: bar.busy ? bar.message : "Ready"
+            text: bar.Accessible.name
+            Accessible.ignored: true
         }
 
         Symbol {

@@ -7,6 +7,8 @@ RowLayout {
 
     required property string systemImage
     required property string text
+    // Whether it is news that assistive technology tells at once.
+    property bool alert: false
     property color symbolColor: Brand.textDim
     property color textColor: Brand.text
 
@@ -24,5 +26,6 @@ RowLayout {
         Layout.fillWidth: true
         text: row.text
         color: row.textColor
+        Accessible.role: row.alert ? Accessible.AlertMessage : Accessible.StaticText
     }
 }

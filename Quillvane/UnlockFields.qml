@@ -7,12 +7,14 @@ import QtQuick.Layouts
 ColumnLayout {
     id: root
 
+    // What they unlock, where that is not plain from what they are in.
+    property string name: ""
     property alias password: passwordField.text
     property alias useRecovery: toggle.checked
     property alias recoveryKey: recoveryKeyField.text
     property bool disabled: false
     // Where typing begins.
-    readonly property Item firstField: useRecovery ? recoveryKeyField : passwordField
+    readonly property Item firstField: useRecovery ? recoveryKeyField.line : passwordField.line
 
     signal passwordEdited(string newText)
     signal useRecoveryEdited(bool newValue)
@@ -21,6 +23,9 @@ ColumnLayout {
 
     enabled: !disabled
     spacing: Brand.size(8)
+    Accessible.role: Accessible.Grouping
+    Accessible.name: name
+    Accessible.ignored: name === ""
 
     QVField {
         id: passwordField

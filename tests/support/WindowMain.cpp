@@ -1,4 +1,4 @@
-#include "Quillvane/TextInputAccess.h"
+#include "Quillvane/Accessibility.h"
 
 #include <QApplication>
 
@@ -29,6 +29,6 @@ int main(int argc, char* argv[]) {
     qputenv("QT_QUICK_BACKEND", "software");
     qml_register_types_Quillvane();
     const QApplication application(argc, argv);
-    TextInputAccess::install();
+    Accessibility::install();
     return RUN_ALL_TESTS();
 }
