@@ -32,12 +32,17 @@ ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart,
     connect(&smart, &SmartFolderManager::isBusyChanged, this, [this] {
         if (!smart_.isBusy()) viewModel_.wipeSmartForms();
     });
+    connect(&viewModel, &VaultViewModel::stateChanged, this, &ContentModel::takeRecoveryKey);
     connect(&smart, &SmartFolderManager::recoveryKeyToShowChanged, this,
             &ContentModel::takeRecoveryKey);
-    connect(&router, &OpenRouter::pendingContainerChanged, this, &ContentModel::pendingNameChanged);
+    connect(&router, &OpenRouter::pendingContainerChanged, this, [this] {
+        wipeSheet(); // it was typed for another item
+        emit pendingNameChanged();
+    });
 }
 
 ContentModel::~ContentModel() {
+    blockSignals(true); // no binding is to look at an object that is going
     wipeSheet();
 }
 
@@ -105,19 +110,24 @@ bool ContentModel::mayClose() const {
 void ContentModel::selectMode(Mode mode) {
     viewModel_.mode = mode;
     emit viewModel_.formChanged();
+    const QString step = viewModel_.isBusy ? viewModel_.statusMessage : QString();
     viewModel_.clearMessages();
+    viewModel_.statusMessage = step; // it still runs
+    emit viewModel_.stateChanged();
 }
 
 void ContentModel::createSmartFolder() {
-    if (viewModel_.smartCreateFolderURL.isEmpty()) return;
-    smart_.createSmartFolder(filePath(viewModel_.smartCreateFolderURL),
-                             secretOf(viewModel_.smartCreatePassword),
+    const std::filesystem::path folder = filePath(viewModel_.smartCreateFolderURL);
+    if (folder.empty()) return;
+    smart_.createSmartFolder(folder, secretOf(viewModel_.smartCreatePassword),
                              secretOf(viewModel_.smartCreateConfirm));
 }
 
 void ContentModel::activateSmartFolder() {
-    if (viewModel_.smartActivateURL.isEmpty()) return;
-    smart_.activate(filePath(viewModel_.smartActivateURL), viewModel_.smartActivateCredential());
+    const std::filesystem::path item = filePath(viewModel_.smartActivateURL);
+    if (item.empty()) return;
+    smart_.activate(item, viewModel_.smartActivateCredential());
+    if (!smart_.isBusy()) viewModel_.wipeSmartForms(); // it was refused at once
 }
 
 std::optional<SmartFolderManager::Active> ContentModel::entry(const QString& id) const {
@@ -153,25 +163,30 @@ void ContentModel::confirmDoubleClickOpen() {
 
 void ContentModel::cancelDoubleClickOpen() {
     wipeSheet();
-    emit sheetChanged();
     router_.setPendingContainer({});
 }
 
 void ContentModel::wipeSheet() {
+    if (doubleClickPassword.isEmpty() && doubleClickRecoveryKey.isEmpty()) return;
     wipeText(doubleClickPassword);
     wipeText(doubleClickRecoveryKey);
+    emit sheetChanged();
 }
 
 void ContentModel::takeRecoveryKey() {
-    if (!smart_.recoveryKeyToShow()) return;
+    // One after the other: a key that is shown must not turn into another.
+    if (!smart_.recoveryKeyToShow() || !viewModel_.recoveryKeyToShow.isEmpty()) return;
     viewModel_.recoveryKeyToShow = textOf(*smart_.recoveryKeyToShow());
-    emit viewModel_.stateChanged();
     smart_.clearRecoveryKeyToShow();
+    viewModel_.smartCreateFolderURL.clear(); // it is an item now
+    emit viewModel_.formChanged();
+    emit viewModel_.stateChanged();
 }
 
 void ContentModel::copyRecoveryKey() {
     auto* const data = new QMimeData; // the clipboard's from here on
-    data->setText(viewModel_.recoveryKeyToShow);
+    const QString& key = viewModel_.recoveryKeyToShow;
+    data->setText(QString(key.constData(), key.size())); // characters of its own: ours are wiped
     data->setData(QStringLiteral("x-kde-passwordManagerHint"), "secret");
     data->setData(QStringLiteral("org.nspasteboard.ConcealedType"), "");
     QGuiApplication::clipboard()->setMimeData(data);

@@ -15,6 +15,9 @@ FocusScope {
     // Sheets keep the window beneath from being used.
     readonly property bool sheetShown: guide.shown || about.shown || recoveryKey.shown || itemOpened.shown
 
+    // These come by themselves, before a sheet that the user asked for.
+    readonly property bool interrupted: recoveryKey.shown || itemOpened.shown
+
     ColumnLayout {
         anchors.fill: parent
         spacing: 0
@@ -91,12 +94,14 @@ FocusScope {
     GuideSheet {
         id: guide
         anchors.fill: parent
+        enabled: shown && !view.interrupted
         words: view.words
     }
 
     AboutSheet {
         id: about
         anchors.fill: parent
+        enabled: shown && !view.interrupted
         version: view.content.appVersion
         technology: view.words.technology
     }

@@ -59,7 +59,10 @@ int runWindow(const QUrl& mainFile, ApplicationInstance& instance) {
     VaultViewModel viewModel(tasks, panels); // stops what it does before the manager waits for it
     SmartFolderManager smart(*events, tasks, clock, store);
     ContentModel content(viewModel, smart, OpenRouter::shared(), panels, tasks);
-    ItemDetail::setTasks(tasks);
+    QObject::connect(events.get(), &SystemEvents::volumeUnmounted, &viewModel,
+                     &VaultViewModel::volumeUnmounted);
+    ThreadTasks counting; // nothing waits for it
+    ItemDetail::setTasks(counting);
 
     qml_register_types_Quillvane();
     QQmlApplicationEngine engine;

@@ -16,11 +16,21 @@ ApplicationWindow {
     title: "Quillvane"
     visible: true
     color: Brand.bg
-    width: root.implicitWidth
-    height: root.implicitHeight
+    // It grows when the terms are accepted, and stays as the user made it where that is larger.
+    width: terms.accepted ? Math.max(root.implicitWidth, before.width) : root.implicitWidth
+    height: terms.accepted ? Math.max(root.implicitHeight, before.height) : root.implicitHeight
     minimumWidth: root.minimumWidth
     minimumHeight: root.minimumHeight
     font.pixelSize: Brand.bodySize
+
+    property size before: Qt.size(0, 0)
+    onWidthChanged: noteSize()
+    onHeightChanged: noteSize()
+
+    function noteSize() {
+        if (!terms.accepted)
+            before = Qt.size(width, height);
+    }
 
     onClosing: close => {
         close.accepted = window.content.mayClose;

@@ -12,7 +12,8 @@ Sheet {
     name: "Save your recovery key now"
     shown: recoveryKey !== ""
     dismissible: false
-    firstFocus: copy
+    // Not a button: a second Return would press it.
+    firstFocus: key
 
     header: SheetHeader {
         width: parent.width
@@ -55,6 +56,12 @@ Sheet {
                 readOnly: true
                 selectByMouse: true
                 activeFocusOnTab: true
+                Keys.onPressed: event => {
+                    // As the button does it, which marks it as a secret.
+                    event.accepted = event.matches(StandardKey.Copy);
+                    if (event.accepted)
+                        sheet.content.copyRecoveryKey();
+                }
                 Accessible.role: Accessible.EditableText
                 Accessible.name: "Recovery key"
                 Accessible.readOnly: true
@@ -66,8 +73,6 @@ Sheet {
             spacing: Brand.size(8)
 
             GhostButton {
-                id: copy
-
                 title: sheet.content.copied ? "Copied" : "Copy key"
                 systemImage: sheet.content.copied ? "checkmark" : "doc.on.doc"
                 onClicked: sheet.content.copyRecoveryKey()

@@ -19,7 +19,10 @@ QString textOf(const Secret& secret) {
 }
 
 void wipeText(QString& text) {
-    if (!text.isEmpty() && text.isDetached())
-        OPENSSL_cleanse(text.data(), static_cast<std::size_t>(text.size()) * sizeof(QChar));
+    // In place: the window's fields and their bindings share the characters, and forget them later.
+    // A text without a header of its own is a constant of the program.
+    if (!text.isEmpty() && text.data_ptr().d_ptr() != nullptr)
+        OPENSSL_cleanse(const_cast<QChar*>(text.constData()),
+                        static_cast<std::size_t>(text.size()) * sizeof(QChar));
     text.clear();
 }

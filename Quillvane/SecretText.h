@@ -10,5 +10,5 @@
 /// The text's UTF-8 bytes.
 Secret secretOf(const QString& text);
 QString textOf(const Secret& secret);
-/// Empties the text and overwrites its characters, unless they are shared with another string.
+/// Empties the text and overwrites its characters, also in strings that share them.
 void wipeText(QString& text);

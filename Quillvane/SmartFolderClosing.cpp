@@ -77,22 +77,22 @@ void SmartFolderManager::attemptClose(const Active& asked, bool automatic,
                 if (error)
                     closeFailed(entry, automatic, error);
                 else
-                    closed(entry);
+                    closed(entry, automatic);
                 endMove();
             });
 }
 
-void SmartFolderManager::closed(const Active& entry) {
+void SmartFolderManager::closed(const Active& entry, bool automatic) {
     remove(entry.id);
-    endBusy();
+    endBusy(automatic);
     setSuccessMessage("\"" + QString::fromStdString(entry.name) + "\" closed and encrypted.");
 }
 
 void SmartFolderManager::closeFailed(const Active& entry, bool automatic,
                                      const std::exception_ptr& error) {
-    if (!isDetachBusy(error)) return fail(error);
+    if (!isDetachBusy(error)) return fail(error, automatic);
     resetIdle(entry.id);
-    endBusy();
+    endBusy(automatic);
     if (!automatic)
         setErrorMessage(QStringLiteral(
             "The folder is in use (open files): it will close automatically once it's free."));

@@ -186,17 +186,20 @@ void SmartFolderManager::remove(const std::string& id) {
 void SmartFolderManager::beginBusy(const QString& message) {
     setErrorMessage({});
     setSuccessMessage({});
+    ++requested_;
     setBusy(true);
     setStatusMessage(message);
 }
 
-void SmartFolderManager::endBusy() {
+void SmartFolderManager::endBusy(bool automatic) {
+    if (!automatic) --requested_;
+    if (requested_ > 0) return;
     setBusy(false);
     setStatusMessage({});
 }
 
-void SmartFolderManager::fail(const std::exception_ptr& error) {
-    endBusy();
+void SmartFolderManager::fail(const std::exception_ptr& error, bool automatic) {
+    endBusy(automatic);
     setErrorMessage(textOf(error));
 }
 

@@ -111,15 +111,17 @@ private:
     void remove(const std::string& id);
 
     void beginBusy(const QString& message);
-    void endBusy();
-    void fail(const std::exception_ptr& error);
+    /// Ends what `beginBusy` began, or what ran silently when `automatic`: others that the user
+    /// asked for may still be under way.
+    void endBusy(bool automatic = false);
+    void fail(const std::exception_ptr& error, bool automatic = false);
     /// Runs `work` in the background and then, unless the manager is gone, `ending` with what it
     /// threw, or null.
     void offMain(BackgroundTasks::Work work, BackgroundTasks::Ending ending);
 
     void append(Active entry);
     void opened(const VaultEngine::SmartMount& mount);
-    void closed(const Active& entry);
+    void closed(const Active& entry, bool automatic);
     void closeFailed(const Active& entry, bool automatic, const std::exception_ptr& error);
     /// Tells that an opening or closing has ended, and the system when there is none left that it
     /// should wait for.
@@ -139,6 +141,7 @@ private:
     SmartFolderList active_;
     int timeoutMinutes_ = 5;
     bool isBusy_ = false;
+    int requested_ = 0; ///< operations under way that the user asked for
     QString statusMessage_;
     QString errorMessage_;
     QString successMessage_;

@@ -43,6 +43,7 @@ Flow {
         GhostButton {
             title: "Show"
             systemImage: "folder"
+            disabled: row.disabled
             Accessible.name: "Show " + row.name
             onClicked: row.showRequested()
         }

@@ -72,6 +72,7 @@ void SystemPanels::chooseTextFileToSave(const QString& title, const QString& pro
 QFileDialog* SystemPanels::make(const QString& title) {
     if (open_) return nullptr;
     open_ = new QFileDialog(nullptr, title, QDir::homePath());
+    open_->setSupportedSchemes({QStringLiteral("file")}); // no places that only look like folders
     return open_;
 }
 

@@ -3,19 +3,24 @@
 #include "ErrorText.h"
 #include "FileUrl.h"
 #include "ItemPath.h"
+#include "Platform.h"
 #include "SecretText.h"
+#include "VaultError.h"
 
+#include <QCoreApplication>
 #include <QPointer>
 
 #include <memory>
 #include <utility>
 
 VaultViewModel::VaultViewModel(BackgroundTasks& tasks, FilePanels& panels, QObject* parent)
-    : QObject(parent), panels_(panels), scope_(tasks) {}
+    : QObject(parent), panels_(panels), scope_(tasks) {
+    connect(QCoreApplication::instance(), &QCoreApplication::aboutToQuit, this,
+            &VaultViewModel::undoOperation);
+}
 
 VaultViewModel::~VaultViewModel() {
-    // Nobody waits for it any more: it undoes what it has done, if it still can.
-    if (cancellation_) cancellation_->request();
+    undoOperation();
     blockSignals(true); // no binding is to look at an object that is going
     wipePasswords();
     wipeSmartForms();
@@ -88,14 +93,27 @@ void VaultViewModel::performOpen() {
         std::filesystem::path image;
         Credential credential;
         VaultEngine::OpenResult result;
+        std::optional<std::string> elsewhere;
     };
-    const auto open = std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}});
+    const auto open =
+        std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}, std::nullopt});
     beginBusy(QStringLiteral("Opening…"));
     perform(
         [open, report = reporter()] {
-            open->result = VaultEngine::open(open->image, open->credential, report);
+            try {
+                open->result = VaultEngine::open(open->image, open->credential, report);
+            } catch (const VaultError& error) {
+                if (error.kind() != VaultError::Case::attachFailed) throw;
+                open->elsewhere = Platform::mountPointOfImage(open->image);
+                if (!open->elsewhere) throw;
+            }
         },
-        [this, open] { finishOpen(open->result); });
+        [this, open] {
+            if (open->elsewhere)
+                finishOpenElsewhere(open->image, *open->elsewhere);
+            else
+                finishOpen(open->result);
+        });
 }
 
 void VaultViewModel::performRemove() {
@@ -161,7 +179,7 @@ void VaultViewModel::eject(const MountInfo& mountInfo) {
             VaultEngine::detach(mountInfo);
             report({1.0, "Closed."});
         },
-        [this] { finishClose(); });
+        [this, mountInfo] { finishClose(mountInfo.mountPoint); });
 }
 
 void VaultViewModel::perform(BackgroundTasks::Work work, std::function<void()> finish) {
@@ -196,9 +214,44 @@ void VaultViewModel::finishLock(const VaultEngine::LockResult& result) {
 void VaultViewModel::finishOpen(const VaultEngine::OpenResult& result) {
     wipePasswords();
     endBusy();
-    openMountInfo = result.mountInfo;
-    openedMountPoint = QString::fromStdString(result.mountPoint);
+    remember(result.mountInfo);
     successMessage = QStringLiteral("Opened. Work in the folder, then eject it to lock it again.");
+    emit stateChanged();
+}
+
+void VaultViewModel::finishOpenElsewhere(const std::filesystem::path& item,
+                                         const std::string& mountPoint) {
+    wipePasswords();
+    endBusy();
+    statusMessage.clear();
+    const std::filesystem::path folder = itemPath(item).replace_extension();
+    // A Smart Folder is its manager's to close; any other is shown, with the button that closes it.
+    if (mountPoint != folder) remember({std::nullopt, mountPoint});
+    errorMessage = '"' + QString::fromStdString(folder.filename().string()) + "\" is already open.";
+    emit stateChanged();
+}
+
+void VaultViewModel::remember(const MountInfo& mountInfo) {
+    if (openMountInfo && openMountInfo->mountPoint != mountInfo.mountPoint)
+        openedBefore_.push_back(*openMountInfo);
+    openMountInfo = mountInfo;
+    openedMountPoint = QString::fromStdString(mountInfo.mountPoint);
+}
+
+void VaultViewModel::forget(const std::string& mountPoint) {
+    std::erase_if(openedBefore_,
+                  [&](const MountInfo& opened) { return opened.mountPoint == mountPoint; });
+    if (openedMountPoint != QString::fromStdString(mountPoint)) return;
+    openMountInfo.reset();
+    openedMountPoint.clear();
+    if (openedBefore_.empty()) return;
+    remember(openedBefore_.back());
+    openedBefore_.pop_back();
+}
+
+void VaultViewModel::volumeUnmounted(const std::filesystem::path& mountPoint) {
+    if (isBusy) return; // a close that is under way tells how it ended
+    forget(mountPoint.string());
     emit stateChanged();
 }
 
@@ -223,10 +276,9 @@ void VaultViewModel::finishChange() {
     emit stateChanged();
 }
 
-void VaultViewModel::finishClose() {
+void VaultViewModel::finishClose(const std::string& mountPoint) {
     endBusy();
-    openedMountPoint.clear();
-    openMountInfo.reset();
+    forget(mountPoint);
     openImageURL.clear();
     successMessage = QStringLiteral("Locked and ejected.");
     emit formChanged();
@@ -259,6 +311,10 @@ void VaultViewModel::beginBusy(const QString& message) {
     progressFraction.reset();
     statusMessage = message;
     emit stateChanged();
+}
+
+void VaultViewModel::undoOperation() {
+    if (cancellation_) cancellation_->request();
 }
 
 void VaultViewModel::endBusy() {

@@ -15,6 +15,8 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
+#include <vector>
 
 /// The fields and actions of the main window, but for Smart Folders, whose form fields alone are
 /// here.
@@ -121,6 +123,9 @@ public:
     Q_INVOKABLE void dismissRecoveryKey();
     /// Wipes the secrets of both Smart Folder forms.
     Q_INVOKABLE void wipeSmartForms();
+    /// To be told of every volume that is not mounted any more: one of this window's may be ejected
+    /// by another program.
+    void volumeUnmounted(const std::filesystem::path& mountPoint);
     /// What the user typed to open a Smart Folder.
     Credential smartActivateCredential() const;
 
@@ -141,17 +146,26 @@ private:
     void perform(BackgroundTasks::Work work, std::function<void()> finish);
     void closeByMountPoint(const QString& path);
     void eject(const MountInfo& mountInfo);
+    /// Nobody will wait for the operation that runs: it undoes what it has done, if it still can.
+    void undoOperation();
     void endBusy();
     void finishLock(const VaultEngine::LockResult& result);
     void finishOpen(const VaultEngine::OpenResult& result);
+    /// The item that was to be opened was mounted already, there.
+    void finishOpenElsewhere(const std::filesystem::path& item, const std::string& mountPoint);
+    void remember(const MountInfo& mountInfo);
+    /// Turns to what was opened before, if it is the one that the window shows.
+    void forget(const std::string& mountPoint);
     void finishRemove(const std::filesystem::path& restored);
     void finishChange();
-    void finishClose();
+    void finishClose(const std::string& mountPoint);
     void finishWithError(const std::exception_ptr& error);
     ProgressCallback reporter();
 
     FilePanels& panels_;
-    /// Asked to stop when the object goes while an operation runs.
+    /// What this window opened before `openMountInfo` and has not closed.
+    std::vector<MountInfo> openedBefore_;
+    /// Asked to stop when the program ends, or the object goes, while an operation runs.
     std::shared_ptr<Cancellation> cancellation_;
     TaskScope scope_;
 };

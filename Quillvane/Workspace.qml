@@ -12,7 +12,7 @@ FocusScope {
     required property SystemWords words
 
     readonly property var texts: Modes.all[workspace.vm.mode]
-    // Where titles of buttons would leave no room for the mode's.
+    // Where the buttons leave no room for the mode's title beside them.
     readonly property bool narrow: width < Brand.size(480)
 
     signal guideRequested
@@ -29,14 +29,15 @@ FocusScope {
 
             Item {
                 Layout.fillWidth: true
-                implicitHeight: Math.max(title.implicitHeight, buttons.implicitHeight)
+                implicitHeight: title.y + Math.max(title.implicitHeight, buttons.implicitHeight)
 
                 Text {
                     id: title
 
                     anchors.left: parent.left
-                    anchors.right: buttons.left
-                    anchors.rightMargin: Brand.size(8)
+                    anchors.right: workspace.narrow ? parent.right : buttons.left
+                    anchors.rightMargin: workspace.narrow ? 0 : Brand.size(8)
+                    y: workspace.narrow ? buttons.height + Brand.size(8) : 0
                     text: workspace.texts.title
                     color: Brand.text
                     font.pixelSize: Brand.size(20)
@@ -53,31 +54,15 @@ FocusScope {
                     spacing: Brand.size(8)
 
                     GhostButton {
-                        id: guide
-
-                        title: workspace.narrow ? "" : "Guide"
+                        title: "Guide"
                         systemImage: "questionmark.circle"
-                        Accessible.name: "Guide"
                         onClicked: workspace.guideRequested()
-
-                        HelpTip {
-                            text: "Guide"
-                            visible: workspace.narrow && (guide.hovered || guide.visualFocus)
-                        }
                     }
 
                     GhostButton {
-                        id: about
-
-                        title: workspace.narrow ? "" : "About Quillvane"
+                        title: "About Quillvane"
                         systemImage: "info.circle"
-                        Accessible.name: "About Quillvane"
                         onClicked: workspace.aboutRequested()
-
-                        HelpTip {
-                            text: "About Quillvane"
-                            visible: workspace.narrow && (about.hovered || about.visualFocus)
-                        }
                     }
                 }
             }

@@ -1,6 +1,8 @@
 #include "ControlsWindow.h"
 
+#include <QClipboard>
 #include <QFontInfo>
+#include <QGuiApplication>
 #include <QInputMethodEvent>
 
 namespace {
@@ -53,6 +55,18 @@ TEST(FieldTest, whatIsTypedReachesTheFormAndTheOtherWayRound) {
     EXPECT_EQ(window.rootText("password"), "other!");
     window.view().rootObject()->setProperty("password", "");
     EXPECT_EQ(window.text("field"), "") << "wiping works after typing, too";
+}
+
+TEST(FieldTest, aPastedLineEndIsNoPartOfAPassword) {
+    ControlsWindow window(secureField);
+    for (const char* pasted : {"pass\n", " \r\nword\u2028", "\n"}) {
+        QGuiApplication::clipboard()->setText(pasted);
+        window.press(Qt::Key_V, Qt::ControlModifier);
+    }
+    EXPECT_EQ(window.rootText("password"), "pass word");
+    EXPECT_EQ(window.text("field"), "pass word");
+    window.view().rootObject()->setProperty("password", "");
+    EXPECT_EQ(window.text("field"), "") << "the binding lasts";
 }
 
 TEST(FieldTest, returnSubmits) {

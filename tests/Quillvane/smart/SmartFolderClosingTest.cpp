@@ -138,6 +138,22 @@ TEST_F(SmartFolderClosingTest, AScreenLockClosesAllAtOnce) {
     EXPECT_EQ(manager->successMessage(), "\"Second\" closed and encrypted.");
 }
 
+TEST_F(SmartFolderClosingTest, ClosingByItselfDoesNotEndWhatTheUserAskedFor) {
+    open(makeItem("Docs"));
+    fs::create_directory(folder / "Photos");
+    tools.play("hdiutil", "create", "for image; do :; done; printf image > \"$image\"");
+    manager->createSmartFolder(folder / "Photos", Secret("secret"), Secret("other"));
+    events.screenLocked();
+    ASSERT_EQ(tasks.started.size(), 2U);
+    std::swap(tasks.started[0], tasks.started[1]); // the folder is closed first
+    tasks.runNext();
+    EXPECT_THAT(manager->active(), IsEmpty());
+    EXPECT_TRUE(manager->isBusy());
+    tasks.finish();
+    EXPECT_FALSE(manager->isBusy());
+    EXPECT_EQ(manager->errorMessage(), "The two passwords don't match.");
+}
+
 TEST_F(SmartFolderClosingTest, AScreenLockWithNothingOpenSaysNothing) {
     emit events.screenLocked();
     EXPECT_EQ(manager->statusMessage(), "");

@@ -123,6 +123,13 @@ TEST_F(ContentModelTest, ANewModeClearsMessagesAndKeepsFields) {
     EXPECT_EQ(model->smartCreatePassword, "creation");
 }
 
+TEST_F(ContentModelTest, AnotherModeHidesNoRunningStep) {
+    model->lockFolderURL = docsURL;
+    model->performLock();
+    content.selectMode(Mode::open);
+    EXPECT_EQ(content.statusMessage(), "Preparing…");
+}
+
 TEST_F(ContentModelTest, TheVersionHasItsBuild) {
     EXPECT_THAT(content.appVersion().toStdString(),
                 testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+ \\([0-9]+\\)"));
@@ -164,6 +171,14 @@ TEST_F(ContentModelTest, AFinishedOperationWipesBothForms) {
         EXPECT_EQ(model->smartActivatePassword + model->smartActivateRecoveryKey, "");
         EXPECT_GE(forms.count(), 1);
     }
+}
+
+TEST_F(ContentModelTest, WhatIsRefusedAtOnceWipesBothForms) {
+    openInPlace();
+    model->smartActivatePassword = "secret";
+    content.activateSmartFolder();
+    EXPECT_NE(smart.errorMessage(), "") << "it is open already";
+    EXPECT_EQ(model->smartActivatePassword, "");
 }
 
 TEST_F(ContentModelTest, ClosesTheEntryAskedFor) {

@@ -102,6 +102,13 @@ TEST_F(ContentSheetsTest, AFailureIsToldBesideTheSmartFolders) {
     expectSheetGone();
 }
 
+TEST_F(ContentSheetsTest, WhatWasTypedForOneItemIsNotTriedOnAnother) {
+    offer();
+    router.setPendingContainer(docsURL);
+    EXPECT_EQ(content.doubleClickPassword + content.doubleClickRecoveryKey, "");
+    EXPECT_EQ(content.pendingName(), "My Docs");
+}
+
 TEST_F(ContentSheetsTest, CancellingOpensNothing) {
     offer();
     content.cancelDoubleClickOpen();
@@ -123,6 +130,36 @@ TEST_F(ContentSheetsTest, TheKeyOfASmartFolderIsShownOnce) {
     content.continueAfterRecoveryKey();
     EXPECT_EQ(model->recoveryKeyToShow, "");
     EXPECT_TRUE(content.mayClose());
+}
+
+TEST_F(ContentSheetsTest, AKeyThatIsShownDoesNotTurnIntoAnother) {
+    createInPlace();
+    showKey();
+    content.copied = true;
+    tasks.finish();
+    EXPECT_EQ(model->recoveryKeyToShow, "ABCD-EFGH");
+    EXPECT_TRUE(content.copied);
+    content.recoverySaved = true;
+    content.continueAfterRecoveryKey();
+    EXPECT_EQ(model->recoveryKeyToShow.size(), 39) << "now the other one";
+    EXPECT_FALSE(content.copied);
+    EXPECT_FALSE(content.recoverySaved);
+    EXPECT_FALSE(content.mayClose());
+}
+
+TEST_F(ContentSheetsTest, AnItemIsNoFolderToMakeSmartAnyMore) {
+    createInPlace();
+    EXPECT_EQ(model->smartCreateFolderURL, docsURL);
+    tasks.finish();
+    EXPECT_TRUE(model->smartCreateFolderURL.isEmpty());
+}
+
+TEST_F(ContentSheetsTest, TheCopyOutlivesTheSheet) {
+    showKey();
+    content.copyRecoveryKey();
+    content.recoverySaved = true;
+    content.continueAfterRecoveryKey();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "ABCD-EFGH");
 }
 
 TEST_F(ContentSheetsTest, CopiesTheKeyAsASecret) {

@@ -52,6 +52,17 @@ TEST_F(LockActionTest, ReportsFractionAndStep) {
     EXPECT_EQ(shown.back(), Status(-1, "Done. Your folder is now protected."));
 }
 
+TEST_F(LockActionTest, IsUndoneWhenTheProgramEnds) {
+    model->lockFolderURL = docsURL;
+    model->lockPassword = model->lockConfirm = "password";
+    model->performLock();
+    QMetaObject::invokeMethod(QCoreApplication::instance(), "aboutToQuit");
+    tasks.finish();
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(docs));
+    EXPECT_FALSE(fs::exists(parent / "My Docs.quillvane"));
+}
+
 TEST_F(LockActionTest, IsUndoneWhenTheWindowGoes) {
     fillSecrets();
     model->lockFolderURL = docsURL;
@@ -327,6 +338,33 @@ TEST_F(CloseActionTest, FailureKeepsItOpen) {
     tools.play("hdiutil", "detach", "true");
     close();
     expectClosed();
+}
+
+TEST_F(CloseActionTest, WhatWasOpenedBeforeIsStillToBeClosed) {
+    open();
+    fs::create_directory(tools.folder() / "second");
+    tools.answerAttach("<key>system-entities</key><array><dict><key>dev-entry</key>"
+                       "<string>/dev/disk5</string><key>mount-point</key><string>" +
+                       (tools.folder() / "second").string() + "</string></dict></array>");
+    open();
+    EXPECT_EQ(model->openedMountPoint.toStdString(), tools.folder() / "second");
+    close();
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk5");
+    EXPECT_EQ(model->openedMountPoint.toStdString(), tools.mountPoint());
+    close();
+    expectClosed();
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(CloseActionTest, WhatAnotherProgramEjectedIsForgotten) {
+    open();
+    model->volumeUnmounted("/somewhere/else");
+    EXPECT_EQ(model->openedMountPoint.toStdString(), tools.mountPoint());
+    QSignalSpy states(model.get(), &VaultViewModel::stateChanged);
+    model->volumeUnmounted(tools.mountPoint());
+    EXPECT_EQ(model->openedMountPoint, "");
+    EXPECT_FALSE(model->openMountInfo.has_value());
+    EXPECT_EQ(states.count(), 1);
 }
 
 TEST_F(CloseActionTest, OnceClosedNothingIsLeftToClose) {
