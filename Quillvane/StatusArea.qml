@@ -1,31 +1,39 @@
 import QtQuick
 import QtQuick.Layouts
 
-// What came of the last operation.
-ColumnLayout {
+// What came of the last operation. A long message scrolls: the pane above it stays usable.
+ScrollPane {
     id: area
 
     required property string errorMessage
     required property string successMessage
 
     visible: errorMessage !== "" || successMessage !== ""
-    spacing: Brand.size(8)
+    implicitHeight: Math.min(contentHeight, Brand.size(120))
+    name: "Messages"
+    onErrorMessageChanged: contentY = 0
+    onSuccessMessageChanged: contentY = 0
 
-    StatusRow {
-        Layout.fillWidth: true
-        visible: area.errorMessage !== ""
-        alert: true
-        systemImage: "exclamationmark.triangle.fill"
-        symbolColor: Brand.error
-        text: area.errorMessage
-    }
+    ColumnLayout {
+        width: parent.width
+        spacing: Brand.size(8)
 
-    StatusRow {
-        Layout.fillWidth: true
-        visible: area.successMessage !== ""
-        alert: true
-        systemImage: "checkmark.circle.fill"
-        symbolColor: Brand.accent
-        text: area.successMessage
+        StatusRow {
+            Layout.fillWidth: true
+            visible: area.errorMessage !== ""
+            alert: true
+            systemImage: "exclamationmark.triangle.fill"
+            symbolColor: Brand.error
+            text: area.errorMessage
+        }
+
+        StatusRow {
+            Layout.fillWidth: true
+            visible: area.successMessage !== ""
+            alert: true
+            systemImage: "checkmark.circle.fill"
+            symbolColor: Brand.accent
+            text: area.successMessage
+        }
     }
 }

@@ -97,6 +97,8 @@ FocusScope {
             id: messages
 
             Layout.fillWidth: true
+            Layout.leftMargin: -ring
+            Layout.rightMargin: -gutter
             errorMessage: workspace.content.errorMessage
             successMessage: workspace.content.successMessage
         }
