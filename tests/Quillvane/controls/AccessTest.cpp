@@ -167,8 +167,8 @@ TEST(AccessTest, textsAreThereOnceAndTakeNoFocus) {
                 implicitWidth: 400
             }
         })");
-    EXPECT_EQ(tree(window), "Heading Title\nStaticText Body\nStaticText Row\nAlertMessage Failed\n"
-                            "StatusBar Ready\n StaticText AES-256\n");
+    EXPECT_EQ(tree(window), "Heading Title\nStaticText Body\nStaticText Row\nPane Messages\n"
+                            " AlertMessage Failed\nStatusBar Ready\n StaticText AES-256\n");
     for (const auto* name : {"title", "body"}) {
         EXPECT_FALSE(ControlsWindow::accessible(window.item(name)).state().focusable);
         EXPECT_EQ(actions(window, name), QStringList());
