@@ -1,7 +1,8 @@
 """What the tests of the window share: a display with a window manager, the accessibility bus, and
 the program, seen as assistive technology sees it and used with the keyboard.
 
-With QUILLVANE_SCREENSHOTS naming a directory, every step leaves a picture there.
+With QUILLVANE_SCREENSHOTS naming a directory, every step leaves a picture there; test_layout.py has
+one of each mode and sheet at each size and scale.
 """
 
 import os
@@ -13,76 +14,13 @@ import time
 
 import dbus
 
+from accessible import CHECKED, ENABLED, FOCUSED, Element
 from buses import BusCase
 from quillvane import BUILD, QV, eventually
 
 PROGRAM = str(BUILD / "bin/quillvane")
 PICTURES = os.environ.get("QUILLVANE_SCREENSHOTS")
 PASSWORD = "correct horse"
-ACCESSIBLE = "org.a11y.atspi.Accessible"
-# Numbers of states that AT-SPI defines.
-CHECKED, FOCUSED, SHOWING = 4, 12, 25
-
-
-class Element:
-    """One object of the program's accessibility tree."""
-
-    def __init__(self, connection, name, path):
-        self._connection, self._name, self.path = connection, name, path
-        self._object = connection.get_object(name, path, introspect=False)
-
-    def _call(self, interface, method, *arguments):
-        return self._object.get_dbus_method(method, interface)(*arguments, timeout=20)
-
-    def _property(self, interface, name):
-        return self._call("org.freedesktop.DBus.Properties", "Get", interface, name)
-
-    @property
-    def name(self):
-        return str(self._property(ACCESSIBLE, "Name"))
-
-    @property
-    def role(self):
-        return str(self._call(ACCESSIBLE, "GetRoleName"))
-
-    @property
-    def text(self):
-        """What is in a text, as it is shown: the mask in place of what is masked."""
-        return str(self._call("org.a11y.atspi.Text", "GetText", dbus.Int32(0), dbus.Int32(-1)))
-
-    @property
-    def extents(self):
-        """(x, y, width, height) on the screen."""
-        return tuple(map(int, self._call("org.a11y.atspi.Component", "GetExtents",
-                                         dbus.UInt32(0))))
-
-    def has(self, state):
-        low, high = self._call(ACCESSIBLE, "GetState")
-        return bool((low | high << 32) >> state & 1)
-
-    def focus(self):
-        self._call("org.a11y.atspi.Component", "GrabFocus")
-
-    def act(self, action):
-        """Does the action of this name, as assistive technology does."""
-        names = [str(each[0]) for each in self._call("org.a11y.atspi.Action", "GetActions")]
-        self._call("org.a11y.atspi.Action", "DoAction", dbus.Int32(names.index(action)))
-
-    def children(self):
-        return [Element(self._connection, str(name), str(path))
-                for name, path in self._call(ACCESSIBLE, "GetChildren")]
-
-    def all(self):
-        """This one and all below it that can be seen now, in the tree's order."""
-        yield self
-        for child in self.children():
-            if child.path.endswith("/null"):
-                continue
-            try:
-                if child.has(SHOWING):
-                    yield from child.all()
-            except dbus.DBusException:
-                pass  # gone meanwhile
 
 
 class WindowCase(BusCase):
@@ -142,15 +80,18 @@ class WindowCase(BusCase):
         settings.parent.mkdir(parents=True)
         settings.write_text("[General]\nquillvane.acceptedTermsVersion=2\n")
 
-    def start(self, *items):
+    def start(self, *items, program=PROGRAM):
         """Starts the program and waits for its window."""
         self.complaints = self.directory / "stderr"
         with open(self.complaints, "w") as stderr:
-            self.program = subprocess.Popen([PROGRAM, *items], env=self.environment, cwd=self.work,
+            self.program = subprocess.Popen([program, *items], env=self.environment, cwd=self.work,
                                             stdin=subprocess.DEVNULL, stdout=stderr, stderr=stderr)
         self.addCleanup(self._end, self.program)
         self.assertTrue(eventually(self._window, 30), "no window appears")
         self.window = self._window()
+        self.waitUntilActive()
+
+    def waitUntilActive(self):
         self.assertTrue(eventually(self._active), "the window does not become active")
 
     def _window(self):
@@ -170,14 +111,50 @@ class WindowCase(BusCase):
     def quit(self):
         """Asks the program to end, which it is to do with success and without a complaint."""
         self.program.send_signal(signal.SIGTERM)
+        self.assertEnds()
+
+    def assertEnds(self):
+        """Fails unless the program ends, with success and without a complaint."""
         self.assertEqual(0, self.program.wait(60))
         self.assertEqual("", self.complaints.read_text())
 
-    def makeItem(self, name="Docs"):
-        """A protected item with the folder's content "private" in "file"; `self.key` opens it."""
+    def openFromOutside(self, item):
+        """What the file manager does for an item: another start, which hands it over and ends."""
+        other = self.run_(PROGRAM, item, timeout=30)
+        self.assertEqual((0, "", ""), (other.returncode, other.stdout, other.stderr))
+
+    def programThatWaits(self, tool):
+        """A copy of the program whose tool of this name waits until `goOn` is called; its path."""
+        place = self.directory / "program"
+        (place / "bin").mkdir(parents=True)
+        shutil.copy(PROGRAM, place / "bin")
+        tools = place / "libexec/quillvane"
+        tools.mkdir(parents=True)
+        for path in pathlib.Path(PROGRAM).parents[1].glob("libexec/quillvane/*"):
+            (tools / path.name).symlink_to(path)
+        self._mayGoOn = self.directory / "go-on"
+        self.addCleanup(self.goOn)
+        waiting = tools / tool
+        real = waiting.readlink()
+        waiting.unlink()
+        waiting.write_text(f"#!/bin/sh\nuntil [ -e '{self._mayGoOn}' ]; do sleep 0.05; done\n"
+                           f"exec '{real}' \"$@\"\n")
+        waiting.chmod(0o755)
+        return place / "bin/quillvane"
+
+    def goOn(self):
+        self._mayGoOn.touch()
+
+    def makeFolder(self, name):
+        """A folder with the content "private" in "file"."""
         folder = self.work / name
         folder.mkdir()
         (folder / "file").write_text("private")
+        return folder
+
+    def makeItem(self, name="Docs"):
+        """A protected item with the folder's content "private" in "file"; `self.key` opens it."""
+        folder = self.makeFolder(name)
         result = self.run_(QV, "lock", "--stdin", folder, stdin=PASSWORD + "\n")
         self.assertEqual(0, result.returncode, result)
         self.key = result.stdout.splitlines()[1]
@@ -188,45 +165,51 @@ class WindowCase(BusCase):
     def elements(self):
         return list(self.window.all())
 
-    def _look(self, name, role):
+    def look(self, name, role=None, prefix=False):
         for element in self.elements():
             try:
-                if element.name == name and role in (None, element.role):
+                found = element.name
+                if (found.startswith(name) if prefix else found == name) \
+                        and role in (None, element.role):
                     return element
             except dbus.DBusException:
                 pass  # gone meanwhile
         return None
 
-    def find(self, name, role=None, seconds=20):
-        """Waits for the first element with this name."""
-        found = eventually(lambda: self._look(name, role), seconds)
+    def find(self, name, role=None, seconds=20, prefix=False):
+        """Waits for the first element with this name, or with one that begins like this."""
+        found = eventually(lambda: self.look(name, role, prefix), seconds)
         if not found:
             self.fail(f"no {name!r} in {[(e.role, e.name) for e in self.elements()]}; "
                       f"complaints: {self.complaints.read_text()}")
         return found
 
     def waitUntilGone(self, name):
-        self.assertTrue(eventually(lambda: not self._look(name, None)), f"{name!r} stays")
+        self.assertTrue(eventually(lambda: not self.look(name)), f"{name!r} stays")
 
     def waitForState(self, name, state, value=True):
         self.assertTrue(eventually(lambda: self.find(name).has(state) == value),
                         f"state {state} of {name!r} is not {value}")
 
-    def isUsable(self, name):
-        """Whether a control takes the focus, which one that is disabled does not. (The toolkit does
-        not tell assistive technology of the difference.)"""
-        control = self.find(name)
-        control.focus()
-        return bool(eventually(lambda: control.has(FOCUSED), 1))
-
     def assertDisabled(self, name):
-        """Fails unless the button leaves all as it is, in whichever way it is pressed."""
-        self.assertFalse(self.isUsable(name), f"{name!r} takes the focus")
+        """Fails unless the button tells that it is, and is deaf to the pointer and to Tab."""
+        self.waitForState(name, ENABLED, False)
         button = self.find(name)
-        button.act("Press")
-        x, y, width, height = button.extents
-        self.xdotool("mousemove", str(x + width // 2), str(y + height // 2), "click", "1")
+        self.click(button)
+        button.focus()
+        self.assertFalse(button.has(FOCUSED), f"{name!r} takes the focus")
         self.find(name)
+
+    def takeRecoveryKey(self):
+        """Waits for the sheet with a recovery key and leaves it; the key."""
+        self.waitForFocus("Recovery key", 60)
+        self.picture("recovery-key")
+        key = self.find("Recovery key").text
+        self.press("I saved my recovery key")
+        self.waitForState("I saved my recovery key", CHECKED)
+        self.press("Continue")
+        self.waitUntilGone("Save your recovery key now")
+        return key
 
     def field(self, name, number=0):
         """The line of text with this placeholder, the nth if there are several."""
@@ -234,13 +217,54 @@ class WindowCase(BusCase):
         self.assertGreater(len(found), number, f"no line of text {name!r}")
         return found[number]
 
+    def secrets(self):
+        """What the lines of text hold that are seen now."""
+        return [each.text for each in self.elements() if each.role == "text"]
+
+    def focused(self):
+        """What has the keyboard now; None when it is between two."""
+        found = None
+        for element in self.window.all():
+            try:
+                if element.role != "frame" and element.has(FOCUSED):
+                    found = element  # the innermost is what the keys go to
+            except dbus.DBusException:
+                pass  # gone meanwhile
+        return found
+
+    def waitForFocus(self, name, seconds=10):
+        """Waits until the control with this name has the keyboard; the control."""
+        def named():
+            element = self.focused()
+            return element if element and element.name == name else None
+        found = eventually(named, seconds)
+        self.assertTrue(found, f"{name!r} gets no focus")
+        return found
+
+    def next(self, key="Tab"):
+        """Presses Tab, or another key that moves the focus; what has it then."""
+        before = self.focused()
+        self.key_(key)
+        found = eventually(lambda: (element := self.focused())
+                           and (not before or element.path != before.path) and element)
+        self.assertTrue(found, f"nothing gets the focus after {before and before.name!r}")
+        return found
+
+    def reach(self, name, role=None):
+        """Goes from Tab to Tab to the control with this name, which may be scrolled out of view."""
+        passed = set()
+        while (element := self.next()).name != name or role not in (None, element.role):
+            self.assertNotIn(element.path, passed, f"Tab does not reach {name!r}")
+            passed.add(element.path)
+        return element
+
     def picture(self, step):
         """Keeps a picture of the screen, if wanted."""
         if not PICTURES:
             return
         time.sleep(0.4)  # until the picture on the screen is that of the last change
         self._pictures += 1
-        name = f"{self._testMethodName}-{self._pictures:02}-{step}.png"
+        name = f"{self._testMethodName}-{self._pictures:02}-{step}-at-{self.scale}.png"
         subprocess.run(["import", "-window", "root", pathlib.Path(PICTURES) / name], check=True,
                        env=self.environment, cwd=self.work)
 
@@ -261,8 +285,18 @@ class WindowCase(BusCase):
         field = self.field(name, number)
         field.focus()
         self.assertTrue(eventually(lambda: field.has(FOCUSED)), f"{name!r} gets no focus")
+        self.typeInto(field, text)
+
+    def typeInto(self, field, text):
+        """Types into the line of text that has the focus."""
         self.type(text)
-        self.assertTrue(eventually(lambda: len(field.text) == len(text)), f"{name!r} lacks keys")
+        self.assertTrue(eventually(lambda: len(field.text) == len(text)),
+                        f"{field.name!r} lacks keys")
+
+    def click(self, element):
+        """Clicks into its middle."""
+        x, y = element.middle
+        self.xdotool("mousemove", str(x), str(y), "click", "1")
 
     def press(self, name, role=None):
         """Presses the button with this name, with the keyboard."""
@@ -277,34 +311,48 @@ class WindowCase(BusCase):
         self.answerPanel(title, path)
 
     def answerPanel(self, title, path):
-        def active():
-            return self.xdotool("getactivewindow", "getwindowname", check=False).strip()
-        self.assertTrue(eventually(lambda: active().startswith(title)), f"{active()!r} is active")
+        self._awaitPanel(title)
         self.key_("ctrl+a")
         self.type(str(path))
         self.picture("panel")
         self.key_("Return")
-        if not eventually(lambda: not active().startswith(title), 2):
+        if not eventually(lambda: not self._activeTitle().startswith(title), 2):
             self.key_("Return")  # the first one took a completion
-        self.assertTrue(eventually(self._mainActive), f"{active()!r} stays")
+        self._awaitNoPanel()
 
-    def _mainActive(self):
-        return self.xdotool("getactivewindow", "getwindowname", check=False).strip() == "Quillvane"
+    def cancelPanel(self, title):
+        self._awaitPanel(title)
+        self.key_("Escape")
+        self._awaitNoPanel()
+
+    def _awaitPanel(self, title):
+        self.assertTrue(eventually(lambda: self._activeTitle().startswith(title)),
+                        f"{self._activeTitle()!r} is active, not {title!r}")
+
+    def _awaitNoPanel(self):
+        self.assertTrue(eventually(lambda: self._activeTitle() == "Quillvane"),
+                        f"{self._activeTitle()!r} stays")
+
+    def _activeTitle(self):
+        return self.xdotool("getactivewindow", "getwindowname", check=False).strip()
 
     def resize(self, width, height):
-        """Makes the window as large as this."""
+        """Makes the window as large as this, in its own units."""
         window = self.xdotool("getactivewindow").strip()
-        self.xdotool("windowmove", window, "20", "40", "windowsize", "--sync", window, str(width),
-                     str(height))
+        inPixels = [str(side * int(self.scale)) for side in (width, height)]
+        self.xdotool("windowmove", window, "20", "40", "windowsize", window, *inPixels)
+        wanted = (width, height)
+        self.assertTrue(eventually(lambda: self.window.extents[2:] == wanted),
+                        f"the window is {self.window.extents[2:]}, not {wanted}")
 
     def mode(self, number):
         """Goes to a mode by its keys."""
         self.key_(f"ctrl+{number}")
 
 
-def requireTools():
+def requireTools(*more):
     """Fails, rather than skips, where a program that these tests need is missing."""
-    tools = ["Xvfb", "openbox", "xdotool"] + (["import"] if PICTURES else [])
+    tools = ["Xvfb", "openbox", "xdotool", *more] + (["import"] if PICTURES else [])
     missing = [tool for tool in tools if not shutil.which(tool)]
     if missing:
         raise RuntimeError(f"not installed: {missing}")
