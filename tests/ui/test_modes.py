@@ -107,6 +107,31 @@ class Modes(WindowCase):
         self.find("Choose a locked item to open…")
         self.quit()
 
+    def test_opened_elsewhere(self):
+        # What another program opened can be closed here, and what it closed is not offered any more.
+        item = self.makeItem()
+        point = self.run_(QV, "open", "--stdin", item, stdin=PASSWORD + "\n").stdout.splitlines()[0]
+        self.start()
+        self.mode(2)
+        self.choose("Choose a locked item to open…", "Choose a locked item to open", item)
+        self._openChosen('"Docs" is already open.')
+        self.find(point)
+        self.assertEqual([""], self.secrets())
+        self.press("Close and lock")
+        self.find("Locked and ejected.", seconds=60)
+        self.assertFalse(os.path.ismount(point))
+        self.choose("Choose a locked item to open…", "Choose a locked item to open", item)
+        self._openChosen("Opened. Work in the folder, then eject it to lock it again.")
+        self.assertEqual(0, self.run_(QV, "close", item).returncode)
+        self.waitUntilGone("Mounted")
+        self.quit()
+
+    def _openChosen(self, told):
+        self.fill("Password", PASSWORD)
+        self.key_("Return")
+        self.find(told, seconds=60)
+        self.find("Mounted")
+
     def test_changing_and_removing(self):
         item = self.makeItem()
         self.start()
