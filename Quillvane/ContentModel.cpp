@@ -5,11 +5,8 @@
 #include "FileUrl.h"
 #include "ItemPath.h"
 #include "Platform.h"
+#include "SecretClipboard.h"
 #include "SecretText.h"
-
-#include <QClipboard>
-#include <QGuiApplication>
-#include <QMimeData>
 
 #include <algorithm>
 #include <system_error>
@@ -184,12 +181,7 @@ void ContentModel::takeRecoveryKey() {
 }
 
 void ContentModel::copyRecoveryKey() {
-    auto* const data = new QMimeData; // the clipboard's from here on
-    const QString& key = viewModel_.recoveryKeyToShow;
-    data->setText(QString(key.constData(), key.size())); // characters of its own: ours are wiped
-    data->setData(QStringLiteral("x-kde-passwordManagerHint"), "secret");
-    data->setData(QStringLiteral("org.nspasteboard.ConcealedType"), "");
-    QGuiApplication::clipboard()->setMimeData(data);
+    SecretClipboard::copy(viewModel_.recoveryKeyToShow);
     copied = true;
     emit sheetChanged();
 }

@@ -19,9 +19,33 @@ FocusScope {
     readonly property bool interrupted: recoveryKey.shown || itemOpened.shown
 
     ColumnLayout {
+        id: main
+
+        // What had the keys before a sheet came, and gets them back.
+        property Item last: null
+        readonly property Item focused: Window.activeFocusItem
+
+        function holds(item: Item): bool {
+            for (let above = item; above; above = above.parent) {
+                if (above === main)
+                    return true;
+            }
+            return false;
+        }
+
         anchors.fill: parent
         spacing: 0
         enabled: !view.sheetShown
+        onFocusedChanged: {
+            if (enabled && holds(focused))
+                last = focused;
+        }
+        onEnabledChanged: {
+            if (!enabled)
+                return;
+            const usable = holds(last) && last.enabled && last.visible;
+            (usable ? last : sidebar).forceActiveFocus(Qt.TabFocusReason);
+        }
 
         RowLayout {
             Layout.fillWidth: true
@@ -29,6 +53,8 @@ FocusScope {
             spacing: 0
 
             Sidebar {
+                id: sidebar
+
                 Layout.preferredWidth: 198
                 Layout.fillHeight: true
                 focus: true
@@ -110,7 +136,8 @@ FocusScope {
         id: itemOpened
         anchors.fill: parent
         content: view.content
-        shown: view.content.pendingName !== "" && !recoveryKey.shown
+        shown: view.content.pendingName !== ""
+        enabled: shown && !recoveryKey.shown
     }
 
     RecoveryKeySheet {

@@ -58,7 +58,7 @@ QString actionOf(QAccessible::Role role) {
 
 ItemAccess::ItemAccess(QQuickItem* item) : QAccessibleObject(item) {
     enabledChanges_ = QObject::connect(item, &QQuickItem::enabledChanged, item, [item] {
-        if (!isKnown(*item)) return;
+        if (item->window() == nullptr || !isKnown(*item)) return; // it may be going
         QAccessible::State changed;
         changed.disabled = true;
         QAccessibleStateChangeEvent event(item, changed);
@@ -150,7 +150,8 @@ QAccessibleInterface* ItemAccess::childAt(int x, int y) const {
     // The last one stands in front.
     for (auto each = all.rbegin(); each != all.rend(); ++each) {
         QAccessibleInterface* const child = QAccessible::queryAccessibleInterface(*each);
-        if (!child->state().invisible && child->rect().contains(x, y)) return child;
+        if (child != nullptr && !child->state().invisible && child->rect().contains(x, y))
+            return child;
     }
     return nullptr;
 }

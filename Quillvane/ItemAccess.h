@@ -60,7 +60,7 @@ protected:
 private:
     QList<QQuickItem*> children() const;
     bool isBehindSheet() const;
-    bool isUsable() const { return item()->isEnabled() && !isBehindSheet(); }
+    bool isUsable() const { return item()->isEnabled() && item()->isVisible() && !isBehindSheet(); }
 
     QMetaObject::Connection enabledChanges_;
 };

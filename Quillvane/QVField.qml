@@ -48,12 +48,22 @@ FocusScope {
         inputMethodHints: Qt.ImhSensitiveData | Qt.ImhNoPredictiveText | Qt.ImhNoAutoUppercase
                           | (root.secure ? Qt.ImhHiddenText : Qt.ImhNone)
         // Selecting with the mouse also copies, on systems that paste with its middle button.
-        selectByMouse: !root.secure
+        selectByMouse: false
         Accessible.name: root.placeholder
         Keys.onPressed: event => {
             // The history holds what was typed: a secure field gives nothing of it back.
-            event.accepted = root.secure && (event.matches(StandardKey.Undo)
-                                             || event.matches(StandardKey.Redo));
+            const back = root.secure && (event.matches(StandardKey.Undo)
+                                         || event.matches(StandardKey.Redo));
+            const cut = event.matches(StandardKey.Cut);
+            const copy = cut || event.matches(StandardKey.Copy);
+            if (copy && echoMode === TextInput.Normal && selectedText !== "") {
+                SecretClipboard.copy(selectedText);
+                if (cut) {
+                    remove(selectionStart, selectionEnd);
+                    root.edited(text);
+                }
+            }
+            event.accepted = back || copy;
         }
 
         background: Rectangle {
@@ -65,9 +75,11 @@ FocusScope {
         }
         onTextEdited: {
             // What is pasted may end a line: that would be part of the password, unseen.
-            for (let i = length - 1; i >= 0; --i) {
-                if (/[\n\v\f\r\u0085\u2028\u2029]/.test(text[i]))
-                    remove(i, i + 1);
+            const line = text.replace(/[\n\v\f\r\u0085\u2028\u2029]/g, "");
+            if (line !== text) {
+                // Not by assigning it: the binding is to last.
+                remove(0, length);
+                insert(0, line);
             }
             root.edited(text);
         }

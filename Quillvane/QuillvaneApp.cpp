@@ -61,7 +61,7 @@ int runWindow(const QUrl& mainFile, ApplicationInstance& instance) {
     ContentModel content(viewModel, smart, OpenRouter::shared(), panels, tasks);
     QObject::connect(events.get(), &SystemEvents::volumeUnmounted, &viewModel,
                      &VaultViewModel::volumeUnmounted);
-    ThreadTasks counting; // nothing waits for it
+    ThreadTasks counting; // no closing of a folder waits for it
     ItemDetail::setTasks(counting);
 
     qml_register_types_Quillvane();

@@ -34,8 +34,10 @@ ApplicationWindow {
 
     onClosing: close => {
         close.accepted = window.content.mayClose;
-        if (!close.accepted)
-            refusal.open();
+        if (close.accepted)
+            return;
+        refusal.text = window.content.busy ? "Quillvane can be closed as soon as this is done." : "Save your recovery key first. It is shown only now.";
+        refusal.open();
     }
 
     RootView {
@@ -60,6 +62,5 @@ ApplicationWindow {
         timeout: 6000
         padding: Brand.spacing
         font.pixelSize: Brand.bodySize
-        text: window.content.busy ? "Quillvane can be closed as soon as this is done." : "Save your recovery key first. It is shown only now."
     }
 }

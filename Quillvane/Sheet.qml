@@ -12,8 +12,6 @@ FocusScope {
     property int maximumHeight: 560
     // Where the keys go when it appears.
     property Item firstFocus: null
-    // What had the keys, and gets them back.
-    property Item before: null
     // What stays in view above what scrolls.
     property alias header: head.data
     default property alias column: pane.column
@@ -23,11 +21,6 @@ FocusScope {
     readonly property bool modal: true
 
     signal dismissed
-
-    onShownChanged: {
-        if (shown)
-            before = Window.activeFocusItem;
-    }
 
     function open() {
         shown = true;
@@ -46,8 +39,6 @@ FocusScope {
     onEnabledChanged: {
         if (enabled)
             (firstFocus ?? sheet).forceActiveFocus(Qt.TabFocusReason);
-        else if (before)
-            before.forceActiveFocus(Qt.TabFocusReason);
     }
 
     Rectangle {

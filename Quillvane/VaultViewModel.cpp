@@ -11,7 +11,21 @@
 #include <QPointer>
 
 #include <memory>
+#include <system_error>
 #include <utility>
+
+namespace {
+
+/// None, too, when the system does not tell: there is another error to be told.
+std::optional<std::string> mountPointOf(const std::filesystem::path& image) {
+    try {
+        return Platform::mountPointOfImage(image);
+    } catch (const std::system_error&) {
+        return std::nullopt;
+    }
+}
+
+} // namespace
 
 VaultViewModel::VaultViewModel(BackgroundTasks& tasks, FilePanels& panels, QObject* parent)
     : QObject(parent), panels_(panels), scope_(tasks) {
@@ -104,7 +118,7 @@ void VaultViewModel::performOpen() {
                 open->result = VaultEngine::open(open->image, open->credential, report);
             } catch (const VaultError& error) {
                 if (error.kind() != VaultError::Case::attachFailed) throw;
-                open->elsewhere = Platform::mountPointOfImage(open->image);
+                open->elsewhere = mountPointOf(open->image);
                 if (!open->elsewhere) throw;
             }
         },
@@ -224,7 +238,7 @@ void VaultViewModel::finishOpenElsewhere(const std::filesystem::path& item,
     wipePasswords();
     endBusy();
     statusMessage.clear();
-    const std::filesystem::path folder = itemPath(item).replace_extension();
+    const std::filesystem::path folder = resolvedItemPath(item).replace_extension();
     // A Smart Folder is its manager's to close; any other is shown, with the button that closes it.
     if (mountPoint != folder) remember({std::nullopt, mountPoint});
     errorMessage = '"' + QString::fromStdString(folder.filename().string()) + "\" is already open.";
@@ -250,7 +264,6 @@ void VaultViewModel::forget(const std::string& mountPoint) {
 }
 
 void VaultViewModel::volumeUnmounted(const std::filesystem::path& mountPoint) {
-    if (isBusy) return; // a close that is under way tells how it ended
     forget(mountPoint.string());
     emit stateChanged();
 }

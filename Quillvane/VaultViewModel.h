@@ -75,7 +75,8 @@ public:
     QString openPassword;
     bool openUseRecovery = false;
     QString openRecoveryKey;
-    /// Mount point of the item that this window opened, while it is open.
+    /// Mount point, while it is open, of the item that this window opened last, or found open when
+    /// it was to open it.
     QString openedMountPoint;
     QUrl removeImageURL;
     QString removePassword;

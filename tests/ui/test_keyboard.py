@@ -60,6 +60,7 @@ class Keyboard(WindowCase):
             self.key_("Escape")
             self.assertTrue(eventually(lambda: not self.look(sheet, "dialog")))
             self.find("Lock a folder", "heading")
+            self.waitForFocus(button)
         self.quit()
 
     def test_tab_order(self):

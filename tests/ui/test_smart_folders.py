@@ -208,6 +208,26 @@ class FromOutside(SmartCase):
         self.assertOpen(self.folder, False)
         self.quit()
 
+    def test_a_recovery_key_comes_before_the_sheet(self):
+        # Both sheets in turn take the keys.
+        self.start(program=self.programThatWaits("ditto"))
+        self.choose("Choose the folder to protect…", "Choose the folder to protect",
+                    self.makeFolder("Other"))
+        self.fill("Password", PASSWORD)
+        self.fill("Repeat password", PASSWORD)
+        self.key_("Return")
+        self.openFromOutside(self.item)
+        self.find(SHEET)
+        self.goOn()
+        self.waitForFocus("Recovery key", 60)
+        self.assertIsNone(self.look(SHEET))
+        self.takeRecoveryKey()
+        self.waitForFocus("Password")
+        self.key_("Escape")
+        self.waitUntilGone(SHEET)
+        self.waitForFocus("Repeat password")
+        self.quit()
+
     def test_while_a_recovery_key_is_shown(self):
         # What cannot be seen again goes first.
         other = self.makeFolder("Other")

@@ -1,9 +1,11 @@
 #include "ControlsWindow.h"
+#include "Quillvane/SecretText.h"
 
 #include <QClipboard>
 #include <QFontInfo>
 #include <QGuiApplication>
 #include <QInputMethodEvent>
+#include <QMimeData>
 
 namespace {
 
@@ -67,6 +69,42 @@ TEST(FieldTest, aPastedLineEndIsNoPartOfAPassword) {
     EXPECT_EQ(window.text("field"), "pass word");
     window.view().rootObject()->setProperty("password", "");
     EXPECT_EQ(window.text("field"), "") << "the binding lasts";
+}
+
+TEST(FieldTest, whatIsCopiedIsMarkedAndStays) {
+    ControlsWindow window(R"(
+        Item {
+            id: form
+            width: 300; height: 60
+            property string key
+            QVField {
+                objectName: "field"; focus: true; width: 280
+                text: form.key
+                onEdited: newText => form.key = newText
+            }
+        })");
+    window.type("ABCD");
+    window.press(Qt::Key_A, Qt::ControlModifier);
+    window.press(Qt::Key_C, Qt::ControlModifier);
+    QString typed = window.view().rootObject()->property("key").toString();
+    wipeText(typed);
+    const QMimeData& copied = *QGuiApplication::clipboard()->mimeData();
+    EXPECT_EQ(copied.text(), "ABCD");
+    EXPECT_EQ(copied.data("x-kde-passwordManagerHint"), "secret");
+    window.view().rootObject()->setProperty("key", "EFGH");
+    window.press(Qt::Key_A, Qt::ControlModifier);
+    window.press(Qt::Key_X, Qt::ControlModifier);
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "EFGH");
+    EXPECT_EQ(window.rootText("key"), "");
+}
+
+TEST(FieldTest, nothingIsCopiedFromAMaskedField) {
+    ControlsWindow window(secureField);
+    QGuiApplication::clipboard()->setText("before");
+    window.type("secret");
+    for (const auto key : {Qt::Key_A, Qt::Key_C, Qt::Key_X}) window.press(key, Qt::ControlModifier);
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "before");
+    EXPECT_EQ(window.rootText("password"), "secret");
 }
 
 TEST(FieldTest, returnSubmits) {

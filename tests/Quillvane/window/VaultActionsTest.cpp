@@ -367,6 +367,26 @@ TEST_F(CloseActionTest, WhatAnotherProgramEjectedIsForgotten) {
     EXPECT_EQ(states.count(), 1);
 }
 
+TEST_F(CloseActionTest, AnUnmountDuringAnotherOperationIsNotMissed) {
+    open();
+    model->lockFolderURL = docsURL;
+    model->performLock();
+    model->volumeUnmounted(tools.mountPoint());
+    EXPECT_EQ(model->openedMountPoint, "");
+    tasks.finish();
+}
+
+TEST_F(CloseActionTest, AnUnmountBeforeItsEndChangesNothing) {
+    model->openedMountPoint = "/volumes/first";
+    model->openMountInfo = MountInfo{std::nullopt, "/volumes/first"};
+    open();
+    model->performClose();
+    model->volumeUnmounted(tools.mountPoint());
+    tasks.finish();
+    expectIdle("", "Locked and ejected.");
+    EXPECT_EQ(model->openedMountPoint, "/volumes/first");
+}
+
 TEST_F(CloseActionTest, OnceClosedNothingIsLeftToClose) {
     open();
     close();
