@@ -1,5 +1,6 @@
 #include "Quillvane/AppIcon.h"
 
+#include <QFile>
 #include <QPixmap>
 
 namespace {
@@ -12,9 +13,9 @@ bool loads(const QIcon& icon) {
 } // namespace
 
 QIcon appIcon() {
-    // Installed, the icon is part of the desktop's theme; otherwise the program carries one.
+    // Installed, the icon is part of the desktop's theme; otherwise the window brings it along.
     QIcon themed = QIcon::fromTheme("org.quillvane.Quillvane");
     if (loads(themed)) return themed;
-    QIcon own(":/quillvane/AppIcon.svg");
-    return loads(own) ? own : QIcon();
+    const QString own = QStringLiteral(":/quillvane/AppIcon.svg");
+    return QFile::exists(own) && loads(QIcon(own)) ? QIcon(own) : QIcon();
 }

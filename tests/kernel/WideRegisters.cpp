@@ -6,7 +6,6 @@
 // process ends. Here what is missing is filled with zeros: the header before it says which parts
 // are in use, and whatever lies behind the buffer never is.
 
-#include <cerrno>
 #include <cstdarg>
 #include <cstddef>
 #include <cstdint>
@@ -43,7 +42,8 @@ extern "C" long ptrace(__ptrace_request request, ...) noexcept {
     const long result = original()(request, process, address, data);
     const bool isExtendedState =
         request == PTRACE_SETREGSET && reinterpret_cast<std::uintptr_t>(address) == NT_X86_XSTATE;
-    if (result != -1 || errno != EFAULT || !isExtendedState) return result;
+    // Which error it was cannot be told: a signal handler of that kernel may have changed errno.
+    if (result != -1 || !isExtendedState) return result;
 
     const auto* part = static_cast<const iovec*>(data);
     if (part->iov_len > sizeof wholeState) return result;
