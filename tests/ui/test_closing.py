@@ -26,10 +26,7 @@ class Closing(WindowCase):
         """Starts to protect a folder; that waits for `goOn` when it comes to this tool."""
         folder = self.makeFolder("Docs")
         self.start(program=self.programThatWaits(tool))
-        self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(folder)
         return folder
 
     def test_while_busy(self):

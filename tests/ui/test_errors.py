@@ -61,7 +61,7 @@ class Errors(WindowCase):
         self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
         self.find(folder.name)
 
-    def protect(self, text, password=PASSWORD, confirm=PASSWORD):
+    def tryToProtect(self, text, password=PASSWORD, confirm=PASSWORD):
         self.attempt(password, confirm, button="Lock with password")
         self.assertSays(text)
 
@@ -71,20 +71,20 @@ class Errors(WindowCase):
         self.press("Lock with password")  # nothing is chosen: nothing happens
         self.chooseFolder(folder)
         self.assertEqual([], [e for e in self.elements() if e.role == "alert message"])
-        self.protect(EMPTY, "", "")
-        self.protect(EMPTY, "", PASSWORD)
-        self.protect(MISMATCH, PASSWORD, PASSWORD + "x")
-        self.protect(MISMATCH, PASSWORD, "")
+        self.tryToProtect(EMPTY, "", "")
+        self.tryToProtect(EMPTY, "", PASSWORD)
+        self.tryToProtect(MISMATCH, PASSWORD, PASSWORD + "x")
+        self.tryToProtect(MISMATCH, PASSWORD, "")
         (self.work / "Docs.quillvane").touch()
-        self.protect('"Docs.quillvane" already exists here. Remove or rename it first.')
+        self.tryToProtect('"Docs.quillvane" already exists here. Remove or rename it first.')
         (self.work / "Docs.quillvane").unlink()
         folder.rename(other)
-        self.protect(GONE)
+        self.tryToProtect(GONE)
         folder.write_text("a file meanwhile")
-        self.protect("The selected item isn't a folder.")
+        self.tryToProtect("The selected item isn't a folder.")
         folder.unlink()
         folder.symlink_to(other)
-        self.protect("Choose a regular folder (not a package or a system volume).")
+        self.tryToProtect("Choose a regular folder (not a package or a system volume).")
         folder.unlink()
         other.rename(folder)
         self._protectWhatFails(folder)
@@ -95,7 +95,7 @@ class Errors(WindowCase):
         secret = folder / "secret"
         secret.touch()
         secret.chmod(0)
-        self.protect("Couldn't copy the contents into the vault.\n"
+        self.tryToProtect("Couldn't copy the contents into the vault.\n"
                      "ditto: Docs/secret: cannot be read: Permission denied")
         secret.unlink()
         with open(secret, "w") as file:
@@ -117,7 +117,7 @@ class Errors(WindowCase):
         folder = self.makeFolder("x" * 250)
         self.start()
         self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
-        self.protect("Couldn't create the encrypted vault.\nFile name too long")
+        self.tryToProtect("Couldn't create the encrypted vault.\nFile name too long")
         self.quit()
 
     # Opening

@@ -4,7 +4,7 @@ import unittest
 
 import window
 from accessible import SHOWING
-from window import PASSWORD, WindowCase
+from window import WindowCase
 
 SIZES = (760, 520), (920, 640), (1600, 1000)
 CONTROLS = {"push button", "page tab", "text", "check box", "combo box", "link"}
@@ -55,10 +55,7 @@ class Layout(WindowCase):
 
     def _protectUntilTheSheet(self, folder):
         self.resize(*SIZES[0])
-        self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(folder)
         self.waitForFocus("Recovery key", 60)
 
     def _lookAt(self, what, name):

@@ -110,10 +110,7 @@ class Secrets(WindowCase):
     def test_copied_recovery_key(self):
         folder = self.makeFolder("Docs")
         self.start()
-        self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(folder)
         self.waitForFocus("Recovery key", 60)
         self.assertIsNone(self.selection("clipboard"))
         key = self.find("Recovery key").text
@@ -143,10 +140,7 @@ class Secrets(WindowCase):
         self.press("Continue")
         self.waitUntilGone("Save your recovery key now")
         other = self.makeFolder("Other")
-        self.choose("Choose the folder to protect…", "Choose the folder to protect", other)
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(other)
         self.waitForFocus("Recovery key", 60)
         self.assertFalse(self.find("I saved my recovery key").has(CHECKED))
         self.assertDisabled("Continue")

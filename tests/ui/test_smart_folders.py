@@ -211,11 +211,7 @@ class FromOutside(SmartCase):
     def test_a_recovery_key_comes_before_the_sheet(self):
         # Both sheets in turn take the keys.
         self.start(program=self.programThatWaits("ditto"))
-        self.choose("Choose the folder to protect…", "Choose the folder to protect",
-                    self.makeFolder("Other"))
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(self.makeFolder("Other"))
         self.openFromOutside(self.item)
         self.find(SHEET)
         self.goOn()
@@ -232,10 +228,7 @@ class FromOutside(SmartCase):
         # What cannot be seen again goes first.
         other = self.makeFolder("Other")
         self.start()
-        self.choose("Choose the folder to protect…", "Choose the folder to protect", other)
-        self.fill("Password", PASSWORD)
-        self.fill("Repeat password", PASSWORD)
-        self.key_("Return")
+        self.protect(other)
         self.waitForFocus("Recovery key", 60)
         self.openFromOutside(self.item)
         self.reach("I saved my recovery key")

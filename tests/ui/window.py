@@ -200,6 +200,13 @@ class WindowCase(BusCase):
         self.assertFalse(button.has(FOCUSED), f"{name!r} takes the focus")
         self.find(name)
 
+    def protect(self, folder):
+        """Begins to protect the folder with PASSWORD."""
+        self.choose("Choose the folder to protect…", "Choose the folder to protect", folder)
+        self.fill("Password", PASSWORD)
+        self.fill("Repeat password", PASSWORD)
+        self.key_("Return")
+
     def takeRecoveryKey(self):
         """Waits for the sheet with a recovery key and leaves it; the key."""
         self.waitForFocus("Recovery key", 60)
