@@ -75,8 +75,9 @@ FocusScope {
         }
         onTextEdited: {
             // What is pasted may end a line: that would be part of the password, unseen.
-            const line = text.replace(/[\n\v\f\r\u0085\u2028\u2029]/g, "");
-            if (line !== text) {
+            const ends = /[\n\v\f\r\u0085\u2028\u2029]/g;
+            if (ends.test(text)) { // else nothing makes a copy, which nobody could wipe
+                const line = text.replace(ends, "");
                 // Not by assigning it: the binding is to last.
                 remove(0, length);
                 insert(0, line);
