@@ -383,4 +383,6 @@ void Ext4Volume::freeInode(Ext4Inode& inode) {
     ext2fs_inode_alloc_stats2(fs_, inode.number, -1, inode.isDirectory() ? 1 : 0);
     transactions_->noteInode(inode.number);
     nameless_.erase(inode.number);
+    unsyncedContents_.erase(inode.number);
+    lostContents_.erase(inode.number);
 }

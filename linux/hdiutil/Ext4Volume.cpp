@@ -135,10 +135,7 @@ void Ext4Volume::beginChange(std::uint64_t neededBlocks) {
 
 /// To be called only where the volume's structure is whole.
 void Ext4Volume::commitWhen(bool needed) {
-    if (needed)
-        commit();
-    else if (transactions_->full())
-        transactions_->relieve();
+    if (needed || transactions_->full()) commit();
 }
 
 void Ext4Volume::commit() {
@@ -146,7 +143,20 @@ void Ext4Volume::commit() {
         fs_->super->s_state |= EXT2_ERROR_FS;
         ext2fs_mark_super_dirty(fs_);
     }
-    transactions_->commit();
+    try {
+        transactions_->commit();
+    } catch (...) {
+        contentsMayBeLost();
+        throw;
+    }
+    unsyncedContents_.clear();
+}
+
+/// After a failed sync the system takes what it could not write for written, and the next sync
+/// succeeds. So whoever syncs one of the files is told.
+void Ext4Volume::contentsMayBeLost() {
+    lostContents_.merge(unsyncedContents_);
+    unsyncedContents_.clear();
 }
 
 void Ext4Volume::noteFailure(int error) {
@@ -156,6 +166,10 @@ void Ext4Volume::noteFailure(int error) {
 
 void Ext4Volume::sync() {
     const std::lock_guard lock(mutex_);
+    syncAll();
+}
+
+void Ext4Volume::syncAll() {
     if (!unsynced_) return;
     commit();
     unsynced_ = false;
@@ -166,14 +180,27 @@ void Ext4Volume::writeBehind() {
         const std::lock_guard lock(mutex_);
         if (!unsynced_) return;
     }
-    device_.sync(); // file contents, most of what there is to wait for
+    try {
+        device_.sync(); // file contents, most of what there is to wait for
+    } catch (...) {
+        const std::lock_guard lock(mutex_);
+        contentsMayBeLost();
+        throw;
+    }
     sync();
 }
 
-void Ext4Volume::syncFile(ext2_ino_t) {
-    // A file is reachable after a crash only with the structure above it, which is in the same
-    // transaction.
-    sync();
+// A file is reachable after a crash only with the structure above it, which is in the same
+// transaction.
+void Ext4Volume::syncFile(ext2_ino_t inode) {
+    const std::lock_guard lock(mutex_);
+    try {
+        syncAll();
+    } catch (...) {
+        lostContents_.erase(inode); // this is the report
+        throw;
+    }
+    if (lostContents_.erase(inode) > 0) failWith(EIO);
 }
 
 std::string Ext4Volume::name() {

@@ -135,7 +135,8 @@ public:
     void allocate(ext2_ino_t inode, int mode, std::uint64_t offset, std::uint64_t length);
     /// SEEK_DATA or SEEK_HOLE; ENXIO beyond the end.
     std::uint64_t seek(ext2_ino_t inode, std::uint64_t offset, int whence);
-    /// Returns when the file's contents and attributes are on the disk.
+    /// Returns when the file's contents and attributes are on the disk. Fails once, for each file,
+    /// when contents may have been lost because the disk failed since it was last synced.
     void syncFile(ext2_ino_t inode);
 
     /// ENODATA when there is no such attribute.
@@ -161,6 +162,8 @@ private:
     void beginChange(std::uint64_t neededBlocks = 0);
     void commitWhen(bool needed);
     void commit();
+    void syncAll();
+    void contentsMayBeLost();
     std::uint64_t overheadBlocks();
 
     Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
@@ -225,6 +228,10 @@ private:
     std::unordered_set<ext2_ino_t> nameless_;
     /// Those of them that lost their last reference first.
     std::vector<ext2_ino_t> unused_;
+    /// Files with contents that were written since the last sync; and with such as the system may
+    /// have thrown away when a sync failed.
+    std::unordered_set<ext2_ino_t> unsyncedContents_;
+    std::unordered_set<ext2_ino_t> lostContents_;
     std::uint64_t overhead_ = 0;
     bool suspect_ = false;  ///< a change may have been left half-way
     bool unsynced_ = false; ///< something was changed since the last sync

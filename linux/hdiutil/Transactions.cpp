@@ -73,21 +73,17 @@ void Transactions::reserveBitmaps() {
 
 bool Transactions::full() const noexcept {
     if (cache_.changedCount() > BlockCache::changedLimit) return true;
-    // Each group's change is one of its bitmap and one of its descriptor. An operation may go over
-    // the limit by what it changes itself; half of the log is always free.
+    // An operation may go over the limit by what it changes itself: half of the log is always free,
+    // and the most scattered write of a mebibyte changes 256 bitmaps, of the 512 blocks that are
+    // half of the smallest log.
     const std::size_t changed = cache_.changedCount() + 2 * use_.changedBitmaps() + superblocks;
-    return journal_ && changed > journal_->size() / 4;
+    return journal_ && changed > journal_->size() / 5;
 }
 
 bool Transactions::withholds(std::uint64_t neededBlocks) const noexcept {
     const std::uint64_t withheld = use_.freedCount();
     return withheld > 0 &&
            ext2fs_free_blocks_count(fs_->super) < withheld + neededBlocks + spareBlocks;
-}
-
-void Transactions::relieve() {
-    if (journal_) return commit();
-    cache_.flush(false);
 }
 
 void Transactions::commit() {

@@ -31,8 +31,6 @@ public:
     bool full() const noexcept;
     /// Whether an operation might find no free blocks because those freed are not committed.
     bool withholds(std::uint64_t neededBlocks) const noexcept;
-    /// Makes room for more changes: commits, or without a journal writes.
-    void relieve();
     /// Returns when all changes are on the disk.
     void commit();
     /// Commits, brings everything to its place, and tells on the disk that the volume is not in

@@ -89,6 +89,43 @@ TEST(CrashTest, APowerCutAtAnyPointLosesNothingThatWasSynced) {
     crashEverywhere("-J size=4", 800, setting("QUILLVANE_CRASH_POINTS", 300));
 }
 
+/// Of a file in very many pieces, when so much else has changed that it takes several transactions.
+TEST(CrashTest, ATruncationThatIsCutShortIsFinishedByTheReplay) {
+    constexpr std::uint64_t blockSize = BlockDevice::blockSize;
+    constexpr std::uint64_t pieces = 500;
+    const Ext4Volume::Caller me{0, 0, 022};
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto file = static_cast<ext2_ino_t>(
+        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, me).st_ino);
+    const std::vector<std::byte> piece(blockSize);
+    for (std::uint64_t i = 0; i < pieces; ++i) volume->write(file, 2 * i * blockSize, piece);
+    volume->sync();
+    // Directories until the transaction is all but full, so that the pieces end it.
+    const auto started = disk.events();
+    for (int i = 0; i < 165; ++i)
+        volume->create(Ext4Volume::root, "d" + std::to_string(i), {S_IFDIR | 0755, 0, {}}, me);
+    const auto before = disk.events();
+    ASSERT_EQ(before, started) << "the transaction was full before";
+    Ext4Volume::Changes changes;
+    changes.size = blockSize;
+    volume->setAttributes(file, changes);
+    volume->sync();
+
+    const PlainImages images;
+    std::size_t finished = 0;
+    for (std::size_t at = before; at <= disk.events(); at += 3) {
+        const std::string name = images.write(disk.after(at)).string();
+        const Outcome replayed = runCommand("/usr/sbin/e2fsck -p " + name);
+        if (replayed.output.find("Truncating orphaned inode") != std::string::npos) ++finished;
+        const Outcome checked = runCommand("/usr/sbin/e2fsck -fn " + name);
+        ASSERT_EQ(checked.status, 0) << "after event " << at << ":\n" << checked.output;
+        const auto size = treeOn(PlainImages::read(name)).at("file").size();
+        ASSERT_TRUE(size == blockSize || size == (2 * pieces - 1) * blockSize) << size;
+    }
+    EXPECT_GT(finished, 0U);
+}
+
 TEST(CrashTest, SoOnAVolumeWithoutChecksumsAndWideNumbers) {
     crashEverywhere("-J size=4 -O ^metadata_csum,^64bit", 300,
                     setting("QUILLVANE_CRASH_POINTS", 60));
@@ -127,6 +164,29 @@ void breakEverywhere(int error, std::size_t length) {
 TEST(CrashTest, ADiskThatFailsForAMomentLeavesAWholeVolume) {
     breakEverywhere(EIO, 1);
     breakEverywhere(EIO, 7);
+}
+
+TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto make = [&](const char* name) {
+        return static_cast<ext2_ino_t>(
+            volume->create(Ext4Volume::root, name, {S_IFREG | 0644, 0, {}}, {0, 0, 022}).st_ino);
+    };
+    const auto synced = make("synced");
+    const auto first = make("first");
+    const auto second = make("second");
+    volume->write(synced, 0, std::vector<std::byte>(5000));
+    volume->sync();
+    volume->write(first, 0, std::vector<std::byte>(5000));
+    volume->write(second, 0, std::vector<std::byte>(5000));
+    disk.breakDown({disk.attempts(), 1, EIO});
+    EXPECT_THROW(volume->syncFile(first), std::system_error);
+    EXPECT_NO_THROW(volume->syncFile(first));
+    EXPECT_NO_THROW(volume->syncFile(synced));
+    EXPECT_THROW(volume->syncFile(second), std::system_error);
+    EXPECT_NO_THROW(volume->syncFile(second));
+    volume->close();
 }
 
 TEST(CrashTest, ADiskThatIsFullForAMomentLeavesAWholeVolume) {
