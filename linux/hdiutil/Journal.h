@@ -82,7 +82,7 @@ private:
     BlockDevice& device_;
     const std::vector<std::uint64_t> blocks_;
     const bool wide_;
-    Block superblock_{};
+    alignas(std::uint64_t) Block superblock_{};
     std::uint32_t first_ = 0; ///< number in `blocks_` where the ring begins
     std::size_t ring_ = 0;
     std::size_t head_ = 0; ///< place in the ring of the next transaction

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -89,39 +90,55 @@ TEST(CrashTest, APowerCutAtAnyPointLosesNothingThatWasSynced) {
     crashEverywhere("-J size=4", 800, setting("QUILLVANE_CRASH_POINTS", 300));
 }
 
-/// Of a file in very many pieces, when so much else has changed that it takes several transactions.
-TEST(CrashTest, ATruncationThatIsCutShortIsFinishedByTheReplay) {
-    constexpr std::uint64_t blockSize = BlockDevice::blockSize;
-    constexpr std::uint64_t pieces = 500;
+constexpr std::uint64_t pieces = 500;
+
+/// Truncates a file of many pieces to its first, when so many directories have been made in the
+/// same transaction. Answers between which events that was.
+std::pair<std::size_t, std::size_t> truncateAfter(int directories, RecordingDisk& disk) {
     const Ext4Volume::Caller me{0, 0, 022};
-    RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
     const auto file = static_cast<ext2_ino_t>(
         volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, me).st_ino);
-    const std::vector<std::byte> piece(blockSize);
-    for (std::uint64_t i = 0; i < pieces; ++i) volume->write(file, 2 * i * blockSize, piece);
+    const std::vector<std::byte> piece(BlockDevice::blockSize);
+    for (std::uint64_t i = 0; i < pieces; ++i) volume->write(file, 2 * i * piece.size(), piece);
     volume->sync();
-    // Directories until the transaction is all but full, so that the pieces end it.
-    const auto started = disk.events();
-    for (int i = 0; i < 165; ++i)
-        volume->create(Ext4Volume::root, "d" + std::to_string(i), {S_IFDIR | 0755, 0, {}}, me);
-    const auto before = disk.events();
-    ASSERT_EQ(before, started) << "the transaction was full before";
+    for (int i = 0; i < directories; ++i)
+        volume->create(Ext4Volume::root, std::to_string(i), {S_IFDIR | 0755, 0, {}}, me);
+    const std::size_t before = disk.events();
     Ext4Volume::Changes changes;
-    changes.size = blockSize;
+    changes.size = piece.size();
     volume->setAttributes(file, changes);
-    volume->sync();
+    const std::size_t after = disk.events();
+    volume->close();
+    return {before, after};
+}
 
+/// How often the replay after a crash had to finish the truncation.
+std::size_t finishedAfterCrashes(const RecordingDisk& disk, std::size_t from, std::size_t to) {
     const PlainImages images;
     std::size_t finished = 0;
-    for (std::size_t at = before; at <= disk.events(); at += 3) {
+    // The transaction counts with the last event but one.
+    for (std::size_t at = to; at > from; at -= std::min(at - from, 1 + (to - at))) {
         const std::string name = images.write(disk.after(at)).string();
         const Outcome replayed = runCommand("/usr/sbin/e2fsck -p " + name);
         if (replayed.output.find("Truncating orphaned inode") != std::string::npos) ++finished;
         const Outcome checked = runCommand("/usr/sbin/e2fsck -fn " + name);
-        ASSERT_EQ(checked.status, 0) << "after event " << at << ":\n" << checked.output;
+        EXPECT_EQ(checked.status, 0) << "after event " << at << ":\n" << checked.output;
         const auto size = treeOn(PlainImages::read(name)).at("file").size();
-        ASSERT_TRUE(size == blockSize || size == (2 * pieces - 1) * blockSize) << size;
+        EXPECT_TRUE(size == BlockDevice::blockSize ||
+                    size == (2 * pieces - 1) * BlockDevice::blockSize)
+            << size;
+    }
+    return finished;
+}
+
+TEST(CrashTest, ATruncationOfSeveralTransactionsIsFinishedByTheReplay) {
+    // With the right number of directories the transaction is full in the middle.
+    std::size_t finished = 0;
+    for (int directories = 200; directories > 150 && finished == 0; --directories) {
+        RecordingDisk disk(megabytes, "-J size=4");
+        const auto [from, to] = truncateAfter(directories, disk);
+        if (from < to) finished = finishedAfterCrashes(disk, from, to);
     }
     EXPECT_GT(finished, 0U);
 }
