@@ -52,7 +52,7 @@ void CrashWorkload::run(unsigned operations) {
             operate();
         } catch (const std::system_error& error) {
             if (error.code().value() != EIO && error.code().value() != ENOSPC) throw;
-            tree_ = treeOf(*volume_);
+            tree_ = treeOf(*volume_); // takes no writing
         }
         moments_.push_back({disk_.events(), namesOf(tree_)});
     }
@@ -65,9 +65,21 @@ CrashWorkload::Tree CrashWorkload::treeOf(Ext4Volume& volume) {
 }
 
 void CrashWorkload::close() {
-    for (const ext2_ino_t inode : unlinkedOpen_) volume_->forget(inode, 1);
+    for (const ext2_ino_t inode : unlinkedOpen_) {
+        try {
+            volume_->forget(inode, 1);
+        } catch (const std::system_error&) {
+            // Closing tries again.
+        }
+    }
     unlinkedOpen_.clear();
-    volume_->close();
+    for (int attempt = 0;; ++attempt) {
+        try {
+            return volume_->close();
+        } catch (const std::system_error&) {
+            if (attempt == 20) throw; // no fault lasts that long
+        }
+    }
 }
 
 void CrashWorkload::operate() {
