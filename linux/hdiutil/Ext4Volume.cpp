@@ -268,6 +268,7 @@ void Ext4Volume::forget(ext2_ino_t inode, std::uint64_t references) {
 
 void Ext4Volume::freeIfUnused(ext2_ino_t number) {
     if (references_.contains(number) || !nameless_.contains(number)) return;
+    beginChange();
     Ext4Inode inode = load(number);
     freeInode(inode);
 }
