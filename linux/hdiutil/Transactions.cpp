@@ -107,9 +107,10 @@ void Transactions::commitToJournal() {
         std::vector<Journal::Change> changes;
         for (const BlockCache::Change& change : cache_.changes())
             changes.push_back({change.block, change.contents});
+        // Before: a commit that fails may be in the log all the same.
+        for (const Journal::Change& change : changes) logged_.insert(change.block);
         journal_->commit(changes, revoked);
         for (const std::uint64_t block : revoked) logged_.erase(block);
-        for (const Journal::Change& change : changes) logged_.insert(change.block);
     } catch (...) {
         use_.failed();
         throw;
