@@ -108,6 +108,8 @@ bool serve(const AttachArguments& arguments, FileDescriptor& report) {
         ::_exit(serve(arguments, report) ? EXIT_SUCCESS : EXIT_FAILURE);
     } catch (const VolumeCorrupt& error) {
         failure = ImageDamaged(error.what()).what();
+    } catch (const VolumeNotSupported& error) {
+        failure = ImageNotSupported(error.what()).what();
     } catch (const std::exception& error) {
         failure = error.what();
     }

@@ -25,10 +25,10 @@ BlockCache::Entry& BlockCache::insert(std::uint64_t block) {
 }
 
 void BlockCache::evict() {
-    // A changed block at the end of the row is moved to its front: no more than half of the blocks
-    // are changed, so the next one to go is found soon.
+    // A block at the end of the row that is not written yet is moved to its front: a good part of
+    // the blocks is clean, so the next one to go is found soon.
     for (std::size_t tries = entries_.size(); entries_.size() >= capacity && tries > 0; --tries) {
-        if (entries_.back().dirty) {
+        if (entries_.back().state != State::clean) {
             entries_.splice(entries_.begin(), entries_, std::prev(entries_.end()));
             continue;
         }
@@ -43,7 +43,7 @@ void BlockCache::read(std::uint64_t block, std::span<std::byte> into) {
             std::memcpy(into.data(), entry->data.data(), blockSize);
             continue;
         }
-        image_.read(block, into.first(blockSize));
+        device_.read(block, into.first(blockSize));
         std::memcpy(insert(block).data.data(), into.data(), blockSize);
     }
 }
@@ -53,11 +53,10 @@ void BlockCache::write(std::uint64_t block, std::span<const std::byte> from) {
         Entry* entry = find(block);
         if (entry != nullptr && std::memcmp(entry->data.data(), from.data(), blockSize) == 0)
             continue;
-        if (entry == nullptr || !entry->dirty) image_.reserve(block, 1);
+        if (entry == nullptr || entry->state == State::clean) device_.reserve(block, 1);
         if (entry == nullptr) entry = &insert(block);
         std::memcpy(entry->data.data(), from.data(), blockSize);
-        if (!entry->dirty) ++dirtyCount_;
-        entry->dirty = true;
+        setState(*entry, State::changed);
     }
 }
 
@@ -65,35 +64,61 @@ void BlockCache::forget(std::uint64_t first, std::uint64_t count) {
     for (std::uint64_t block = first; block < first + count; ++block) {
         const auto found = index_.find(block);
         if (found == index_.end()) continue;
-        if (found->second->dirty) --dirtyCount_;
+        setState(*found->second, State::clean);
         entries_.erase(found->second);
         index_.erase(found);
     }
 }
 
-void BlockCache::flush() {
-    if (dirtyCount_ == 0) return;
-    std::vector<Entry*> changed;
-    changed.reserve(dirtyCount_);
+void BlockCache::setState(Entry& entry, State state) noexcept {
+    if (entry.state == State::changed) --changed_;
+    if (entry.state == State::owed) --owed_;
+    entry.state = state;
+    if (state == State::changed) ++changed_;
+    if (state == State::owed) ++owed_;
+}
+
+/// In order of their place.
+std::vector<BlockCache::Entry*> BlockCache::unwritten() {
+    std::vector<Entry*> found;
+    found.reserve(changed_ + owed_);
     for (Entry& entry : entries_)
-        if (entry.dirty) changed.push_back(&entry);
-    std::sort(changed.begin(), changed.end(),
+        if (entry.state != State::clean) found.push_back(&entry);
+    std::sort(found.begin(), found.end(),
               [](const Entry* a, const Entry* b) { return a->block < b->block; });
-    for (std::size_t first = 0; first < changed.size();) {
+    return found;
+}
+
+std::vector<BlockCache::Change> BlockCache::changes() {
+    std::vector<Change> result;
+    result.reserve(changed_);
+    for (const Entry* entry : unwritten())
+        if (entry->state == State::changed) result.push_back({entry->block, entry->data.data()});
+    return result;
+}
+
+void BlockCache::committed() noexcept {
+    for (Entry& entry : entries_)
+        if (entry.state == State::changed) setState(entry, State::owed);
+}
+
+void BlockCache::flush(bool sync) {
+    const std::vector<Entry*> all = unwritten();
+    for (std::size_t first = 0; first < all.size();) {
         std::size_t last = first + 1;
-        while (last < changed.size() && last - first < longestRun &&
-               changed[last]->block == changed[last - 1]->block + 1)
+        while (last < all.size() && last - first < longestRun &&
+               all[last]->block == all[last - 1]->block + 1)
             ++last;
-        writeRun(std::span(changed).subspan(first, last - first));
+        writeRun(std::span(all).subspan(first, last - first));
         first = last;
     }
+    if (sync) device_.sync();
+    for (Entry* entry : all) setState(*entry, State::clean);
 }
 
 void BlockCache::writeRun(std::span<Entry* const> run) {
     std::vector<std::byte> together(run.size() * blockSize);
     for (std::size_t i = 0; i < run.size(); ++i)
         std::memcpy(together.data() + i * blockSize, run[i]->data.data(), blockSize);
-    image_.write(run.front()->block, together);
-    for (Entry* entry : run) entry->dirty = false;
-    dirtyCount_ -= run.size();
+    device_.write(run.front()->block, together);
 }

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
+#include <sys/statvfs.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -141,6 +142,12 @@ EncryptedImage::EncryptedImage(int fd, const Secret& volumeKey, const Geometry& 
 
 EncryptedImage::~EncryptedImage() {
     ::close(fd_);
+}
+
+std::uint64_t EncryptedImage::freeBlocks() {
+    struct statvfs disk {};
+    if (::fstatvfs(fd_, &disk) != 0) failWith(errno, "asking the disk for its room");
+    return static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize / blockSize;
 }
 
 void EncryptedImage::read(std::uint64_t firstBlock, std::span<std::byte> into) {

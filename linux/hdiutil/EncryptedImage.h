@@ -1,5 +1,6 @@
 #pragma once
 
+#include "BlockDevice.h"
 #include "Quillvane/Secret.h"
 
 #include <cstddef>
@@ -14,10 +15,8 @@
 /// size (Linux, Documentation/admin-guide/device-mapper/dm-crypt.rst, without iv_large_sectors).
 /// All operations may be called from several threads at once. I/O failures are
 /// `std::system_error` with the errno; a short read beyond the file's end is EIO.
-class EncryptedImage {
+class EncryptedImage : public BlockDevice {
 public:
-    static constexpr std::size_t blockSize = 4096;
-
     struct Geometry {
         std::uint64_t payloadOffset = 0; ///< bytes from the start of the file
         std::uint64_t payloadSize = 0;   ///< bytes, rounded down to whole blocks
@@ -27,21 +26,15 @@ public:
     /// Takes ownership of `fd` and keeps it open, with whatever lock it carries, until destroyed.
     /// `volumeKey` has 32 bytes (AES-128-XTS) or 64 bytes (AES-256-XTS).
     EncryptedImage(int fd, const Secret& volumeKey, const Geometry& geometry);
-    ~EncryptedImage();
-    EncryptedImage(const EncryptedImage&) = delete;
-    EncryptedImage& operator=(const EncryptedImage&) = delete;
+    ~EncryptedImage() override;
 
     int fd() const noexcept { return fd_; }
-    std::uint64_t blockCount() const noexcept { return geometry_.payloadSize / blockSize; }
-
-    /// `into` and `from` are whole blocks.
-    void read(std::uint64_t firstBlock, std::span<std::byte> into);
-    void write(std::uint64_t firstBlock, std::span<const std::byte> from);
-    /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
-    /// Costs little when it has long had.
-    void reserve(std::uint64_t firstBlock, std::uint64_t count);
-    /// Returns when everything written is on the disk.
-    void sync();
+    std::uint64_t blockCount() const noexcept override { return geometry_.payloadSize / blockSize; }
+    std::uint64_t freeBlocks() override;
+    void read(std::uint64_t firstBlock, std::span<std::byte> into) override;
+    void write(std::uint64_t firstBlock, std::span<const std::byte> from) override;
+    void reserve(std::uint64_t firstBlock, std::uint64_t count) override;
+    void sync() override;
 
 private:
     class CipherPool;

@@ -35,7 +35,7 @@ void Ext4Volume::readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::spa
         const FileBlocks::Run run = map.find(block, into.size() / blockSize);
         const auto part = into.first(run.count * blockSize);
         if (run.kind == FileBlocks::Kind::data)
-            image_.read(run.physical, part);
+            device_.read(run.physical, part);
         else
             std::fill(part.begin(), part.end(), std::byte{0});
         into = into.subspan(part.size());
@@ -66,7 +66,7 @@ std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<
 /// File contents go past the cache, which must not keep what the block held in an earlier life.
 void Ext4Volume::writeThrough(std::uint64_t physical, std::span<const std::byte> from) {
     cache_.forget(physical, from.size() / blockSize);
-    image_.write(physical, from);
+    device_.write(physical, from);
 }
 
 /// Writes the beginning of `from` into the run of blocks at `block`; answers how many bytes.
@@ -108,6 +108,7 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
     if (from.empty()) return 0;
     if (offset > largestFile || from.size() > largestFile - offset) failWith(EFBIG);
     beginChange();
+    unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
     const std::uint64_t first = offset / blockSize;
     const std::size_t within = offset % blockSize;
@@ -139,7 +140,7 @@ void Ext4Volume::zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t 
     const FileBlocks::Run run = map.find(from / blockSize, 1);
     if (run.kind != FileBlocks::Kind::data) return;
     std::vector<std::byte> block(blockSize);
-    image_.read(run.physical, block);
+    device_.read(run.physical, block);
     std::fill_n(block.begin() + static_cast<std::ptrdiff_t>(from % blockSize), to - from,
                 std::byte{0});
     writeThrough(run.physical, block);
@@ -151,8 +152,23 @@ void Ext4Volume::truncate(Ext4Inode& inode, std::uint64_t size) {
     // Beyond the end of the file its last block is zeros, so that a longer file reads zeros there.
     const std::uint64_t end = std::min(size, inode.size());
     zeroWithin(inode, end, blocksFor(end) * blockSize);
-    if (size < inode.size()) FileBlocks(fs_, inode).punch(blocksFor(size), FileBlocks::lastBlock);
+    const bool shorter = size < inode.size();
     Ext4Inodes::setSize(fs_, inode, size);
+    if (shorter) releaseBlocks(inode, blocksFor(size), FileBlocks::lastBlock);
+}
+
+/// Frees blocks of the file, by several transactions when they are very many. Those behind the end
+/// of the file are freed wholly even after a crash in between.
+void Ext4Volume::releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last) {
+    const bool shortens = first >= blocksFor(inode.size()) && !orphans_->contains(inode.number);
+    while (true) {
+        first = FileBlocks(fs_, inode).punchSome(first, last);
+        if (first > last) break;
+        if (shortens) orphans_->add(inode);
+        store(inode);
+        commitWhen(false);
+    }
+    if (shortens) orphans_->remove(inode);
 }
 
 struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes) {
@@ -182,7 +198,7 @@ void Ext4Volume::punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_
     if (firstWhole > lastWhole) return zeroWithin(inode, offset, end);
     zeroWithin(inode, offset, firstWhole * blockSize);
     zeroWithin(inode, lastWhole * blockSize, end);
-    if (firstWhole < lastWhole) FileBlocks(fs_, inode).punch(firstWhole, lastWhole - 1);
+    if (firstWhole < lastWhole) releaseBlocks(inode, firstWhole, lastWhole - 1);
 }
 
 void Ext4Volume::reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
@@ -194,10 +210,13 @@ void Ext4Volume::reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint6
         if (run.kind == FileBlocks::Kind::hole) {
             run = map.extend(block, run.count, [&](FileBlocks::Run& added) {
                 added.kind = FileBlocks::Kind::unwritten;
-                image_.reserve(added.physical, added.count);
+                device_.reserve(added.physical, added.count);
             });
         }
         block += run.count;
+        if (!transactions_->full()) continue;
+        store(inode);
+        commitWhen(false);
     }
 }
 
@@ -213,12 +232,14 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
     if (action != 0 && action != FALLOC_FL_PUNCH_HOLE && action != FALLOC_FL_ZERO_RANGE)
         failWith(EOPNOTSUPP);
     if (action == FALLOC_FL_PUNCH_HOLE && !keepSize) failWith(EOPNOTSUPP);
-    beginChange();
+    beginChange(action == FALLOC_FL_PUNCH_HOLE ? 0 : blocksFor(length));
     if (action != FALLOC_FL_PUNCH_HOLE &&
         blocksFor(length) > ext2fs_free_blocks_count(fs_->super) + inode.attributes().st_blocks / 8)
         failWith(ENOSPC);
     if (action != 0) punchRange(inode, offset, end);
     if (action != FALLOC_FL_PUNCH_HOLE) {
+        store(inode);
+        commitWhen(transactions_->withholds(blocksFor(length)));
         try {
             reserveRange(inode, offset, end);
         } catch (...) {

@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 namespace {
 
@@ -127,17 +128,28 @@ void Ext4Volume::touchDirectory(ext2_ino_t inode, int linkChange) {
     store(self);
 }
 
-/// Takes one link away (all of them from a directory) and frees the inode with the last, unless
-/// somebody still uses it.
+/// Takes one link away (all of them from a directory). An inode that loses its last is freed by
+/// `freeUnused`, unless somebody still uses it.
 void Ext4Volume::dropLink(Ext4Inode& inode) {
     const timespec now = Ext4Inodes::now();
     inode.setChanged(now);
     inode.raw.i_links_count = inode.isDirectory() ? 0 : inode.raw.i_links_count - 1;
-    if (inode.raw.i_links_count == 0) inode.raw.i_dtime = static_cast<__u32>(now.tv_sec);
-    store(inode);
-    if (inode.raw.i_links_count > 0) return;
+    if (inode.raw.i_links_count > 0) return store(inode);
+    orphans_->add(inode);
     nameless_.insert(inode.number);
-    freeIfUnused(inode.number);
+    if (!references_.contains(inode.number)) unused_.push_back(inode.number);
+}
+
+/// The end of an operation that drops links: freeing an inode may take several transactions, so it
+/// comes when everything else is done.
+void Ext4Volume::freeUnused() noexcept {
+    for (const ext2_ino_t number : std::exchange(unused_, {})) {
+        try {
+            freeIfUnused(number);
+        } catch (const std::exception&) {
+            suspect_ = true; // what was asked for is done; closing tries again
+        }
+    }
 }
 
 Ext4Inode Ext4Volume::makeInode(ext2_ino_t parent, mode_t mode, const Caller& caller) {
@@ -145,6 +157,7 @@ Ext4Inode Ext4Volume::makeInode(ext2_ino_t parent, mode_t mode, const Caller& ca
     Ext4Inode inode;
     check(ext2fs_new_inode(fs_, parent, static_cast<int>(mode), nullptr, &inode.number));
     ext2fs_inode_alloc_stats2(fs_, inode.number, +1, S_ISDIR(mode) ? 1 : 0);
+    transactions_->noteInode(inode.number);
     inode.raw.i_mode = static_cast<__u16>(mode);
     inode.setOwner(caller.user);
     inode.setGroup(caller.group);
@@ -250,6 +263,7 @@ struct stat Ext4Volume::create(ext2_ino_t parent, std::string_view name, const N
     }
     if (inode.isDirectory()) touchDirectory(parent, +1);
     references_[inode.number]++;
+    freeUnused();
     return load(inode.number).attributes();
 }
 
@@ -268,6 +282,7 @@ struct stat Ext4Volume::link(ext2_ino_t number, ext2_ino_t parent, std::string_v
     inode.setChanged(Ext4Inodes::now());
     store(inode);
     references_[number]++;
+    freeUnused();
     return inode.attributes();
 }
 
@@ -278,6 +293,7 @@ void Ext4Volume::unlink(ext2_ino_t parent, std::string_view name) {
     beginChange();
     dropName(parent, name);
     dropLink(inode);
+    freeUnused();
 }
 
 void Ext4Volume::removeDirectory(ext2_ino_t parent, std::string_view name) {
@@ -289,6 +305,7 @@ void Ext4Volume::removeDirectory(ext2_ino_t parent, std::string_view name) {
     dropName(parent, name);
     touchDirectory(parent, -1);
     dropLink(inode);
+    freeUnused();
 }
 
 void Ext4Volume::moveParent(const Ext4Inode& moved, ext2_ino_t from, ext2_ino_t to) {
@@ -336,6 +353,7 @@ void Ext4Volume::rename(ext2_ino_t parent, std::string_view name, ext2_ino_t new
     dropName(parent, name);
     moveParent(moved, parent, newParent);
     stampChange(number);
+    freeUnused();
 }
 
 void Ext4Volume::exchange(ext2_ino_t parent, std::string_view name, ext2_ino_t newParent,
@@ -358,9 +376,13 @@ void Ext4Volume::freeInode(Ext4Inode& inode) {
     directories_->drop(inode.number);
     check(ext2fs_free_ext_attr(fs_, inode.number, &inode.raw));
     if (ext2fs_inode_has_valid_blocks2(fs_, inode.base()) != 0)
-        FileBlocks(fs_, inode).punch(0, FileBlocks::lastBlock);
+        releaseBlocks(inode, 0, FileBlocks::lastBlock);
+    orphans_->remove(inode);
     inode.raw.i_dtime = static_cast<__u32>(Ext4Inodes::now().tv_sec);
     store(inode);
     ext2fs_inode_alloc_stats2(fs_, inode.number, -1, inode.isDirectory() ? 1 : 0);
+    transactions_->noteInode(inode.number);
     nameless_.erase(inode.number);
+    unsyncedContents_.erase(inode.number);
+    lostContents_.erase(inode.number);
 }

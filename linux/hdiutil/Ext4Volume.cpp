@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <string>
 #include <system_error>
 
 namespace {
@@ -43,40 +44,57 @@ void checkFeatures(ext2_filsys fs) {
         throw VolumeCorrupt("the volume's inodes are smaller than 256 bytes");
 }
 
+void checkJournalPlace(ext2_filsys fs) {
+    if (ext2fs_has_feature_journal(fs->super) != 0 && fs->super->s_journal_inum == 0)
+        throw VolumeNotSupported("the volume's journal lies on another device");
+}
+
 } // namespace
 
-bool Ext4Volume::needsCheck(EncryptedImage& image) {
-    BlockCache cache(image);
+bool Ext4Volume::needsCheck(BlockDevice& device) {
+    BlockCache cache(device);
     ext2_filsys fs = nullptr;
     const errcode_t code = Ext2Io::open(cache, EXT2_FLAG_64BITS, &fs);
     if (code == EXT2_ET_SB_CSUM_INVALID) return true; // torn by a crash; e2fsck has spare copies
     checkStructure(code, "opening the volume");
-    const bool needed =
-        (fs->super->s_state & EXT2_VALID_FS) == 0 || (fs->super->s_state & EXT2_ERROR_FS) != 0 ||
-        ext2fs_has_feature_journal_needs_recovery(fs->super) != 0 || fs->super->s_last_orphan != 0;
-    ext2fs_free(fs);
-    return needed;
+    const std::unique_ptr<struct_ext2_filsys, void (*)(ext2_filsys)> owner(fs, ext2fs_free);
+    checkJournalPlace(fs);
+    return (fs->super->s_state & EXT2_VALID_FS) == 0 || (fs->super->s_state & EXT2_ERROR_FS) != 0 ||
+           ext2fs_has_feature_journal_needs_recovery(fs->super) != 0 ||
+           fs->super->s_last_orphan != 0;
 }
 
-Ext4Volume::Ext4Volume(EncryptedImage& image, bool readOnly)
-    : image_(image), readOnly_(readOnly), cache_(image) {}
+Ext4Volume::Ext4Volume(BlockDevice& device, bool readOnly)
+    : device_(device), readOnly_(readOnly), cache_(device) {}
 
-std::unique_ptr<Ext4Volume> Ext4Volume::open(EncryptedImage& image, bool readOnly) {
-    std::unique_ptr<Ext4Volume> volume(new Ext4Volume(image, readOnly));
+std::unique_ptr<Ext4Volume> Ext4Volume::open(BlockDevice& device, bool readOnly) {
+    std::unique_ptr<Ext4Volume> volume(new Ext4Volume(device, readOnly));
     const int access = readOnly ? 0 : EXT2_FLAG_RW;
     checkStructure(Ext2Io::open(volume->cache_, EXT2_FLAG_64BITS | access, &volume->fs_),
                    "opening the volume");
-    ext2_filsys fs = volume->fs_;
-    checkFeatures(fs);
-    if (ext2fs_blocks_count(fs->super) > image.blockCount())
-        throw VolumeCorrupt("the volume is larger than its image");
-    checkStructure(ext2fs_check_desc(fs), "checking the group descriptors");
-    checkStructure(ext2fs_read_bitmaps(fs), "reading the bitmaps");
-    // The spare copies of the superblock change only when the volume's shape does.
-    fs->flags |= EXT2_FLAG_MASTER_SB_ONLY;
-    volume->directories_ = std::make_unique<DirectoryCache>(fs);
-    volume->overhead_ = volume->overheadBlocks();
+    volume->prepare();
     return volume;
+}
+
+void Ext4Volume::prepare() {
+    checkJournalPlace(fs_);
+    checkFeatures(fs_);
+    if (ext2fs_blocks_count(fs_->super) > device_.blockCount())
+        throw VolumeCorrupt("the volume is larger than its image");
+    checkStructure(ext2fs_check_desc(fs_), "checking the group descriptors");
+    checkStructure(ext2fs_read_bitmaps(fs_), "reading the bitmaps");
+    // The spare copies of the superblock change only when the volume's shape does.
+    fs_->flags |= EXT2_FLAG_MASTER_SB_ONLY;
+    if (!readOnly_) {
+        try {
+            transactions_ = std::make_unique<Transactions>(device_, cache_, fs_);
+        } catch (const JournalUnusable& error) {
+            throw VolumeCorrupt(error.what());
+        }
+        orphans_ = std::make_unique<OrphanList>(fs_);
+    }
+    directories_ = std::make_unique<DirectoryCache>(fs_);
+    overhead_ = overheadBlocks();
 }
 
 Ext4Volume::~Ext4Volume() {
@@ -86,6 +104,7 @@ Ext4Volume::~Ext4Volume() {
     } catch (const std::exception&) {
         // Whoever wanted to know has called close() before.
     }
+    transactions_.reset();
     if (fs_ != nullptr) ext2fs_free(fs_);
 }
 
@@ -100,58 +119,44 @@ void Ext4Volume::close() {
             suspect_ = true; // everything else is more important
         }
     }
+    if (transactions_) transactions_->end(suspect_);
     nameless_.clear();
-    if (marked_) {
-        flushStructure();
-        image_.sync();
-        fs_->super->s_state |= EXT2_VALID_FS;
-        if (suspect_) fs_->super->s_state |= EXT2_ERROR_FS;
-        ext2fs_mark_super_dirty(fs_);
-        try {
-            flushStructure();
-            image_.sync();
-        } catch (...) {
-            // Still open, so still to be marked as in use before the next change.
-            fs_->super->s_state &= static_cast<__u16>(~EXT2_VALID_FS);
-            ext2fs_mark_super_dirty(fs_);
-            throw;
-        }
-    }
+    transactions_.reset();
     ext2fs_free(fs_);
     fs_ = nullptr;
 }
 
-/// Before the first change the volume is marked as in use, so that a crash is seen as one.
-void Ext4Volume::beginChange() {
+void Ext4Volume::beginChange(std::uint64_t neededBlocks) {
     if (readOnly_) failWith(EROFS);
-    if (cache_.full()) cache_.flush();
-    if (!marked_) {
-        reserveBitmaps();
-        fs_->super->s_state &= static_cast<__u16>(~EXT2_VALID_FS);
-        fs_->super->s_mtime = static_cast<__u32>(::time(nullptr));
-        fs_->super->s_mnt_count++;
-        ext2fs_mark_super_dirty(fs_);
-        flushStructure();
-        image_.sync();
-        marked_ = true;
-    }
+    transactions_->begin();
+    commitWhen(transactions_->withholds(neededBlocks));
     unsynced_ = true;
 }
 
-/// The bitmaps are changed only when they are flushed, and the disk may be full by then.
-void Ext4Volume::reserveBitmaps() {
-    std::vector<blk64_t> blocks;
-    for (dgrp_t group = 0; group < fs_->group_desc_count; ++group) {
-        blocks.push_back(ext2fs_block_bitmap_loc(fs_, group));
-        blocks.push_back(ext2fs_inode_bitmap_loc(fs_, group));
+/// To be called only where the volume's structure is whole.
+void Ext4Volume::commitWhen(bool needed) {
+    if (needed || transactions_->full()) commit();
+}
+
+void Ext4Volume::commit() {
+    if (suspect_ && (fs_->super->s_state & EXT2_ERROR_FS) == 0) {
+        fs_->super->s_state |= EXT2_ERROR_FS;
+        ext2fs_mark_super_dirty(fs_);
     }
-    std::sort(blocks.begin(), blocks.end());
-    for (std::size_t first = 0; first < blocks.size();) {
-        std::size_t last = first + 1;
-        while (last < blocks.size() && blocks[last] == blocks[last - 1] + 1) ++last;
-        image_.reserve(blocks[first], last - first);
-        first = last;
+    try {
+        transactions_->commit();
+    } catch (...) {
+        contentsMayBeLost();
+        throw;
     }
+    unsyncedContents_.clear();
+}
+
+/// After a failed sync the system takes what it could not write for written, and the next sync
+/// succeeds. So whoever syncs one of the files is told.
+void Ext4Volume::contentsMayBeLost() {
+    lostContents_.merge(unsyncedContents_);
+    unsyncedContents_.clear();
 }
 
 void Ext4Volume::noteFailure(int error) {
@@ -159,27 +164,43 @@ void Ext4Volume::noteFailure(int error) {
     if (error == EIO || error == EUCLEAN || error == ENOMEM) suspect_ = true;
 }
 
-void Ext4Volume::flushStructure() {
-    check(ext2fs_flush(fs_));
-    cache_.flush();
-}
-
 void Ext4Volume::sync() {
     const std::lock_guard lock(mutex_);
+    syncAll();
+}
+
+void Ext4Volume::syncAll() {
     if (!unsynced_) return;
-    flushStructure();
-    image_.sync();
+    commit();
     unsynced_ = false;
 }
 
-void Ext4Volume::syncFile(ext2_ino_t) {
-    // Without a journal a file is reachable after a crash only if the structure above it is whole.
+void Ext4Volume::writeBehind() {
+    {
+        const std::lock_guard lock(mutex_);
+        if (!unsynced_) return;
+    }
+    try {
+        device_.sync(); // file contents, most of what there is to wait for
+    } catch (...) {
+        const std::lock_guard lock(mutex_);
+        contentsMayBeLost();
+        throw;
+    }
     sync();
 }
 
-bool Ext4Volume::dirty() {
+// A file is reachable after a crash only with the structure above it, which is in the same
+// transaction.
+void Ext4Volume::syncFile(ext2_ino_t inode) {
     const std::lock_guard lock(mutex_);
-    return unsynced_;
+    try {
+        syncAll();
+    } catch (...) {
+        lostContents_.erase(inode); // this is the report
+        throw;
+    }
+    if (lostContents_.erase(inode) > 0) failWith(EIO);
 }
 
 std::string Ext4Volume::name() {
@@ -214,10 +235,7 @@ std::uint64_t Ext4Volume::overheadBlocks() {
 
 struct statvfs Ext4Volume::statistics() {
     const std::lock_guard lock(mutex_);
-    struct statvfs disk {};
-    if (::fstatvfs(image_.fd(), &disk) != 0) failWith(errno);
-    const std::uint64_t onDisk =
-        static_cast<std::uint64_t>(disk.f_bavail) * disk.f_frsize / fs_->blocksize;
+    const std::uint64_t onDisk = device_.freeBlocks();
     struct statvfs result {};
     result.f_bsize = fs_->blocksize;
     result.f_frsize = fs_->blocksize;
@@ -250,6 +268,7 @@ void Ext4Volume::forget(ext2_ino_t inode, std::uint64_t references) {
 
 void Ext4Volume::freeIfUnused(ext2_ino_t number) {
     if (references_.contains(number) || !nameless_.contains(number)) return;
+    beginChange();
     Ext4Inode inode = load(number);
     freeInode(inode);
 }

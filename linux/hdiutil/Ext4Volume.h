@@ -2,8 +2,9 @@
 
 #include "BlockCache.h"
 #include "Directory.h"
-#include "EncryptedImage.h"
 #include "Ext4Inode.h"
+#include "OrphanList.h"
+#include "Transactions.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -30,15 +31,23 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+/// The volume needs something that this program does not have; the text says what.
+class VolumeNotSupported : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 /// An ext4 file system on an encrypted image, with the operations that a mounted one needs.
 ///
 /// Inodes are named by their ext4 number. Every operation holds the volume's one lock, so any
 /// thread may call any of them. They fail with `std::system_error`, whose code is the errno for the
 /// caller of the system call. Names are bytes, at most 255 of them.
 ///
-/// File contents reach the image before `write` returns; structure is written behind, by `sync`,
-/// `syncFile` and `close`. There is no journalling: after a crash the volume needs `e2fsck`, and
-/// `needsCheck` says so.
+/// File contents reach the image before `write` returns; structure goes through the volume's
+/// journal, by `sync`, `syncFile` and `close`. Each operation happens wholly or not at all,
+/// whatever the moment of a crash; but one that frees or reserves very much may happen in part, and
+/// so may the writing of contents. After a crash the journal has to be replayed, and `needsCheck`
+/// says so. A volume without a journal needs to be checked then.
 class Ext4Volume {
 public:
     /// Who asks, for the owner of what is created.
@@ -67,9 +76,10 @@ public:
     static constexpr std::size_t longestName = EXT2_NAME_LEN;
 
     /// Whether the volume was not closed, or has a journal to replay. Throws like `open`.
-    static bool needsCheck(EncryptedImage& image);
-    /// `image` must outlive the volume. Throws `VolumeCorrupt`, or `std::system_error` on I/O.
-    static std::unique_ptr<Ext4Volume> open(EncryptedImage& image, bool readOnly);
+    static bool needsCheck(BlockDevice& device);
+    /// `device` must outlive the volume. Throws `VolumeCorrupt`, `VolumeNotSupported`, or
+    /// `std::system_error` on I/O.
+    static std::unique_ptr<Ext4Volume> open(BlockDevice& device, bool readOnly);
     /// Closes as well as it can without a report; call `close` first.
     ~Ext4Volume();
     Ext4Volume(const Ext4Volume&) = delete;
@@ -78,13 +88,13 @@ public:
     /// Writes everything, marks the volume clean and ends it. After a failure the volume stays open
     /// with nothing lost, and `close` may be called again. The last call on a volume that succeeds.
     void close();
-    /// Returns when everything is on the disk.
+    /// Returns when everything is on the disk. After a failure nothing is known to be.
     void sync();
+    /// As `sync`, if there is anything to do, and holds others up for a shorter time.
+    void writeBehind();
     /// To be told of each operation's failure: after those that can leave a change half-way the
     /// volume is closed as one that `needsCheck`.
     void noteFailure(int error);
-    /// Whether anything changed since the last `sync`.
-    bool dirty();
     bool readOnly() const noexcept { return readOnly_; }
 
     /// The volume's name in full; an ext4 label holds only its first 16 bytes.
@@ -125,7 +135,8 @@ public:
     void allocate(ext2_ino_t inode, int mode, std::uint64_t offset, std::uint64_t length);
     /// SEEK_DATA or SEEK_HOLE; ENXIO beyond the end.
     std::uint64_t seek(ext2_ino_t inode, std::uint64_t offset, int whence);
-    /// Returns when the file's contents and attributes are on the disk.
+    /// Returns when the file's contents and attributes are on the disk. Fails once, for each file,
+    /// when contents may have been lost because the disk failed since it was last synced.
     void syncFile(ext2_ino_t inode);
 
     /// ENODATA when there is no such attribute.
@@ -143,12 +154,16 @@ private:
     };
     using AttributeHandle = std::unique_ptr<ext2_xattr_handle, AttributeHandleDeleter>;
 
-    Ext4Volume(EncryptedImage& image, bool readOnly);
+    Ext4Volume(BlockDevice& device, bool readOnly);
 
     // All below expect the lock to be held.
-    void beginChange();
-    void reserveBitmaps();
-    void flushStructure();
+    void prepare();
+    /// `neededBlocks` is what the change takes besides a few.
+    void beginChange(std::uint64_t neededBlocks = 0);
+    void commitWhen(bool needed);
+    void commit();
+    void syncAll();
+    void contentsMayBeLost();
     std::uint64_t overheadBlocks();
 
     Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
@@ -173,6 +188,7 @@ private:
     void writeSymlink(Ext4Inode& inode, std::string_view target);
     void freeInode(Ext4Inode& inode);
     void freeIfUnused(ext2_ino_t inode);
+    void freeUnused() noexcept;
 
     void readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into);
     std::size_t writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
@@ -182,6 +198,7 @@ private:
     void writeThrough(std::uint64_t physical, std::span<const std::byte> from);
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
+    void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
 
@@ -198,17 +215,24 @@ private:
     void setAccessAcl(ext2_ino_t inode, std::span<const std::byte> acl);
     void followModeInAcl(Ext4Inode& inode);
 
-    EncryptedImage& image_;
+    BlockDevice& device_;
     const bool readOnly_;
     std::mutex mutex_;
     BlockCache cache_;
     ext2_filsys fs_ = nullptr;
+    std::unique_ptr<Transactions> transactions_;
+    std::unique_ptr<OrphanList> orphans_;
     std::unique_ptr<DirectoryCache> directories_;
     std::unordered_map<ext2_ino_t, std::uint64_t> references_;
     /// Inodes without a name that are still referenced.
     std::unordered_set<ext2_ino_t> nameless_;
+    /// Those of them that lost their last reference first.
+    std::vector<ext2_ino_t> unused_;
+    /// Files with contents that were written since the last sync; and with such as the system may
+    /// have thrown away when a sync failed.
+    std::unordered_set<ext2_ino_t> unsyncedContents_;
+    std::unordered_set<ext2_ino_t> lostContents_;
     std::uint64_t overhead_ = 0;
-    bool marked_ = false;   ///< the volume on the disk says that it is in use
     bool suspect_ = false;  ///< a change may have been left half-way
     bool unsynced_ = false; ///< something was changed since the last sync
 };

@@ -1,5 +1,6 @@
 #include "FileBlocks.h"
 
+#include "BlockUse.h"
 #include "Ext2Error.h"
 
 #include <algorithm>
@@ -11,6 +12,10 @@ constexpr std::uint64_t longestData = EXT_INIT_MAX_LEN;
 constexpr std::uint64_t longestUnwritten = EXT_UNINIT_MAX_LEN;
 /// Requests of at least this many blocks first look for one free row that holds them all.
 constexpr std::uint64_t worthOneRow = 16;
+/// What is freed at once: extents, each of which may change a bitmap; blocks of a block list, a
+/// thousand of which hang on one indirect block.
+constexpr unsigned mostCuts = 64;
+constexpr std::uint64_t leastListed = 65536;
 
 bool isUnwritten(const ext2fs_extent& extent) {
     return (extent.e_flags & EXT2_EXTENT_FLAGS_UNINIT) != 0;
@@ -93,12 +98,12 @@ FileBlocks::Run FileBlocks::allocate(std::uint64_t logical, std::uint64_t count)
         code = ext2fs_new_range(fs_, 0, goal, count, nullptr, &physical, &got);
     check(code);
     got = std::min<blk64_t>(got, count);
-    ext2fs_block_alloc_stats_range(fs_, physical, static_cast<blk_t>(got), +1);
+    BlockUse::setRange(fs_, physical, got, +1);
     return {Kind::data, logical, physical, got};
 }
 
 void FileBlocks::release(const Run& run) {
-    ext2fs_block_alloc_stats_range(fs_, run.physical, static_cast<blk_t>(run.count), -1);
+    BlockUse::setRange(fs_, run.physical, run.count, -1);
 }
 
 void FileBlocks::insert(const Run& run) {
@@ -205,19 +210,23 @@ bool FileBlocks::joinLeft(const ext2fs_extent& extent) {
 
 // ext2fs_punch of libext2fs 1.47.0 refuses an extent that ends with the volume's last block, so
 // extents are cut here.
-void FileBlocks::punch(std::uint64_t first, std::uint64_t last) {
+std::uint64_t FileBlocks::punchSome(std::uint64_t first, std::uint64_t last) {
     if (!inode_.usesExtents()) {
-        check(ext2fs_punch(fs_, inode_.number, inode_.base(), nullptr, first, last));
-        return;
+        // Ever larger pieces, as there is no telling where the file's last block is.
+        const std::uint64_t end = std::min(last, first + std::max(first, leastListed) - 1);
+        check(ext2fs_punch(fs_, inode_.number, inode_.base(), nullptr, first, end));
+        return end + 1;
     }
-    for (std::uint64_t at = first; at <= last;) {
+    std::uint64_t at = first;
+    for (unsigned cuts = 0; at <= last && cuts < mostCuts; ++cuts) {
         const auto extent = seek(at);
-        if (!extent || extent->e_lblk > last) return;
+        if (!extent || extent->e_lblk > last) return last + 1;
         const std::uint64_t from = std::max<std::uint64_t>(at, extent->e_lblk);
         const std::uint64_t to = std::min<std::uint64_t>(last, extent->e_lblk + extent->e_len - 1);
         cut(*extent, from, to);
         at = to + 1;
     }
+    return at;
 }
 
 /// Takes the blocks from `from` to `to` out of `extent`, on which the handle stands.

@@ -47,8 +47,9 @@ public:
     }
     /// Turns unwritten blocks into data.
     void markWritten(const Run& run);
-    /// Frees all blocks from `first` to `last`.
-    void punch(std::uint64_t first, std::uint64_t last);
+    /// Frees blocks from `first` to `last`, as many as one transaction takes with ease. Answers the
+    /// block to go on with; beyond `last` when all are free.
+    std::uint64_t punchSome(std::uint64_t first, std::uint64_t last);
 
 private:
     Run allocate(std::uint64_t logical, std::uint64_t count);

@@ -42,18 +42,25 @@ std::string lastLines(const std::string& output) {
     return from == std::string::npos || from == 0 ? output : output.substr(from + 1);
 }
 
-ProgramResult check(const PlaintextExport& plaintext, const char* mode) {
-    return runProgram(E2FSCK_PROGRAM, {"-f", mode, plaintext.file().string()});
+ProgramResult check(const PlaintextExport& plaintext, std::vector<std::string> options) {
+    options.push_back(plaintext.file().string());
+    return runProgram(E2FSCK_PROGRAM, options);
+}
+
+bool succeeded(const ProgramResult& result) {
+    return (result.status & ~correctedBits) == 0;
 }
 
 void repair(EncryptedImage& image) {
     const PlaintextExport plaintext(image);
-    const ProgramResult careful = check(plaintext, "-p");
-    if ((careful.status & ~correctedBits) == 0) return;
+    // Replays the journal and frees what had no name any more. It goes on to look at everything
+    // only when the volume says that it is not sound, which a crash alone does not bring about.
+    if (succeeded(check(plaintext, {"-p"})) && !Ext4Volume::needsCheck(image)) return;
+    if (succeeded(check(plaintext, {"-f", "-p"})) && !Ext4Volume::needsCheck(image)) return;
     // What the careful mode leaves to a person's decision is nearly always an entry that a power
     // failure cut short. Nobody can be asked here, so agree, and trust only a clean second look.
-    const ProgramResult thorough = check(plaintext, "-y");
-    const ProgramResult verdict = check(plaintext, "-n");
+    const ProgramResult thorough = check(plaintext, {"-f", "-y"});
+    const ProgramResult verdict = check(plaintext, {"-f", "-n"});
     if (verdict.status != 0)
         throw ImageDamaged("the volume could not be repaired:\n" + lastLines(thorough.output));
 }

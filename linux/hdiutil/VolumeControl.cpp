@@ -134,7 +134,7 @@ void VolumeControl::syncAll() {
 
 void VolumeControl::writeBehind() noexcept {
     try {
-        if (volume_.dirty()) volume_.sync();
+        volume_.writeBehind();
     } catch (const std::exception&) {
         // Nothing is lost yet; the next sync, at the latest the one before the end, reports it.
     }

@@ -27,8 +27,10 @@ std::vector<std::string> formatArguments(const EncryptedImage& image, std::strin
     return {"-t", "ext4", "-b", "4096", "-I", "256", "-m", "0", "-q", "-F",
             // Small volumes are for trees of small files, one inode a block.
             "-i", size < 4 * gibibyte ? "4096" : "16384",
-            // The journal is written out in full, as a hole would read as random bytes.
-            "-J", "size=4", "-O", features, "-L", std::string(label), "-E",
+            // The journal is written out in full, as a hole would read as random bytes. A quarter
+            // of it holds what changes in five seconds of copying small files; a larger one is not
+            // measurably faster.
+            "-J", "size=16", "-O", features, "-L", std::string(label), "-E",
             "nodiscard,lazy_itable_init=1,root_owner=" + owner, file};
 }
 

@@ -2,8 +2,12 @@
 stock kernel open with the passphrase that follows from the recovery key, and which the program
 opens again whatever they did to it."""
 
+import os
+import pathlib
 import pickle
 import re
+import shutil
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -122,6 +126,38 @@ class StandardFormatTest(quillvane.Case):
         self.qv("close", item)
         self.guest.run(open_(key) + CHECK + MOUNT + take("look", "seen") + CLOSE, item)
         self.assertAlike(after, self.listing("seen"))
+
+    def testTheKernelReplaysTheServersJournal(self):
+        item, key, before = self.lock()
+        mountPoint = pathlib.Path(self.open(item))
+        folder = mountPoint / "synced"
+        folder.mkdir()
+        for number in range(3000):  # more blocks than one, and some that are freed again
+            (folder / f"name {number}").write_bytes(b"%d" % number)
+        for number in range(0, 3000, 3):
+            (folder / f"name {number}").unlink()
+        shutil.rmtree(mountPoint / "crowd")
+        with open(folder / "nameless", "wb") as file:
+            (folder / "nameless").unlink()
+            file.write(bytes(1 << 20))
+            fd = os.open(folder, os.O_RDONLY)
+            os.fsync(fd)
+            os.close(fd)
+            after = quillvane.describe(mountPoint)
+            (server,) = quillvane.serversOf(item)
+            os.kill(server, signal.SIGKILL)
+            self.assertTrue(quillvane.eventually(lambda: not quillvane.serversOf(item)))
+        self.run_(quillvane.tool("hdiutil"), "detach", "-force", mountPoint)
+        features = self.guest.run(
+            open_(key, "--readonly") + "dumpe2fs -h /dev/mapper/vault\n", item, readOnly=True)
+        self.assertIn("needs_recovery", features)
+
+        self.guest.run(open_(key) + MOUNT + take("look", "seen") + CLOSE + open_(key) + CHECK, item,
+                       seconds=120)
+        self.assertAlike(after, self.listing("seen"))
+        mountPoint = self.open(item)
+        self.assertAlike(after, quillvane.describe(mountPoint))
+        self.qv("close", item)
 
     def assertReplayed(self, before, after):
         """Everything that was synced before the power cut is there, and all else is as it was."""

@@ -33,27 +33,28 @@ protected:
 };
 
 TEST_F(BlockCacheTest, WritesNothingUntilItIsFlushed) {
-    for (std::uint64_t block = 0; block < BlockCache::dirtyLimit; ++block)
+    for (std::uint64_t block = 0; block < BlockCache::changedLimit; ++block)
         disk.image().write(block, blockOf(1));
-    for (std::uint64_t block = 0; block < BlockCache::dirtyLimit; ++block) {
-        EXPECT_FALSE(cache.full());
+    for (std::uint64_t block = 0; block < BlockCache::changedLimit; ++block) {
+        EXPECT_EQ(cache.changedCount(), block);
         cache.write(block, blockOf(2));
     }
-    cache.write(BlockCache::dirtyLimit, blockOf(2));
-    EXPECT_TRUE(cache.full());
+    cache.write(BlockCache::changedLimit, blockOf(2));
+    EXPECT_EQ(cache.changedCount(), BlockCache::changedLimit + 1);
     EXPECT_EQ(onDisk(0), 1);
     EXPECT_EQ(cached(0), 2);
-    cache.flush();
-    EXPECT_FALSE(cache.full());
-    for (std::uint64_t block = 0; block <= BlockCache::dirtyLimit; ++block)
+    cache.flush(false);
+    EXPECT_EQ(cache.changedCount(), 0U);
+    for (std::uint64_t block = 0; block <= BlockCache::changedLimit; ++block)
         ASSERT_EQ(onDisk(block), 2);
 }
 
 TEST_F(BlockCacheTest, KeepsChangedBlocksHoweverManyAreRead) {
     cache.write(7, blockOf(3));
-    for (std::uint64_t block = 100; block < 100 + 2 * BlockCache::capacity; ++block) cached(block);
+    for (std::uint64_t block = 100; block < 100 + 3 * BlockCache::capacity / 2; ++block)
+        cached(block);
     EXPECT_EQ(cached(7), 3);
-    cache.flush();
+    cache.flush(false);
     EXPECT_EQ(onDisk(7), 3);
 }
 
@@ -61,7 +62,7 @@ TEST_F(BlockCacheTest, ForgetsWhatABlockWasInAnEarlierLife) {
     cache.write(7, blockOf(4));
     cache.forget(7, 1);
     disk.image().write(7, blockOf(5));
-    cache.flush();
+    cache.flush(false);
     EXPECT_EQ(onDisk(7), 5);
     EXPECT_EQ(cached(7), 5);
 }

@@ -579,6 +579,58 @@ TEST(Ext4VolumeForeignTest, UsesFileSystemsWithoutExtentsChecksumsOrHashTrees) {
     disk.close();
 }
 
+TEST(Ext4VolumeForeignTest, AVolumeWithoutAJournalIsCheckedAfterACrash) {
+    PlainVolume disk;
+    const auto plain = disk.decrypt();
+    const std::string edit = "/usr/sbin/tune2fs -O ^has_journal ";
+    ASSERT_EQ(std::system((edit + plain.string() + " >/dev/null").c_str()), 0);
+    disk.encrypt(plain);
+    const ext2_ino_t root = Ext4Volume::root;
+    const ext2_ino_t file =
+        numberOf(disk.volume().create(root, "file", {S_IFREG | 0644, 0, {}}, me));
+    disk.volume().write(file, 0, pattern(50'000, 3));
+    disk.volume().syncFile(file);
+    disk.crash();
+    EXPECT_TRUE(Ext4Volume::needsCheck(disk.image()));
+    EXPECT_EQ(disk.check(), "");
+    disk.volume().unlink(root, "file");
+    disk.close();
+    EXPECT_FALSE(Ext4Volume::needsCheck(disk.image()));
+    EXPECT_EQ(disk.check(), "");
+}
+
+TEST(Ext4VolumeForeignTest, AJournalOnAnotherDeviceIsRefused) {
+    PlainVolume disk;
+    const auto plain = disk.decrypt();
+    const std::string edit = "/usr/sbin/debugfs -w -R 'ssv journal_inum 0' ";
+    ASSERT_EQ(std::system((edit + plain.string() + " 2>/dev/null").c_str()), 0);
+    disk.encrypt(plain);
+    EXPECT_THROW(Ext4Volume::needsCheck(disk.image()), VolumeNotSupported);
+    EXPECT_THROW(Ext4Volume::open(disk.image(), false), VolumeNotSupported);
+}
+
+TEST(Ext4VolumeForeignTest, AJournalThatHoldsTransactionsIsNotWrittenOver) {
+    PlainVolume disk;
+    disk.volume().create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, me);
+    disk.volume().sync();
+    disk.crash();
+    EXPECT_THROW(Ext4Volume::open(disk.image(), false), VolumeCorrupt);
+}
+
+TEST(Ext4VolumeForeignTest, JournalsOfAllSizesServe) {
+    for (const char* size : {"-J size=4", "-J size=7", "-J size=40"}) {
+        PlainVolume disk(128, size);
+        const ext2_ino_t root = Ext4Volume::root;
+        for (int i = 0; i < 3000; ++i) {
+            const std::string name = "d" + std::to_string(i);
+            disk.volume().create(root, name, {S_IFDIR | 0755, 0, {}}, me);
+            if (i % 3 == 0) disk.volume().removeDirectory(root, name);
+        }
+        disk.close();
+        EXPECT_EQ(disk.check(), "") << size;
+    }
+}
+
 TEST(Ext4VolumeForeignTest, GivesUpAHashTreeWhenItAddsAName) {
     PlainVolume disk;
     const ext2_ino_t root = Ext4Volume::root;

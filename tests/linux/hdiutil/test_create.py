@@ -17,7 +17,7 @@ class CreateTest(CommandCase):
         self.assertEqual(0o600, stat.S_IMODE(status.st_mode))
         self.assertGreater(status.st_size, 200 << 20)
         self.assertEqual(0, status.st_size % 4096)
-        self.assertLess(status.st_blocks * 512, 16 << 20)
+        self.assertLess(status.st_blocks * 512, 24 << 20)
         key = self.work / "key"
         key.write_text(PASSPHRASE)
         check = self.run_("/usr/sbin/cryptsetup", "open", "--test-passphrase", "--key-file", key,

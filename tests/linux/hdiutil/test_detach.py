@@ -152,7 +152,7 @@ class DetachTest(CommandCase):
             self.skipTest("needs to mount a small disk")
         disk = self.work / "disk"
         disk.mkdir()
-        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=16m", "tmpfs", disk], check=True)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=28m", "tmpfs", disk], check=True)
         self.addCleanup(subprocess.run, ["umount", "-l", disk])
         image = disk / "image"
         self.created(image)

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+/// A row of 4096-byte blocks that a volume lies on.
+///
+/// What was written may reach the disk in any order, or not at all, until `sync` returns. All
+/// operations may be called from several threads at once; failures are `std::system_error`.
+class BlockDevice {
+public:
+    static constexpr std::size_t blockSize = 4096;
+
+    BlockDevice() = default;
+    virtual ~BlockDevice() = default;
+    BlockDevice(const BlockDevice&) = delete;
+    BlockDevice& operator=(const BlockDevice&) = delete;
+
+    virtual std::uint64_t blockCount() const noexcept = 0;
+    /// How many blocks the disk beneath still has room for.
+    virtual std::uint64_t freeBlocks() = 0;
+    /// `into` and `from` are whole blocks.
+    virtual void read(std::uint64_t firstBlock, std::span<std::byte> into) = 0;
+    virtual void write(std::uint64_t firstBlock, std::span<const std::byte> from) = 0;
+    /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
+    /// Costs little when it has long had.
+    virtual void reserve(std::uint64_t firstBlock, std::uint64_t count) = 0;
+    /// Returns when everything written is on the disk.
+    virtual void sync() = 0;
+};

@@ -1,0 +1,179 @@
+#include "Transactions.h"
+
+#include "Ext2Error.h"
+#include "FileBlocks.h"
+
+#include <algorithm>
+#include <ctime>
+#include <system_error>
+
+namespace {
+
+/// Free blocks that an operation may need besides those it asks for.
+constexpr std::uint64_t spareBlocks = 2048;
+/// Structure that each commit writes besides bitmaps and blocks already counted.
+constexpr std::size_t superblocks = 16;
+
+std::optional<Journal> openJournal(BlockDevice& device, ext2_filsys fs) {
+    if (ext2fs_has_feature_journal(fs->super) == 0) return std::nullopt;
+    Ext4Inode inode = Ext4Inodes::load(fs, fs->super->s_journal_inum);
+    std::vector<std::uint64_t> blocks(inode.size() / fs->blocksize);
+    FileBlocks map(fs, inode);
+    for (std::size_t at = 0; at < blocks.size();) {
+        const FileBlocks::Run run = map.find(at, blocks.size() - at);
+        if (run.kind != FileBlocks::Kind::data) throw JournalUnusable("the journal has holes");
+        for (std::uint64_t i = 0; i < run.count; ++i) blocks[at++] = run.physical + i;
+    }
+    return std::make_optional<Journal>(device, std::move(blocks),
+                                       ext2fs_has_feature_64bit(fs->super) != 0);
+}
+
+} // namespace
+
+Transactions::Transactions(BlockDevice& device, BlockCache& cache, ext2_filsys fs)
+    : device_(device), cache_(cache), fs_(fs), journal_(openJournal(device, fs)),
+      use_(fs, journal_.has_value()) {}
+
+// A volume with a journal stays marked as valid: it needs a replay, not a check.
+void Transactions::begin() {
+    if (inUse_) return;
+    reserveBitmaps();
+    if (journal_)
+        ext2fs_set_feature_journal_needs_recovery(fs_->super);
+    else
+        fs_->super->s_state &= static_cast<__u16>(~EXT2_VALID_FS);
+    if (!marked_) {
+        fs_->super->s_mtime = static_cast<__u32>(::time(nullptr));
+        fs_->super->s_mnt_count++;
+    }
+    ext2fs_mark_super_dirty(fs_);
+    marked_ = true;
+    writeStructure();
+    cache_.flush(true);
+    use_.committed();
+    if (journal_) journal_->start();
+    inUse_ = true;
+}
+
+/// The bitmaps are changed only when they are committed, and the disk may be full by then.
+void Transactions::reserveBitmaps() {
+    std::vector<blk64_t> blocks;
+    for (dgrp_t group = 0; group < fs_->group_desc_count; ++group) {
+        blocks.push_back(ext2fs_block_bitmap_loc(fs_, group));
+        blocks.push_back(ext2fs_inode_bitmap_loc(fs_, group));
+    }
+    std::sort(blocks.begin(), blocks.end());
+    for (std::size_t first = 0; first < blocks.size();) {
+        std::size_t last = first + 1;
+        while (last < blocks.size() && blocks[last] == blocks[last - 1] + 1) ++last;
+        device_.reserve(blocks[first], last - first);
+        first = last;
+    }
+}
+
+bool Transactions::full() const noexcept {
+    if (cache_.changedCount() > BlockCache::changedLimit) return true;
+    // An operation may go over the limit by what it changes itself: half of the log is always free,
+    // and the most scattered write of a mebibyte changes 256 bitmaps, of the 512 blocks that are
+    // half of the smallest log.
+    const std::size_t changed = cache_.changedCount() + 2 * use_.changedBitmaps() + superblocks;
+    return journal_ && changed > journal_->size() / 5;
+}
+
+bool Transactions::withholds(std::uint64_t neededBlocks) const noexcept {
+    const std::uint64_t withheld = use_.freedCount();
+    return withheld > 0 &&
+           ext2fs_free_blocks_count(fs_->super) < withheld + neededBlocks + spareBlocks;
+}
+
+void Transactions::commit() {
+    if (!inUse_) return;
+    if (journal_) return commitToJournal();
+    writeStructure();
+    cache_.flush(true);
+    use_.committed();
+}
+
+/// Brings what libext2fs holds in memory into the cache.
+void Transactions::writeStructure() {
+    use_.writeBitmaps();
+    check(ext2fs_flush(fs_));
+}
+
+void Transactions::commitToJournal() {
+    try {
+        writeStructure();
+        const std::vector<std::uint64_t> revoked = dropFreed();
+        std::vector<Journal::Change> changes;
+        for (const BlockCache::Change& change : cache_.changes())
+            changes.push_back({change.block, change.contents});
+        // Before: a commit that fails may be in the log all the same.
+        for (const Journal::Change& change : changes) logged_.insert(change.block);
+        journal_->commit(changes, revoked);
+        for (const std::uint64_t block : revoked) logged_.erase(block);
+    } catch (...) {
+        use_.failed();
+        throw;
+    }
+    cache_.committed();
+    use_.committed();
+    if (mustSettle()) settle();
+}
+
+/// Forgets what freed blocks held. Answers those of which a replay would restore a copy, over
+/// whatever they will hold by then.
+std::vector<std::uint64_t> Transactions::dropFreed() {
+    std::vector<std::uint64_t> revoked;
+    for (const BlockUse::Range& range : use_.freed()) {
+        cache_.forget(range.first, range.count);
+        for (std::uint64_t block = range.first; block < range.first + range.count; ++block)
+            if (logged_.contains(block)) revoked.push_back(block);
+    }
+    return revoked;
+}
+
+bool Transactions::mustSettle() const noexcept {
+    return cache_.owedCount() > BlockCache::owedLimit || journal_->room() < journal_->size() / 2;
+}
+
+/// Brings all committed blocks to their places and gives up the log. Just after a commit, when no
+/// block has changes that are not committed.
+void Transactions::settle() {
+    cache_.flush(true);
+    journal_->clear();
+    logged_.clear();
+}
+
+void Transactions::end(bool suspect) {
+    if (!marked_) return;
+    if (inUse_) {
+        commit();
+        if (journal_) {
+            cache_.flush(true);
+            journal_->stop();
+            logged_.clear();
+        }
+        inUse_ = false;
+    }
+    markClean(suspect);
+    marked_ = false;
+}
+
+void Transactions::markClean(bool suspect) {
+    ext2_super_block& super = *fs_->super;
+    const auto stateBefore = super.s_state;
+    const auto featuresBefore = super.s_feature_incompat;
+    ext2fs_clear_feature_journal_needs_recovery(&super);
+    if (!journal_) super.s_state |= EXT2_VALID_FS;
+    if (suspect) super.s_state |= EXT2_ERROR_FS;
+    ext2fs_mark_super_dirty(fs_);
+    try {
+        writeStructure();
+        cache_.flush(true);
+    } catch (...) {
+        super.s_state = stateBefore;
+        super.s_feature_incompat = featuresBefore;
+        ext2fs_mark_super_dirty(fs_);
+        throw;
+    }
+}
