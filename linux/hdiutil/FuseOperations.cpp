@@ -1,5 +1,8 @@
 #include "FuseOperations.h"
 
+#include "FuseListing.h"
+#include "FuseRequest.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -7,70 +10,12 @@
 #include <system_error>
 #include <vector>
 
+using namespace FuseOperations;
+
 namespace {
 
-/// We are the only writer, so what the kernel knows of the volume stays true.
-constexpr double forever = 365.0 * 24 * 3600;
 constexpr unsigned largestRequest = 1024 * 1024;
 constexpr int notKnown = ENOSYS; // the kernel asks no more
-
-FuseOperations::Context& contextOf(fuse_req_t request) {
-    return *static_cast<FuseOperations::Context*>(fuse_req_userdata(request));
-}
-
-Ext4Volume& volumeOf(fuse_req_t request) {
-    return contextOf(request).volume;
-}
-
-/// FUSE numbers the root 1, ext4 numbers it 2; ext4's 1 is never shown.
-ext2_ino_t inodeOf(fuse_ino_t node) {
-    return node == FUSE_ROOT_ID ? Ext4Volume::root : static_cast<ext2_ino_t>(node);
-}
-
-fuse_ino_t nodeOf(ext2_ino_t inode) {
-    return inode == Ext4Volume::root ? FUSE_ROOT_ID : inode;
-}
-
-Ext4Volume::Caller callerOf(fuse_req_t request) {
-    const fuse_ctx* context = fuse_req_ctx(request);
-    return {context->uid, context->gid, context->umask};
-}
-
-/// The one way in which a request is answered: `work` replies, or throws.
-template <typename Work> void answer(fuse_req_t request, Work work) noexcept {
-    int error = EIO;
-    try {
-        work();
-        return;
-    } catch (const std::system_error& failure) {
-        error = failure.code().value();
-    } catch (const std::bad_alloc&) {
-        error = ENOMEM;
-    } catch (const std::exception&) {
-        error = EIO;
-    }
-    volumeOf(request).noteFailure(error);
-    fuse_reply_err(request, error);
-}
-
-/// For work that has nothing to say but that it is done.
-template <typename Work> void confirm(fuse_req_t request, Work work) noexcept {
-    answer(request, [&] {
-        work();
-        fuse_reply_err(request, 0);
-    });
-}
-
-fuse_entry_param entryFor(Ext4Volume& volume, const struct stat& attributes) {
-    fuse_entry_param entry{};
-    const auto inode = static_cast<ext2_ino_t>(attributes.st_ino);
-    entry.ino = nodeOf(inode);
-    entry.generation = volume.generation(inode);
-    entry.attr = attributes;
-    entry.attr_timeout = forever;
-    entry.entry_timeout = forever;
-    return entry;
-}
 
 void replyEntry(fuse_req_t request, const struct stat& attributes) {
     const fuse_entry_param entry = entryFor(volumeOf(request), attributes);
@@ -249,106 +194,6 @@ void seek(fuse_req_t request, fuse_ino_t node, off_t offset, int whence, fuse_fi
     answer(request, [&] {
         fuse_reply_lseek(request, static_cast<off_t>(volumeOf(request).seek(
                                       inodeOf(node), static_cast<std::uint64_t>(offset), whence)));
-    });
-}
-
-struct ListedEntry {
-    std::string name;
-    ext2_ino_t inode;
-    mode_t mode;
-    off_t next;
-};
-
-mode_t modeOf(int type) {
-    switch (type) {
-    case EXT2_FT_REG_FILE:
-        return S_IFREG;
-    case EXT2_FT_DIR:
-        return S_IFDIR;
-    case EXT2_FT_CHRDEV:
-        return S_IFCHR;
-    case EXT2_FT_BLKDEV:
-        return S_IFBLK;
-    case EXT2_FT_FIFO:
-        return S_IFIFO;
-    case EXT2_FT_SOCK:
-        return S_IFSOCK;
-    case EXT2_FT_SYMLINK:
-        return S_IFLNK;
-    default:
-        return 0;
-    }
-}
-
-using SizeOfEntry = std::size_t (*)(fuse_req_t request, const char* name);
-
-/// As many entries as an answer of `size` bytes holds.
-std::vector<ListedEntry> list(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
-                              SizeOfEntry sizeOf) {
-    std::vector<ListedEntry> entries;
-    std::size_t used = 0;
-    volumeOf(request).readDirectory(
-        inodeOf(node), static_cast<std::uint64_t>(from), [&](const Directory::Entry& entry) {
-            ListedEntry listed{std::string(entry.name), entry.inode, modeOf(entry.type),
-                               static_cast<off_t>(entry.next)};
-            used += sizeOf(request, listed.name.c_str());
-            if (used > size) return false;
-            entries.push_back(std::move(listed));
-            return true;
-        });
-    return entries;
-}
-
-void readDirectory(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
-                   fuse_file_info*) {
-    answer(request, [&] {
-        const SizeOfEntry sizeOf = [](fuse_req_t asked, const char* name) {
-            return fuse_add_direntry(asked, nullptr, 0, name, nullptr, 0);
-        };
-        std::vector<char> buffer(size);
-        std::size_t used = 0;
-        for (const ListedEntry& entry : list(request, node, size, from, sizeOf)) {
-            struct stat attributes {};
-            attributes.st_ino = entry.inode;
-            attributes.st_mode = entry.mode;
-            used += fuse_add_direntry(request, buffer.data() + used, size - used,
-                                      entry.name.c_str(), &attributes, entry.next);
-        }
-        fuse_reply_buf(request, buffer.data(), used);
-    });
-}
-
-/// "." and ".." are listed without being referenced, as are inodes that cannot be read: one that is
-/// damaged must not hide its neighbours.
-fuse_entry_param listedWithAttributes(Ext4Volume& volume, const ListedEntry& entry) {
-    if (entry.name != "." && entry.name != "..") {
-        try {
-            return entryFor(volume, volume.reference(entry.inode));
-        } catch (const std::system_error& failure) {
-            volume.noteFailure(failure.code().value());
-        }
-    }
-    fuse_entry_param bare{};
-    bare.attr.st_ino = entry.inode;
-    bare.attr.st_mode = entry.mode;
-    return bare;
-}
-
-void readDirectoryPlus(fuse_req_t request, fuse_ino_t node, std::size_t size, off_t from,
-                       fuse_file_info*) {
-    answer(request, [&] {
-        const SizeOfEntry sizeOf = [](fuse_req_t asked, const char* name) {
-            return fuse_add_direntry_plus(asked, nullptr, 0, name, nullptr, 0);
-        };
-        Ext4Volume& volume = volumeOf(request);
-        std::vector<char> buffer(size);
-        std::size_t used = 0;
-        for (const ListedEntry& entry : list(request, node, size, from, sizeOf)) {
-            const fuse_entry_param full = listedWithAttributes(volume, entry);
-            used += fuse_add_direntry_plus(request, buffer.data() + used, size - used,
-                                           entry.name.c_str(), &full, entry.next);
-        }
-        fuse_reply_buf(request, buffer.data(), used);
     });
 }
 
