@@ -2,24 +2,42 @@
 
 #include "Quillvane/FileDescriptor.h"
 
+#include <atomic>
+#include <mutex>
+#include <optional>
+
+struct fuse_buf;
 struct fuse_session;
 
-/// Serves a mounted session's requests on one thread until the file system is unmounted or
-/// `stop` is called.
+/// Serves a mounted session's requests until the file system is unmounted or `stop` is called.
+///
+/// One thread at a time waits for requests. What is answered at once it answers itself, so that a
+/// program that asks one thing after the other meets a thread that is awake; before it turns to
+/// something that moves much data or waits for the disk, it leaves the waiting to the next thread.
 class FuseLoop {
 public:
-    /// `session` is mounted and outlives the loop. Throws `std::system_error`.
-    explicit FuseLoop(fuse_session* session);
+    /// `session` is mounted and outlives the loop; with more than one of `threads`, its operations
+    /// are called from several threads at once. Throws `std::system_error`.
+    explicit FuseLoop(fuse_session* session, unsigned threads = 1);
+    ~FuseLoop();
+    FuseLoop(const FuseLoop&) = delete;
+    FuseLoop& operator=(const FuseLoop&) = delete;
 
     enum class End { unmounted, stopped, failed };
-    /// Call once.
+    /// Call once. The calling thread is one of the threads; the others inherit its signal mask.
     End run() noexcept;
     /// Makes `run` return once the requests that are already queued are answered. Any thread.
     void stop() noexcept;
 
 private:
-    void drain(struct fuse_buf& buffer) noexcept;
+    void serve() noexcept;
+    int receive(fuse_buf& buffer) noexcept;
+    int receiveSoon(fuse_buf& buffer) noexcept;
+    void drain(fuse_buf& buffer) noexcept;
 
     fuse_session* session_;
+    const unsigned threads_;
     FileDescriptor wake_;
+    std::mutex waiting_; ///< held by the thread that waits for requests
+    std::optional<End> end_;
 };

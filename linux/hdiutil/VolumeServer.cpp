@@ -4,6 +4,7 @@
 #include "Unmount.h"
 #include "VolumeControl.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -19,6 +20,11 @@ constexpr auto closePause = 1s;
 std::string mountOptions(const std::filesystem::path& imagePath, bool readOnly) {
     return "fsname=" + fuseOptionValue(imagePath.string()) +
            ",subtype=quillvane,default_permissions,nosuid,nodev" + (readOnly ? ",ro" : "");
+}
+
+/// Enough to read and decrypt on all processors of a small machine.
+unsigned serverThreads() {
+    return std::clamp(std::thread::hardware_concurrency(), 2U, 4U);
 }
 
 } // namespace
@@ -63,7 +69,7 @@ Attachment VolumeServer::attachment() const {
 bool VolumeServer::run(const BlockedSignals& signals) {
     std::string problem;
     {
-        FuseLoop loop(session_.get());
+        FuseLoop loop(session_.get(), serverThreads());
         VolumeControl control(*volume_, loop, *socket_, signals, *mount_);
         const FuseLoop::End end = loop.run();
         if (end == FuseLoop::End::failed) unmountLeftOver();
