@@ -10,7 +10,7 @@ constexpr __u16 unusedFlags = EXT2_BG_BLOCK_UNINIT | EXT2_BG_INODE_UNINIT;
 
 } // namespace
 
-BlockUse::BlockUse(ext2_filsys fs, bool withhold) : fs_(fs), withhold_(withhold) {
+BlockUse::BlockUse(ext2_filsys fs) : fs_(fs) {
     groupFlags_.resize(fs->group_desc_count);
     noteGroupsInUse();
     blockGroups_.clear();
@@ -43,7 +43,7 @@ void BlockUse::noteBlocks(std::uint64_t first, std::uint64_t count, int taken) {
     const dgrp_t last = ext2fs_group_of_blk2(fs_, first + count - 1);
     for (dgrp_t group = ext2fs_group_of_blk2(fs_, first); group <= last; ++group)
         blockGroups_.insert(group);
-    if (taken > 0 || !withhold_) return;
+    if (taken > 0) return;
     ext2fs_mark_block_bitmap_range2(fs_->block_map, first, static_cast<blk_t>(count));
     freedCount_ += count;
     if (!freed_.empty() && freed_.back().first + freed_.back().count == first)

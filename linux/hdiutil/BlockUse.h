@@ -11,7 +11,7 @@
 /// that say so.
 ///
 /// libext2fs keeps all bitmaps in memory and would write all of them at each flush; here only those
-/// of the groups that changed are written. With `withhold`, a freed block is not given out again
+/// of the groups that changed are written. A freed block is not given out again
 /// before the change that freed it is committed: a crash would bring its former owner back, with
 /// the new owner's contents. Until then it stays taken in memory, and only there.
 ///
@@ -23,7 +23,7 @@ public:
         std::uint64_t count = 0;
     };
 
-    BlockUse(ext2_filsys fs, bool withhold);
+    explicit BlockUse(ext2_filsys fs);
     ~BlockUse();
     BlockUse(const BlockUse&) = delete;
     BlockUse& operator=(const BlockUse&) = delete;
@@ -56,7 +56,6 @@ private:
     void setFreed(bool taken) noexcept;
 
     ext2_filsys fs_;
-    const bool withhold_;
     std::vector<Range> freed_;
     std::uint64_t freedCount_ = 0;
     std::set<dgrp_t> blockGroups_;

@@ -28,23 +28,37 @@ void requireFile(const Ext4Inode& inode) {
 
 } // namespace
 
-/// Fills `into` (whole blocks) with what the file has from `firstBlock` on; holes are zeros.
-void Ext4Volume::readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into) {
+/// The runs that hold `count` blocks of the file from `firstBlock` on.
+std::vector<FileBlocks::Run> Ext4Volume::mapBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
+                                                   std::uint64_t count) {
+    std::vector<FileBlocks::Run> runs;
     FileBlocks map(fs_, inode);
-    for (std::uint64_t block = firstBlock; !into.empty();) {
-        const FileBlocks::Run run = map.find(block, into.size() / blockSize);
+    for (const std::uint64_t end = firstBlock + count; firstBlock < end;) {
+        runs.push_back(map.find(firstBlock, end - firstBlock));
+        firstBlock += runs.back().count;
+    }
+    return runs;
+}
+
+/// Fills `into` with what the runs hold; holes are zeros.
+void Ext4Volume::readRuns(std::span<const FileBlocks::Run> runs, std::span<std::byte> into) {
+    for (const FileBlocks::Run& run : runs) {
         const auto part = into.first(run.count * blockSize);
         if (run.kind == FileBlocks::Kind::data)
             device_.read(run.physical, part);
         else
             std::fill(part.begin(), part.end(), std::byte{0});
         into = into.subspan(part.size());
-        block += run.count;
     }
 }
 
+/// Fills `into` (whole blocks) with what the file has from `firstBlock` on.
+void Ext4Volume::readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into) {
+    readRuns(mapBlocks(inode, firstBlock, into.size() / blockSize), into);
+}
+
 std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<std::byte> into) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     Ext4Inode inode = load(number);
     requireFile(inode);
     if (offset >= inode.size()) return 0;
@@ -52,13 +66,17 @@ std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<
     const std::uint64_t first = offset / blockSize;
     const std::size_t within = offset % blockSize;
     const std::size_t whole = (blocksFor(offset + count) - first) * blockSize;
+    const auto runs = mapBlocks(inode, first, whole / blockSize);
+    // From here on others may go on, but not give the blocks away or write to them.
+    const std::shared_lock reading(reading_);
+    lock.unlock();
     if (whole <= into.size()) {
-        readMapped(inode, first, into.first(whole)); // what the end of the block holds is not told
+        readRuns(runs, into.first(whole)); // what the end of the block holds is not told
         if (within != 0) std::memmove(into.data(), into.data() + within, count);
         return count;
     }
     std::vector<std::byte> blocks(whole);
-    readMapped(inode, first, blocks);
+    readRuns(runs, blocks);
     std::memcpy(into.data(), blocks.data() + within, count);
     return count;
 }
@@ -66,6 +84,7 @@ std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<
 /// File contents go past the cache, which must not keep what the block held in an earlier life.
 void Ext4Volume::writeThrough(std::uint64_t physical, std::span<const std::byte> from) {
     cache_.forget(physical, from.size() / blockSize);
+    awaitReaders();
     device_.write(physical, from);
 }
 

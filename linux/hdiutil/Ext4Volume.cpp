@@ -143,6 +143,7 @@ void Ext4Volume::commit() {
         fs_->super->s_state |= EXT2_ERROR_FS;
         ext2fs_mark_super_dirty(fs_);
     }
+    awaitReaders(); // the commit makes freed blocks available
     try {
         transactions_->commit();
     } catch (...) {

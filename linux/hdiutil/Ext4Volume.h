@@ -3,6 +3,7 @@
 #include "BlockCache.h"
 #include "Directory.h"
 #include "Ext4Inode.h"
+#include "FileBlocks.h"
 #include "OrphanList.h"
 #include "Transactions.h"
 
@@ -13,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -39,9 +41,9 @@ public:
 
 /// An ext4 file system on an encrypted image, with the operations that a mounted one needs.
 ///
-/// Inodes are named by their ext4 number. Every operation holds the volume's one lock, so any
-/// thread may call any of them. They fail with `std::system_error`, whose code is the errno for the
-/// caller of the system call. Names are bytes, at most 255 of them.
+/// Inodes are named by their ext4 number. Any thread may call any operation. They hold the volume's
+/// one lock, but not while contents are read and decrypted. They fail with `std::system_error`,
+/// whose code is the errno for the caller of the system call. Names are bytes, at most 255 of them.
 ///
 /// File contents reach the image before `write` returns; structure goes through the volume's
 /// journal, by `sync`, `syncFile` and `close`. Each operation happens wholly or not at all,
@@ -164,6 +166,8 @@ private:
     void commit();
     void syncAll();
     void contentsMayBeLost();
+    /// Returns when nobody reads contents who began with what was true before.
+    void awaitReaders() { const std::lock_guard none(reading_); }
     std::uint64_t overheadBlocks();
 
     Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
@@ -190,11 +194,13 @@ private:
     void freeIfUnused(ext2_ino_t inode);
     void freeUnused() noexcept;
 
+    std::vector<FileBlocks::Run> mapBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
+                                           std::uint64_t count);
+    void readRuns(std::span<const FileBlocks::Run> runs, std::span<std::byte> into);
     void readMapped(Ext4Inode& inode, std::uint64_t firstBlock, std::span<std::byte> into);
     std::size_t writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
                             std::span<const std::byte> from);
-    std::size_t writeRun(class FileBlocks& map, std::uint64_t block,
-                         std::span<const std::byte> from);
+    std::size_t writeRun(FileBlocks& map, std::uint64_t block, std::span<const std::byte> from);
     void writeThrough(std::uint64_t physical, std::span<const std::byte> from);
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
@@ -218,6 +224,9 @@ private:
     BlockDevice& device_;
     const bool readOnly_;
     std::mutex mutex_;
+    /// Held by those who read contents, after they have given up the lock, which they must not take
+    /// again meanwhile. Blocks are given away or written over by others only when nobody holds it.
+    std::shared_mutex reading_;
     BlockCache cache_;
     ext2_filsys fs_ = nullptr;
     std::unique_ptr<Transactions> transactions_;

@@ -31,8 +31,7 @@ std::optional<Journal> openJournal(BlockDevice& device, ext2_filsys fs) {
 } // namespace
 
 Transactions::Transactions(BlockDevice& device, BlockCache& cache, ext2_filsys fs)
-    : device_(device), cache_(cache), fs_(fs), journal_(openJournal(device, fs)),
-      use_(fs, journal_.has_value()) {}
+    : device_(device), cache_(cache), fs_(fs), journal_(openJournal(device, fs)), use_(fs) {}
 
 // A volume with a journal stays marked as valid: it needs a replay, not a check.
 void Transactions::begin() {
@@ -88,10 +87,20 @@ bool Transactions::withholds(std::uint64_t neededBlocks) const noexcept {
 
 void Transactions::commit() {
     if (!inUse_) return;
-    if (journal_) return commitToJournal();
-    writeStructure();
-    cache_.flush(true);
+    try {
+        if (journal_) {
+            commitToJournal();
+        } else {
+            writeStructure();
+            dropFreed();
+            cache_.flush(true);
+        }
+    } catch (...) {
+        use_.failed();
+        throw;
+    }
     use_.committed();
+    if (journal_ && mustSettle()) settle();
 }
 
 /// Brings what libext2fs holds in memory into the cache.
@@ -101,23 +110,16 @@ void Transactions::writeStructure() {
 }
 
 void Transactions::commitToJournal() {
-    try {
-        writeStructure();
-        const std::vector<std::uint64_t> revoked = dropFreed();
-        std::vector<Journal::Change> changes;
-        for (const BlockCache::Change& change : cache_.changes())
-            changes.push_back({change.block, change.contents});
-        // Before: a commit that fails may be in the log all the same.
-        for (const Journal::Change& change : changes) logged_.insert(change.block);
-        journal_->commit(changes, revoked);
-        for (const std::uint64_t block : revoked) logged_.erase(block);
-    } catch (...) {
-        use_.failed();
-        throw;
-    }
+    writeStructure();
+    const std::vector<std::uint64_t> revoked = dropFreed();
+    std::vector<Journal::Change> changes;
+    for (const BlockCache::Change& change : cache_.changes())
+        changes.push_back({change.block, change.contents});
+    // Before: a commit that fails may be in the log all the same.
+    for (const Journal::Change& change : changes) logged_.insert(change.block);
+    journal_->commit(changes, revoked);
+    for (const std::uint64_t block : revoked) logged_.erase(block);
     cache_.committed();
-    use_.committed();
-    if (mustSettle()) settle();
 }
 
 /// Forgets what freed blocks held. Answers those of which a replay would restore a copy, over
