@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <sys/statvfs.h>
@@ -19,7 +20,14 @@ namespace {
 constexpr std::size_t ivUnit = 512;
 constexpr std::size_t ivSize = 16;
 /// Ciphertext is made in pieces of this size, so that the scratch memory stays small.
-constexpr std::size_t pieceSize = 256 * 1024;
+constexpr std::size_t pieceSize = 512 * 1024;
+/// What direct I/O needs of memory, offsets and lengths, on any disk with blocks that ext4 can use.
+constexpr std::size_t directAlignment = 4096;
+/// Writes of at least this many bytes go to the disk at once: the system's cache would hold a
+/// second copy of what programs have written, and make them wait for the disk later, all together.
+constexpr std::size_t directSize = 128 * 1024;
+/// How much room is taken on the disk at once for writes that follow each other.
+constexpr std::uint64_t roomStep = std::uint64_t{8} * 1024 * 1024;
 
 enum class Direction { decrypt = 0, encrypt = 1 };
 
@@ -60,6 +68,22 @@ void readFully(int fd, std::byte* into, std::size_t size, std::uint64_t offset) 
     }
 }
 
+struct AlignedDeleter {
+    void operator()(std::byte* memory) const { ::operator delete(memory, alignment); }
+    static constexpr auto alignment = std::align_val_t(directAlignment);
+};
+using AlignedMemory = std::unique_ptr<std::byte, AlignedDeleter>;
+
+AlignedMemory alignedMemory(std::size_t size) {
+    return AlignedMemory(static_cast<std::byte*>(::operator new(size, AlignedDeleter::alignment)));
+}
+
+/// The same file without the system's cache, where its file system can do that.
+FileDescriptor openDirectly(int fd) {
+    const std::string name = "/proc/self/fd/" + std::to_string(fd);
+    return FileDescriptor(::open(name.c_str(), O_RDWR | O_DIRECT | O_CLOEXEC));
+}
+
 void writeFully(int fd, const std::byte* from, std::size_t size, std::uint64_t offset) {
     while (size > 0) {
         const ssize_t put = ::pwrite(fd, from, size, static_cast<off_t>(offset));
@@ -80,7 +104,7 @@ public:
     struct Worker {
         CipherContext encrypt;
         CipherContext decrypt;
-        std::vector<std::byte> scratch = std::vector<std::byte>(pieceSize);
+        AlignedMemory scratch = alignedMemory(pieceSize);
     };
 
     explicit CipherPool(const Secret& key) : key_(key) { give(make()); }
@@ -138,9 +162,13 @@ void transform(EVP_CIPHER_CTX* context, std::uint64_t payloadByte, std::uint32_t
 EncryptedImage::EncryptedImage(int fd, const Secret& volumeKey, const Geometry& geometry)
     : fd_(fd), geometry_(geometry), pool_(std::make_unique<CipherPool>(volumeKey)) {
     geometry_.payloadSize -= geometry_.payloadSize % blockSize;
+    if (geometry_.payloadOffset % directAlignment == 0) direct_ = openDirectly(fd);
+    queue_ = std::make_unique<WriteQueue>(
+        [this](std::uint64_t block, std::span<const std::byte> row) { writeNow(block, row); });
 }
 
 EncryptedImage::~EncryptedImage() {
+    queue_.reset();
     ::close(fd_);
 }
 
@@ -151,31 +179,83 @@ std::uint64_t EncryptedImage::freeBlocks() {
 }
 
 void EncryptedImage::read(std::uint64_t firstBlock, std::span<std::byte> into) {
-    if (into.size() % blockSize != 0 || firstBlock > blockCount() ||
-        into.size() / blockSize > blockCount() - firstBlock)
-        failWith(EIO, "reading beyond the volume");
-    const std::uint64_t start = firstBlock * blockSize;
-    readFully(fd_, into.data(), into.size(), geometry_.payloadOffset + start);
-    auto worker = pool_->take();
-    transform(worker->decrypt.get(), start, geometry_.sectorSize, into, into.data());
-    pool_->give(std::move(worker));
+    checkRow(firstBlock, into.size());
+    queue_->readOver(firstBlock, into, [&] {
+        const std::uint64_t start = firstBlock * blockSize;
+        readFully(fd_, into.data(), into.size(), geometry_.payloadOffset + start);
+        auto worker = pool_->take();
+        transform(worker->decrypt.get(), start, geometry_.sectorSize, into, into.data());
+        pool_->give(std::move(worker));
+    });
+}
+
+void EncryptedImage::checkRow(std::uint64_t firstBlock, std::size_t size) const {
+    if (size % blockSize != 0 || firstBlock > blockCount() ||
+        size / blockSize > blockCount() - firstBlock)
+        failWith(EIO, "blocks beyond the volume");
 }
 
 void EncryptedImage::write(std::uint64_t firstBlock, std::span<const std::byte> from) {
-    if (from.size() % blockSize != 0 || firstBlock > blockCount() ||
-        from.size() / blockSize > blockCount() - firstBlock)
-        failWith(EIO, "writing beyond the volume");
+    checkRow(firstBlock, from.size());
+    if (from.size() >= directSize && from.size() <= WriteQueue::longestRow &&
+        claimRoom(firstBlock * blockSize, from.size()))
+        return queue_->add(firstBlock, from);
+    queue_->settle(firstBlock, from.size());
+    writeNow(firstBlock, from);
+}
+
+/// Makes sure that what is to be written later will find room on the disk. Answers whether the
+/// file system beneath can tell at all.
+bool EncryptedImage::claimRoom(std::uint64_t start, std::uint64_t size) {
+    const std::lock_guard lock(claimMutex_);
+    const bool continues = start == claimUsed_;
+    claimUsed_ = start + size;
+    if (!canClaim_ || (claimStart_ <= start && claimUsed_ <= claimEnd_)) return canClaim_;
+    const std::uint64_t ahead =
+        std::min(continues ? std::max(roomStep, size) : size, geometry_.payloadSize - start);
+    const auto claim = [&](std::uint64_t length) {
+        return ::fallocate(fd_, FALLOC_FL_KEEP_SIZE,
+                           static_cast<off_t>(geometry_.payloadOffset + start),
+                           static_cast<off_t>(length)) == 0;
+    };
+    claimStart_ = start;
+    claimEnd_ = start + ahead;
+    if (claim(ahead)) return true;
+    claimEnd_ = claimUsed_;
+    if (claim(size)) return true;
+    claimEnd_ = claimStart_;
+    if (errno != EOPNOTSUPP) failWith(errno, "reserving room in the image");
+    canClaim_ = false;
+    return false;
+}
+
+/// Encrypts and writes piece by piece.
+void EncryptedImage::writeNow(std::uint64_t firstBlock, std::span<const std::byte> from) {
+    const bool directly = direct_ && from.size() >= directSize;
     auto worker = pool_->take();
     std::uint64_t start = firstBlock * blockSize;
     while (!from.empty()) {
         const auto piece = from.first(std::min(pieceSize, from.size()));
-        transform(worker->encrypt.get(), start, geometry_.sectorSize, piece,
-                  worker->scratch.data());
-        writeFully(fd_, worker->scratch.data(), piece.size(), geometry_.payloadOffset + start);
+        transform(worker->encrypt.get(), start, geometry_.sectorSize, piece, worker->scratch.get());
+        writePiece(directly, {worker->scratch.get(), piece.size()},
+                   geometry_.payloadOffset + start);
         start += piece.size();
         from = from.subspan(piece.size());
     }
     pool_->give(std::move(worker));
+}
+
+void EncryptedImage::writePiece(bool directly, std::span<const std::byte> piece,
+                                std::uint64_t offset) {
+    if (directly) {
+        try {
+            return writeFully(direct_.get(), piece.data(), piece.size(), offset);
+        } catch (const std::system_error& error) {
+            // A disk with larger blocks than ours, or a short write that ended within one.
+            if (error.code().value() != EINVAL) throw;
+        }
+    }
+    writeFully(fd_, piece.data(), piece.size(), offset);
 }
 
 void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
@@ -187,5 +267,6 @@ void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
 }
 
 void EncryptedImage::sync() {
+    queue_->finish();
     if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
 }

@@ -1,11 +1,14 @@
 #pragma once
 
 #include "BlockDevice.h"
+#include "Quillvane/FileDescriptor.h"
 #include "Quillvane/Secret.h"
+#include "WriteQueue.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <span>
 
 /// The plaintext of an encrypted image, as a row of 4096-byte blocks.
@@ -13,7 +16,8 @@
 /// Encryption is AES-XTS with the "plain64" initial vector, as dm-crypt does it for a LUKS2 crypt
 /// segment: the vector counts 512-byte units from the start of the payload, whatever the sector
 /// size (Linux, Documentation/admin-guide/device-mapper/dm-crypt.rst, without iv_large_sectors).
-/// All operations may be called from several threads at once. I/O failures are
+/// Large writes return when they have room on the disk, and happen later; `sync` tells whether they
+/// did. All operations may be called from several threads at once. I/O failures are
 /// `std::system_error` with the errno; a short read beyond the file's end is EIO.
 class EncryptedImage : public BlockDevice {
 public:
@@ -39,7 +43,20 @@ public:
 private:
     class CipherPool;
 
+    void checkRow(std::uint64_t firstBlock, std::size_t size) const;
+    bool claimRoom(std::uint64_t start, std::uint64_t size);
+    void writeNow(std::uint64_t firstBlock, std::span<const std::byte> from);
+    void writePiece(bool directly, std::span<const std::byte> piece, std::uint64_t offset);
+
     int fd_;
+    FileDescriptor direct_; ///< the same file without the system's cache, if that is possible
     Geometry geometry_;
     std::unique_ptr<CipherPool> pool_;
+    /// Bytes of the payload that have room on the disk: taken last, and how far they are used.
+    std::mutex claimMutex_;
+    std::uint64_t claimStart_ = 0;
+    std::uint64_t claimEnd_ = 0;
+    std::uint64_t claimUsed_ = 0;
+    bool canClaim_ = true;
+    std::unique_ptr<WriteQueue> queue_; ///< for large writes
 };
