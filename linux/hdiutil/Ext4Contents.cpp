@@ -85,6 +85,7 @@ std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<
 void Ext4Volume::writeThrough(std::uint64_t physical, std::span<const std::byte> from) {
     cache_.forget(physical, from.size() / blockSize);
     awaitReaders();
+    unsyncedBytes_ += from.size();
     device_.write(physical, from);
 }
 

@@ -80,7 +80,7 @@ void Ext4Volume::makeRoomForName(ext2_ino_t parent, std::string_view name) {
     touchDirectory(parent, -1);
     // Its number stays taken for as long as the volume is open, so that its successor gets another
     // number and is not hidden.
-    references_[old.number]++;
+    references_.add(old.number);
     old.raw.i_links_count = 1;
     dropLink(old);
 }
@@ -91,7 +91,7 @@ std::optional<struct stat> Ext4Volume::lookup(ext2_ino_t parent, std::string_vie
     const auto inode = findVisible(parent, name);
     if (!inode) return std::nullopt;
     const struct stat attributes = load(*inode).attributes();
-    references_[*inode]++;
+    references_.add(*inode);
     return attributes;
 }
 
@@ -137,7 +137,7 @@ void Ext4Volume::dropLink(Ext4Inode& inode) {
     if (inode.raw.i_links_count > 0) return store(inode);
     orphans_->add(inode);
     nameless_.insert(inode.number);
-    if (!references_.contains(inode.number)) unused_.push_back(inode.number);
+    if (!references_.has(inode.number)) unused_.push_back(inode.number);
 }
 
 /// The end of an operation that drops links: freeing an inode may take several transactions, so it
@@ -262,7 +262,7 @@ struct stat Ext4Volume::create(ext2_ino_t parent, std::string_view name, const N
         throw;
     }
     if (inode.isDirectory()) touchDirectory(parent, +1);
-    references_[inode.number]++;
+    references_.add(inode.number);
     freeUnused();
     return load(inode.number).attributes();
 }
@@ -281,7 +281,7 @@ struct stat Ext4Volume::link(ext2_ino_t number, ext2_ino_t parent, std::string_v
     inode.raw.i_links_count++;
     inode.setChanged(Ext4Inodes::now());
     store(inode);
-    references_[number]++;
+    references_.add(number);
     freeUnused();
     return inode.attributes();
 }

@@ -10,6 +10,8 @@
 
 namespace {
 
+/// Contents of this many bytes are on the disk before somebody else would notice the wait.
+constexpr std::uint64_t soonSynced = std::uint64_t{1} * 1024 * 1024;
 constexpr const char* nameAttribute = "trusted.quillvane.name";
 
 /// What the code here understands of an ext4's features that change how it is written.
@@ -151,6 +153,7 @@ void Ext4Volume::commit() {
         throw;
     }
     unsyncedContents_.clear();
+    unsyncedBytes_ = 0;
 }
 
 /// After a failed sync the system takes what it could not write for written, and the next sync
@@ -181,23 +184,34 @@ void Ext4Volume::writeBehind() {
         const std::lock_guard lock(mutex_);
         if (!unsynced_) return;
     }
+    syncContents();
+    sync();
+}
+
+/// Waits for the disk without the lock.
+void Ext4Volume::syncContents() {
     try {
-        device_.sync(); // file contents, most of what there is to wait for
+        device_.sync();
     } catch (...) {
         const std::lock_guard lock(mutex_);
         contentsMayBeLost();
         throw;
     }
-    sync();
 }
 
 // A file is reachable after a crash only with the structure above it, which is in the same
 // transaction.
 void Ext4Volume::syncFile(ext2_ino_t inode) {
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     try {
+        if (unsyncedBytes_ > soonSynced) {
+            lock.unlock();
+            syncContents();
+            lock.lock();
+        }
         syncAll();
     } catch (...) {
+        if (!lock.owns_lock()) lock.lock();
         lostContents_.erase(inode); // this is the report
         throw;
     }
@@ -254,21 +268,18 @@ struct statvfs Ext4Volume::statistics() {
 struct stat Ext4Volume::reference(ext2_ino_t inode) {
     const std::lock_guard lock(mutex_);
     const struct stat attributes = load(inode).attributes();
-    references_[inode]++;
+    references_.add(inode);
     return attributes;
 }
 
 void Ext4Volume::forget(ext2_ino_t inode, std::uint64_t references) {
     const std::lock_guard lock(mutex_);
-    const auto found = references_.find(inode);
-    if (found == references_.end()) return;
-    found->second -= std::min(found->second, references);
-    if (found->second == 0) references_.erase(found);
+    references_.remove(inode, references);
     freeIfUnused(inode);
 }
 
 void Ext4Volume::freeIfUnused(ext2_ino_t number) {
-    if (references_.contains(number) || !nameless_.contains(number)) return;
+    if (references_.has(number) || !nameless_.contains(number)) return;
     beginChange();
     Ext4Inode inode = load(number);
     freeInode(inode);

@@ -4,6 +4,7 @@
 #include "Directory.h"
 #include "Ext4Inode.h"
 #include "FileBlocks.h"
+#include "InodeReferences.h"
 #include "OrphanList.h"
 #include "Transactions.h"
 
@@ -22,7 +23,6 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/types.h>
-#include <unordered_map>
 #include <unordered_set>
 #include <vector>
 
@@ -165,6 +165,7 @@ private:
     void commitWhen(bool needed);
     void commit();
     void syncAll();
+    void syncContents();
     void contentsMayBeLost();
     /// Returns when nobody reads contents who began with what was true before.
     void awaitReaders() { const std::lock_guard none(reading_); }
@@ -232,7 +233,7 @@ private:
     std::unique_ptr<Transactions> transactions_;
     std::unique_ptr<OrphanList> orphans_;
     std::unique_ptr<DirectoryCache> directories_;
-    std::unordered_map<ext2_ino_t, std::uint64_t> references_;
+    InodeReferences references_;
     /// Inodes without a name that are still referenced.
     std::unordered_set<ext2_ino_t> nameless_;
     /// Those of them that lost their last reference first.
@@ -241,6 +242,7 @@ private:
     /// have thrown away when a sync failed.
     std::unordered_set<ext2_ino_t> unsyncedContents_;
     std::unordered_set<ext2_ino_t> lostContents_;
+    std::uint64_t unsyncedBytes_ = 0; ///< of contents
     std::uint64_t overhead_ = 0;
     bool suspect_ = false;  ///< a change may have been left half-way
     bool unsynced_ = false; ///< something was changed since the last sync
