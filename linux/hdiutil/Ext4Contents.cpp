@@ -107,7 +107,7 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
     requireFile(inode);
     if (from.empty()) return 0;
     if (offset > largestFile || from.size() > largestFile - offset) failWith(EFBIG);
-    beginChange();
+    beginChange(blocksFor(from.size()));
     unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
     const std::uint64_t first = offset / blockSize;

@@ -5,6 +5,7 @@
 #include "Ext4Inode.h"
 #include "OrphanList.h"
 #include "Transactions.h"
+#include "VolumeGrowth.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -90,7 +91,8 @@ public:
     void close();
     /// Returns when everything is on the disk. After a failure nothing is known to be.
     void sync();
-    /// As `sync`, if there is anything to do, and holds others up for a shorter time.
+    /// As `sync`, if there is anything to do, and holds others up for a shorter time. Then gives
+    /// room that has become free back to the disk, for a second at most.
     void writeBehind();
     /// To be told of each operation's failure: after those that can leave a change half-way the
     /// volume is closed as one that `needsCheck`.
@@ -100,6 +102,8 @@ public:
     /// The volume's name in full; an ext4 label holds only its first 16 bytes.
     std::string name();
     void setName(std::string_view name);
+    /// What is free is what the disk beneath can still take. Where it is more than the volume has
+    /// room for, the volume grows by itself, if it is one of those that can.
     struct statvfs statistics();
 
     /// What `lookup`, `create` and `link` answer is referenced once more by the caller, as is what
@@ -156,6 +160,9 @@ private:
 
     Ext4Volume(BlockDevice& device, bool readOnly);
 
+    void writeChangesBehind();
+    void giveRoomBack();
+
     // All below expect the lock to be held.
     void prepare();
     /// `neededBlocks` is what the change takes besides a few.
@@ -164,7 +171,14 @@ private:
     void commit();
     void syncAll();
     void contentsMayBeLost();
+    bool lacksRoom(std::uint64_t neededBlocks) const;
+    void makeRoom(std::uint64_t neededBlocks);
+    void helpFullDisk(std::uint64_t neededBlocks);
+    bool grow(std::uint64_t neededBlocks);
+    void giveRoomBackAtTheEnd() noexcept;
     std::uint64_t overheadBlocks();
+    std::uint64_t backedFreeBlocks();
+    std::uint64_t writableBlocks();
 
     Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
     void store(Ext4Inode& inode) { Ext4Inodes::store(fs_, inode); }
@@ -221,6 +235,7 @@ private:
     BlockCache cache_;
     ext2_filsys fs_ = nullptr;
     std::unique_ptr<Transactions> transactions_;
+    std::optional<VolumeGrowth> growth_; ///< of a volume that can grow
     std::unique_ptr<OrphanList> orphans_;
     std::unique_ptr<DirectoryCache> directories_;
     std::unordered_map<ext2_ino_t, std::uint64_t> references_;
@@ -233,6 +248,7 @@ private:
     std::unordered_set<ext2_ino_t> unsyncedContents_;
     std::unordered_set<ext2_ino_t> lostContents_;
     std::uint64_t overhead_ = 0;
-    bool suspect_ = false;  ///< a change may have been left half-way
-    bool unsynced_ = false; ///< something was changed since the last sync
+    bool lookedEverywhere_ = false; ///< for free blocks with room, as the disk was full
+    bool suspect_ = false;          ///< a change may have been left half-way
+    bool unsynced_ = false;         ///< something was changed since the last sync
 };
