@@ -214,6 +214,7 @@ private:
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
+    std::uint64_t holesIn(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
 
     AttributeHandle openAttributes(const Ext4Inode& inode);
