@@ -26,6 +26,20 @@ public:
     /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
     /// Costs little when it has long had.
     virtual void reserve(std::uint64_t firstBlock, std::uint64_t count) = 0;
-    /// Returns when everything written is on the disk.
+    /// Returns when everything written is on the disk, and the length that `lengthen` gave.
     virtual void sync() = 0;
+
+    /// How many blocks the device may be lengthened to; its own number when it cannot be.
+    virtual std::uint64_t longestCount() { return blockCount(); }
+    /// Lengthens the device to `count` blocks; a longer one stays as it is. What the new blocks
+    /// hold is not told.
+    virtual void lengthen([[maybe_unused]] std::uint64_t count) {}
+    /// Gives the blocks' room back to the disk; what they hold from then on is not told. Answers
+    /// false when the device keeps all its room for good.
+    virtual bool discard([[maybe_unused]] std::uint64_t firstBlock,
+                         [[maybe_unused]] std::uint64_t count) {
+        return false;
+    }
+    /// How many of the device's blocks have room on the disk; rather too few than too many.
+    virtual std::uint64_t backedBlocks() { return 0; }
 };

@@ -38,6 +38,14 @@ void BlockUse::noteInode(ext2_ino_t inode) {
     inodeGroups_.insert(ext2fs_group_of_ino(fs_, inode));
 }
 
+void BlockUse::noteGrowth(dgrp_t first) {
+    groupFlags_.resize(fs_->group_desc_count);
+    for (dgrp_t group = first; group < fs_->group_desc_count; ++group) {
+        groupFlags_[group] = ext2fs_bg_flags(fs_, group) & unusedFlags;
+        if ((groupFlags_[group] & EXT2_BG_BLOCK_UNINIT) == 0) blockGroups_.insert(group);
+    }
+}
+
 /// Called after libext2fs has changed the bitmap and the counts.
 void BlockUse::noteBlocks(std::uint64_t first, std::uint64_t count, int taken) {
     const dgrp_t last = ext2fs_group_of_blk2(fs_, first + count - 1);

@@ -31,6 +31,8 @@ public:
     /// Marks a row of blocks as taken (+1) or free (-1) and tells the object that listens; the
     /// callback that libext2fs 1.47.0 has for ranges gets an empty one.
     static void setRange(ext2_filsys fs, std::uint64_t first, std::uint64_t count, int taken);
+    /// To be told of the first of the groups that have become larger or are new.
+    void noteGrowth(dgrp_t first);
     /// To be told of every inode that is taken or freed; of single blocks libext2fs tells.
     void noteInode(ext2_ino_t inode);
     /// Blocks that are free but not to be had before the next commit, and how many they are.

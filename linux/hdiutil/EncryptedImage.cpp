@@ -6,11 +6,15 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <limits>
+#include <linux/magic.h>
 #include <mutex>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/vfs.h>
 #include <system_error>
 #include <unistd.h>
 #include <vector>
@@ -160,8 +164,8 @@ void transform(EVP_CIPHER_CTX* context, std::uint64_t payloadByte, std::uint32_t
 } // namespace
 
 EncryptedImage::EncryptedImage(int fd, const Secret& volumeKey, const Geometry& geometry)
-    : fd_(fd), geometry_(geometry), pool_(std::make_unique<CipherPool>(volumeKey)) {
-    geometry_.payloadSize -= geometry_.payloadSize % blockSize;
+    : fd_(fd), geometry_(geometry), blocks_(geometry.payloadSize / blockSize),
+      pool_(std::make_unique<CipherPool>(volumeKey)) {
     if (geometry_.payloadOffset % directAlignment == 0) direct_ = openDirectly(fd);
     queue_ = std::make_unique<WriteQueue>(
         [this](std::uint64_t block, std::span<const std::byte> row) { writeNow(block, row); });
@@ -212,7 +216,7 @@ bool EncryptedImage::claimRoom(std::uint64_t start, std::uint64_t size) {
     claimUsed_ = start + size;
     if (!canClaim_ || (claimStart_ <= start && claimUsed_ <= claimEnd_)) return canClaim_;
     const std::uint64_t ahead =
-        std::min(continues ? std::max(roomStep, size) : size, geometry_.payloadSize - start);
+        std::min(continues ? std::max(roomStep, size) : size, blockCount() * blockSize - start);
     const auto claim = [&](std::uint64_t length) {
         return ::fallocate(fd_, FALLOC_FL_KEEP_SIZE,
                            static_cast<off_t>(geometry_.payloadOffset + start),
@@ -269,4 +273,46 @@ void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
 void EncryptedImage::sync() {
     queue_->finish();
     if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
+}
+
+std::uint64_t EncryptedImage::longestCount() {
+    if (!geometry_.toEndOfFile) return blockCount();
+    struct statfs disk {};
+    if (::fstatfs(fd_, &disk) != 0) failWith(errno, "asking for the disk's file system");
+    const std::uint64_t length = disk.f_type == MSDOS_SUPER_MAGIC
+                                     ? std::numeric_limits<std::uint32_t>::max()
+                                     : std::numeric_limits<std::int64_t>::max();
+    return std::max(blockCount(), (length - geometry_.payloadOffset) / blockSize);
+}
+
+void EncryptedImage::lengthen(std::uint64_t count) {
+    if (count <= blockCount()) return;
+    if (count > longestCount()) failWith(EFBIG, "lengthening the image");
+    const auto length = static_cast<off_t>(geometry_.payloadOffset + count * blockSize);
+    while (::ftruncate(fd_, length) != 0)
+        if (errno != EINTR) failWith(errno, "lengthening the image");
+    blocks_ = count;
+}
+
+bool EncryptedImage::discard(std::uint64_t firstBlock, std::uint64_t count) {
+    const auto offset = static_cast<off_t>(geometry_.payloadOffset + firstBlock * blockSize);
+    const auto length = static_cast<off_t>(count * blockSize);
+    {
+        const std::lock_guard lock(claimMutex_);
+        claimEnd_ = claimStart_;
+    }
+    while (::fallocate(fd_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, offset, length) != 0) {
+        if (errno == EOPNOTSUPP || errno == ENOSYS) return false;
+        if (errno != EINTR) failWith(errno, "giving back the image's room");
+    }
+    return true;
+}
+
+std::uint64_t EncryptedImage::backedBlocks() {
+    constexpr std::uint64_t countedUnit = 512;
+    struct stat file {};
+    if (::fstat(fd_, &file) != 0) failWith(errno, "asking for the image's room");
+    const std::uint64_t all = static_cast<std::uint64_t>(file.st_blocks) * countedUnit / blockSize;
+    const std::uint64_t header = geometry_.payloadOffset / blockSize;
+    return all > header ? all - header : 0;
 }

@@ -5,6 +5,7 @@
 #include "Quillvane/Secret.h"
 #include "WriteQueue.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -25,6 +26,7 @@ public:
         std::uint64_t payloadOffset = 0; ///< bytes from the start of the file
         std::uint64_t payloadSize = 0;   ///< bytes, rounded down to whole blocks
         std::uint32_t sectorSize = 4096; ///< 512 or 4096: bytes encrypted under one vector
+        bool toEndOfFile = false;        ///< the payload is as long as the file lets it be
     };
 
     /// Takes ownership of `fd` and keeps it open, with whatever lock it carries, until destroyed.
@@ -33,12 +35,16 @@ public:
     ~EncryptedImage() override;
 
     int fd() const noexcept { return fd_; }
-    std::uint64_t blockCount() const noexcept override { return geometry_.payloadSize / blockSize; }
+    std::uint64_t blockCount() const noexcept override { return blocks_; }
     std::uint64_t freeBlocks() override;
     void read(std::uint64_t firstBlock, std::span<std::byte> into) override;
     void write(std::uint64_t firstBlock, std::span<const std::byte> from) override;
     void reserve(std::uint64_t firstBlock, std::uint64_t count) override;
     void sync() override;
+    std::uint64_t longestCount() override;
+    void lengthen(std::uint64_t count) override;
+    bool discard(std::uint64_t firstBlock, std::uint64_t count) override;
+    std::uint64_t backedBlocks() override;
 
 private:
     class CipherPool;
@@ -50,7 +56,8 @@ private:
 
     int fd_;
     FileDescriptor direct_; ///< the same file without the system's cache, if that is possible
-    Geometry geometry_;
+    const Geometry geometry_;
+    std::atomic<std::uint64_t> blocks_;
     std::unique_ptr<CipherPool> pool_;
     /// Bytes of the payload that have room on the disk: taken last, and how far they are used.
     std::mutex claimMutex_;

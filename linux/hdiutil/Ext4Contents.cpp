@@ -127,7 +127,7 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
     requireFile(inode);
     if (from.empty()) return 0;
     if (offset > largestFile || from.size() > largestFile - offset) failWith(EFBIG);
-    beginChange();
+    beginChange(blocksFor(from.size()));
     unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
     const std::uint64_t first = offset / blockSize;
@@ -221,6 +221,19 @@ void Ext4Volume::punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_
     if (firstWhole < lastWhole) releaseBlocks(inode, firstWhole, lastWhole - 1);
 }
 
+/// How many blocks between the two have none on the disk.
+std::uint64_t Ext4Volume::holesIn(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
+    FileBlocks map(fs_, inode);
+    const std::uint64_t last = blocksFor(end);
+    std::uint64_t holes = 0;
+    for (std::uint64_t block = offset / blockSize; block < last;) {
+        const FileBlocks::Run run = map.find(block, last - block);
+        if (run.kind == FileBlocks::Kind::hole) holes += run.count;
+        block += run.count;
+    }
+    return holes;
+}
+
 void Ext4Volume::reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
     if (!inode.usesExtents()) failWith(EOPNOTSUPP);
     FileBlocks map(fs_, inode);
@@ -252,9 +265,9 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
     if (action != 0 && action != FALLOC_FL_PUNCH_HOLE && action != FALLOC_FL_ZERO_RANGE)
         failWith(EOPNOTSUPP);
     if (action == FALLOC_FL_PUNCH_HOLE && !keepSize) failWith(EOPNOTSUPP);
-    beginChange(action == FALLOC_FL_PUNCH_HOLE ? 0 : blocksFor(length));
-    if (action != FALLOC_FL_PUNCH_HOLE &&
-        blocksFor(length) > ext2fs_free_blocks_count(fs_->super) + inode.attributes().st_blocks / 8)
+    const std::uint64_t needed = inode.usesExtents() ? holesIn(inode, offset, end) : 0;
+    beginChange(action == FALLOC_FL_PUNCH_HOLE ? 0 : needed);
+    if (action != FALLOC_FL_PUNCH_HOLE && needed > ext2fs_free_blocks_count(fs_->super))
         failWith(ENOSPC);
     if (action != 0) punchRange(inode, offset, end);
     if (action != FALLOC_FL_PUNCH_HOLE) {

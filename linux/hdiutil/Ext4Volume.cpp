@@ -94,6 +94,8 @@ void Ext4Volume::prepare() {
             throw VolumeCorrupt(error.what());
         }
         orphans_ = std::make_unique<OrphanList>(fs_);
+        growth_.emplace(device_, fs_);
+        if (!growth_->possible()) growth_.reset();
     }
     directories_ = std::make_unique<DirectoryCache>(fs_);
     overhead_ = overheadBlocks();
@@ -123,6 +125,7 @@ void Ext4Volume::close() {
     }
     if (transactions_) transactions_->end(suspect_);
     nameless_.clear();
+    if (transactions_) giveRoomBackAtTheEnd();
     transactions_.reset();
     ext2fs_free(fs_);
     fs_ = nullptr;
@@ -131,6 +134,7 @@ void Ext4Volume::close() {
 void Ext4Volume::beginChange(std::uint64_t neededBlocks) {
     if (readOnly_) failWith(EROFS);
     transactions_->begin();
+    makeRoom(neededBlocks);
     commitWhen(transactions_->withholds(neededBlocks));
     unsynced_ = true;
 }
@@ -180,6 +184,11 @@ void Ext4Volume::syncAll() {
 }
 
 void Ext4Volume::writeBehind() {
+    writeChangesBehind();
+    giveRoomBack();
+}
+
+void Ext4Volume::writeChangesBehind() {
     {
         const std::lock_guard lock(mutex_);
         if (!unsynced_) return;
@@ -230,39 +239,6 @@ void Ext4Volume::setName(std::string_view name) {
     const std::lock_guard lock(mutex_);
     beginChange();
     writeAttribute(load(root), nameAttribute, std::as_bytes(std::span(name)));
-}
-
-/// The blocks that the file system's own structure takes, whatever is stored in it.
-std::uint64_t Ext4Volume::overheadBlocks() {
-    const bool scattered = ext2fs_has_feature_meta_bg(fs_->super) != 0;
-    const std::uint64_t descriptors =
-        scattered ? 1 : fs_->desc_blocks + fs_->super->s_reserved_gdt_blocks;
-    constexpr unsigned bitmaps = 2;
-    std::uint64_t blocks = 0;
-    for (dgrp_t group = 0; group < fs_->group_desc_count; ++group) {
-        blocks += bitmaps + fs_->inode_blocks_per_group;
-        if (ext2fs_bg_has_super(fs_, group) != 0) blocks += 1 + descriptors;
-    }
-    if (ext2fs_has_feature_journal(fs_->super) && fs_->super->s_journal_inum != 0)
-        blocks += load(fs_->super->s_journal_inum).size() / fs_->blocksize;
-    return std::min<std::uint64_t>(blocks, ext2fs_blocks_count(fs_->super));
-}
-
-struct statvfs Ext4Volume::statistics() {
-    const std::lock_guard lock(mutex_);
-    const std::uint64_t onDisk = device_.freeBlocks();
-    struct statvfs result {};
-    result.f_bsize = fs_->blocksize;
-    result.f_frsize = fs_->blocksize;
-    result.f_blocks = ext2fs_blocks_count(fs_->super) - overhead_;
-    result.f_bfree = ext2fs_free_blocks_count(fs_->super);
-    // The image is sparse: never promise what the disk beneath does not have.
-    result.f_bavail = std::min<std::uint64_t>(result.f_bfree, onDisk);
-    result.f_files = fs_->super->s_inodes_count;
-    result.f_ffree = fs_->super->s_free_inodes_count;
-    result.f_favail = result.f_ffree;
-    result.f_namemax = longestName;
-    return result;
 }
 
 struct stat Ext4Volume::reference(ext2_ino_t inode) {

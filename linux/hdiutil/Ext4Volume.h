@@ -7,6 +7,7 @@
 #include "InodeReferences.h"
 #include "OrphanList.h"
 #include "Transactions.h"
+#include "VolumeGrowth.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -92,7 +93,8 @@ public:
     void close();
     /// Returns when everything is on the disk. After a failure nothing is known to be.
     void sync();
-    /// As `sync`, if there is anything to do, and holds others up for a shorter time.
+    /// As `sync`, if there is anything to do, and holds others up for a shorter time. Then gives
+    /// room that has become free back to the disk, for a second at most.
     void writeBehind();
     /// To be told of each operation's failure: after those that can leave a change half-way the
     /// volume is closed as one that `needsCheck`.
@@ -102,6 +104,8 @@ public:
     /// The volume's name in full; an ext4 label holds only its first 16 bytes.
     std::string name();
     void setName(std::string_view name);
+    /// What is free is what the disk beneath can still take. Where it is more than the volume has
+    /// room for, the volume grows by itself, if it is one of those that can.
     struct statvfs statistics();
 
     /// What `lookup`, `create` and `link` answer is referenced once more by the caller, as is what
@@ -158,6 +162,9 @@ private:
 
     Ext4Volume(BlockDevice& device, bool readOnly);
 
+    void writeChangesBehind();
+    void giveRoomBack();
+
     // All below expect the lock to be held.
     void prepare();
     /// `neededBlocks` is what the change takes besides a few.
@@ -169,7 +176,14 @@ private:
     void contentsMayBeLost();
     /// Returns when nobody reads contents who began with what was true before.
     void awaitReaders() { const std::lock_guard none(reading_); }
+    bool lacksRoom(std::uint64_t neededBlocks) const;
+    void makeRoom(std::uint64_t neededBlocks);
+    void helpFullDisk(std::uint64_t neededBlocks);
+    bool grow(std::uint64_t neededBlocks);
+    void giveRoomBackAtTheEnd() noexcept;
     std::uint64_t overheadBlocks();
+    std::uint64_t backedFreeBlocks();
+    std::uint64_t writableBlocks();
 
     Ext4Inode load(ext2_ino_t inode) { return Ext4Inodes::load(fs_, inode); }
     void store(Ext4Inode& inode) { Ext4Inodes::store(fs_, inode); }
@@ -207,6 +221,7 @@ private:
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
+    std::uint64_t holesIn(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
 
     AttributeHandle openAttributes(const Ext4Inode& inode);
@@ -231,6 +246,7 @@ private:
     BlockCache cache_;
     ext2_filsys fs_ = nullptr;
     std::unique_ptr<Transactions> transactions_;
+    std::optional<VolumeGrowth> growth_; ///< of a volume that can grow
     std::unique_ptr<OrphanList> orphans_;
     std::unique_ptr<DirectoryCache> directories_;
     InodeReferences references_;
@@ -244,6 +260,7 @@ private:
     std::unordered_set<ext2_ino_t> lostContents_;
     std::uint64_t unsyncedBytes_ = 0; ///< of contents
     std::uint64_t overhead_ = 0;
-    bool suspect_ = false;  ///< a change may have been left half-way
-    bool unsynced_ = false; ///< something was changed since the last sync
+    bool lookedEverywhere_ = false; ///< for free blocks with room, as the disk was full
+    bool suspect_ = false;          ///< a change may have been left half-way
+    bool unsynced_ = false;         ///< something was changed since the last sync
 };

@@ -48,7 +48,8 @@ LuksContainer::Unlocked LuksContainer::format(int fd, const Secret& passphrase) 
     result.volumeKey = Secret(keyBytes);
     if (RAND_priv_bytes(result.volumeKey.writable().data(), keyBytes) != 1)
         throw ToolError("no random numbers");
-    result.geometry = {payloadOffset, fileLength(fd) - payloadOffset, EncryptedImage::blockSize};
+    result.geometry = {payloadOffset, fileLength(fd) - payloadOffset, EncryptedImage::blockSize,
+                       true};
 
     const LuksDevice device = openLuksDevice(fd);
     crypt_pbkdf_type derivation{};

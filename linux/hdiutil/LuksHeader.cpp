@@ -103,7 +103,8 @@ EncryptedImage::Geometry checkSegment(const Json& segment, std::uint64_t fileSiz
         fileSize - result.payloadOffset < EncryptedImage::blockSize)
         throw ImageDamaged("the file ends before its contents begin");
     result.payloadSize = fileSize - result.payloadOffset;
-    if (segment.at("size") != "dynamic") {
+    result.toEndOfFile = segment.at("size") == "dynamic";
+    if (!result.toEndOfFile) {
         const std::uint64_t size = decimal(segment.at("size"));
         if (size > result.payloadSize) throw ImageDamaged("the file is shorter than its contents");
         result.payloadSize = size;

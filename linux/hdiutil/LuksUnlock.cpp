@@ -41,6 +41,7 @@ struct Record {
     std::uint64_t payloadOffset;
     std::uint64_t payloadSize;
     std::uint64_t keySize;
+    bool toEndOfFile;
     std::array<char, 64> key;
     std::array<char, 256> detail; // zero-terminated
 };
@@ -78,6 +79,7 @@ void unlockInto(Record& record, int fd, const Secret& passphrase) {
     record.sectorSize = geometry.sectorSize;
     record.payloadOffset = geometry.payloadOffset;
     record.payloadSize = geometry.payloadSize;
+    record.toEndOfFile = geometry.toEndOfFile;
 
     std::size_t keySize = record.key.size();
     const int slot = crypt_volume_key_get(device.get(), CRYPT_ANY_SLOT, record.key.data(), &keySize,
@@ -185,6 +187,7 @@ LuksContainer::Unlocked LuksContainer::unlock(int fd, const Secret& passphrase) 
 
     Unlocked result;
     result.volumeKey = Secret(std::string_view(record.key.data(), record.keySize));
-    result.geometry = {record.payloadOffset, record.payloadSize, record.sectorSize};
+    result.geometry = {record.payloadOffset, record.payloadSize, record.sectorSize,
+                       record.toEndOfFile};
     return result;
 }

@@ -9,10 +9,12 @@
 
 namespace {
 
-/// Free blocks that an operation may need besides those it asks for.
-constexpr std::uint64_t spareBlocks = 2048;
 /// Structure that each commit writes besides bitmaps and blocks already counted.
 constexpr std::size_t superblocks = 16;
+/// Spare superblocks are in the groups 1, 3, 5, 7 and their powers.
+constexpr std::size_t mostSpareSuperblocks = 48;
+/// Of each block of descriptors that lies among the groups.
+constexpr std::size_t descriptorCopies = 3;
 
 std::optional<Journal> openJournal(BlockDevice& device, ext2_filsys fs) {
     if (ext2fs_has_feature_journal(fs->super) == 0) return std::nullopt;
@@ -31,7 +33,8 @@ std::optional<Journal> openJournal(BlockDevice& device, ext2_filsys fs) {
 } // namespace
 
 Transactions::Transactions(BlockDevice& device, BlockCache& cache, ext2_filsys fs)
-    : device_(device), cache_(cache), fs_(fs), journal_(openJournal(device, fs)), use_(fs) {}
+    : device_(device), cache_(cache), fs_(fs), journal_(openJournal(device, fs)), use_(fs),
+      freeRoom_(device, fs) {}
 
 // A volume with a journal stays marked as valid: it needs a replay, not a check.
 void Transactions::begin() {
@@ -49,7 +52,7 @@ void Transactions::begin() {
     marked_ = true;
     writeStructure();
     cache_.flush(true);
-    use_.committed();
+    noteCommitted();
     if (journal_) journal_->start();
     inUse_ = true;
 }
@@ -75,8 +78,21 @@ bool Transactions::full() const noexcept {
     // An operation may go over the limit by what it changes itself: half of the log is always free,
     // and the most scattered write of a mebibyte changes 256 bitmaps, of the 512 blocks that are
     // half of the smallest log.
-    const std::size_t changed = cache_.changedCount() + 2 * use_.changedBitmaps() + superblocks;
+    const std::size_t changed = cache_.changedCount() + use_.changedBitmaps() + descriptorBlocks() +
+                                superblocks + (shapeChanged_ ? mostSpareSuperblocks : 0);
     return journal_ && changed > journal_->size() / 5;
+}
+
+/// How many blocks of descriptors the next commit writes at most.
+std::size_t Transactions::descriptorBlocks() const noexcept {
+    const std::size_t all = fs_->desc_blocks;
+    const std::size_t changed = shapeChanged_ ? all : std::min(all, use_.changedBitmaps());
+    return ext2fs_has_feature_meta_bg(fs_->super) != 0 ? changed * descriptorCopies : changed;
+}
+
+void Transactions::grown(dgrp_t firstGroup) {
+    use_.noteGrowth(firstGroup);
+    shapeChanged_ = true;
 }
 
 bool Transactions::withholds(std::uint64_t neededBlocks) const noexcept {
@@ -99,14 +115,30 @@ void Transactions::commit() {
         use_.failed();
         throw;
     }
-    use_.committed();
+    noteCommitted();
     if (journal_ && mustSettle()) settle();
 }
 
 /// Brings what libext2fs holds in memory into the cache.
 void Transactions::writeStructure() {
     use_.writeBitmaps();
-    check(ext2fs_flush(fs_));
+    if (shapeChanged_) fs_->flags &= ~EXT2_FLAG_MASTER_SB_ONLY;
+    const auto features = fs_->super->s_feature_incompat;
+    const errcode_t code = ext2fs_flush(fs_);
+    fs_->flags |= EXT2_FLAG_MASTER_SB_ONLY;
+    // After a failure libext2fs 1.47.0 leaves it as in the spare copies, without "needs recovery".
+    fs_->super->s_feature_incompat = features;
+    check(code);
+}
+
+/// Everything that `writeStructure` wrote is on the disk.
+void Transactions::noteCommitted() {
+    for (const BlockUse::Range& range : use_.freed())
+        for (dgrp_t group = ext2fs_group_of_blk2(fs_, range.first);
+             group <= ext2fs_group_of_blk2(fs_, range.first + range.count - 1); ++group)
+            freeRoom_.note(group);
+    use_.committed();
+    shapeChanged_ = false;
 }
 
 void Transactions::commitToJournal() {

@@ -2,6 +2,7 @@
 
 #include "BlockCache.h"
 #include "BlockUse.h"
+#include "FreeRoom.h"
 #include "Journal.h"
 
 #include <ext2fs/ext2fs.h>
@@ -29,6 +30,10 @@ public:
     void begin();
     /// Whether so much has changed that it should be committed before any more is.
     bool full() const noexcept;
+    /// Free blocks that an operation may need besides those it asks for.
+    static constexpr std::uint64_t spareBlocks = 2048;
+    /// Free blocks that are not to be had before the next commit.
+    std::uint64_t withheld() const noexcept { return use_.freedCount(); }
     /// Whether an operation might find no free blocks because those freed are not committed.
     bool withholds(std::uint64_t neededBlocks) const noexcept;
     /// Returns when all changes are on the disk.
@@ -37,12 +42,18 @@ public:
     /// use; with `suspect`, that it is to be checked.
     void end(bool suspect);
     void noteInode(ext2_ino_t inode) { use_.noteInode(inode); }
+    /// To be told when the volume has become longer, from this group on.
+    void grown(dgrp_t firstGroup);
+    /// Knows what was freed, once that is committed. A volume without a journal keeps its room.
+    FreeRoom& freeRoom() noexcept { return freeRoom_; }
 
 private:
     void reserveBitmaps();
     void writeStructure();
     void commitToJournal();
     void settle();
+    void noteCommitted();
+    std::size_t descriptorBlocks() const noexcept;
     std::vector<std::uint64_t> dropFreed();
     void markClean(bool suspect);
     bool mustSettle() const noexcept;
@@ -52,6 +63,8 @@ private:
     ext2_filsys fs_;
     std::optional<Journal> journal_;
     BlockUse use_;
+    FreeRoom freeRoom_;
+    bool shapeChanged_ = false; ///< so the spare superblocks are to be written, too
     /// Blocks of which the log has copies that a replay would use.
     std::unordered_set<std::uint64_t> logged_;
     bool marked_ = false; ///< the volume on the disk says that it is in use

@@ -11,7 +11,7 @@
 void formatVolume(EncryptedImage& image, std::string_view volumeName,
                   const BlockedSignals& signals);
 
-/// The payload, in bytes, of an image that must hold `content` bytes of files.
+/// The payload, in bytes, that an image begins with that is to hold `content` bytes of files.
 std::uint64_t payloadFor(std::uint64_t content);
 
 /// As much of a volume's name as fits into an ext4 label: at most 16 bytes, no broken character.

@@ -60,8 +60,7 @@ std::string problemWith(const PlainImages& images, const std::vector<std::byte>&
     return workload.compare(treeOn(PlainImages::read(file)), events);
 }
 
-void crashEverywhere(const std::string& format, unsigned operations, unsigned points) {
-    RecordingDisk disk(megabytes, format);
+void crashEverywhere(RecordingDisk& disk, unsigned operations, unsigned points) {
     CrashWorkload workload(disk, seed);
     workload.run(operations);
     const std::size_t whileOpen = disk.events();
@@ -87,7 +86,19 @@ void crashEverywhere(const std::string& format, unsigned operations, unsigned po
 }
 
 TEST(CrashTest, APowerCutAtAnyPointLosesNothingThatWasSynced) {
-    crashEverywhere("-J size=4", 800, setting("QUILLVANE_CRASH_POINTS", 300));
+    RecordingDisk disk(megabytes, "-J size=4");
+    crashEverywhere(disk, 800, setting("QUILLVANE_CRASH_POINTS", 300));
+}
+
+// Small groups, so that many are added.
+constexpr const char* growingFormat = "-J size=4 -g 2048 -O meta_bg,^resize_inode";
+
+TEST(CrashTest, SoWhileTheVolumeGrowsAndGivesBackRoom) {
+    RecordingDisk disk(megabytes, growingFormat);
+    disk.mayGrowTo(160);
+    crashEverywhere(disk, 400, setting("QUILLVANE_CRASH_POINTS", 70));
+    EXPECT_GE(disk.lengthenings(), 3U);
+    EXPECT_GT(disk.discards(), 50U);
 }
 
 constexpr std::uint64_t pieces = 500;
@@ -144,8 +155,8 @@ TEST(CrashTest, ATruncationOfSeveralTransactionsIsFinishedByTheReplay) {
 }
 
 TEST(CrashTest, SoOnAVolumeWithoutChecksumsAndWideNumbers) {
-    crashEverywhere("-J size=4 -O ^metadata_csum,^64bit", 300,
-                    setting("QUILLVANE_CRASH_POINTS", 60));
+    RecordingDisk disk(megabytes, "-J size=4 -O ^metadata_csum,^64bit");
+    crashEverywhere(disk, 300, setting("QUILLVANE_CRASH_POINTS", 60));
 }
 
 std::string difference(const CrashWorkload::Tree& found, const CrashWorkload::Tree& expected) {
@@ -162,9 +173,10 @@ std::string difference(const CrashWorkload::Tree& found, const CrashWorkload::Tr
     return found.size() == expected.size() ? "" : "there is more than there should be";
 }
 
-void breakEverywhere(int error, std::size_t length) {
+void breakEverywhere(int error, std::size_t length, bool grows = false) {
     for (unsigned round = 0; round < 20; ++round) {
-        RecordingDisk disk(megabytes, "-J size=4");
+        RecordingDisk disk(megabytes, grows ? growingFormat : "-J size=4");
+        if (grows) disk.mayGrowTo(160);
         CrashWorkload workload(disk, seed + round);
         disk.breakDown({10 + round * 67UL, length, error});
         workload.run(120);
@@ -181,6 +193,7 @@ void breakEverywhere(int error, std::size_t length) {
 TEST(CrashTest, ADiskThatFailsForAMomentLeavesAWholeVolume) {
     breakEverywhere(EIO, 1);
     breakEverywhere(EIO, 7);
+    breakEverywhere(EIO, 7, true);
 }
 
 TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
@@ -209,6 +222,7 @@ TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
 TEST(CrashTest, ADiskThatIsFullForAMomentLeavesAWholeVolume) {
     breakEverywhere(ENOSPC, 1);
     breakEverywhere(ENOSPC, 7);
+    breakEverywhere(ENOSPC, 7, true);
 }
 
 } // namespace

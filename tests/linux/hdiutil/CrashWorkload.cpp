@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <iterator>
+#include <linux/falloc.h>
 #include <system_error>
 
 namespace {
@@ -40,7 +41,8 @@ void collect(Ext4Volume& volume, ext2_ino_t directory, const std::string& path,
 } // namespace
 
 CrashWorkload::CrashWorkload(RecordingDisk& disk, unsigned seed)
-    : disk_(disk), random_(seed), volume_(Ext4Volume::open(disk, false)) {
+    : disk_(disk), grows_(disk.longestCount() > disk.blockCount()), random_(seed),
+      volume_(Ext4Volume::open(disk, false)) {
     moments_.push_back({0, {}});
     synced_.push_back({0, {}, 0, 0});
 }
@@ -91,7 +93,7 @@ void CrashWorkload::operate() {
     if (kind < 72) return unlink();
     if (kind < 80) return makeDirectory();
     if (kind < 88) return removeDirectory();
-    if (kind < 92) return letGo();
+    if (kind < 92) return grows_ && kind != 88 ? reserve() : letGo();
     sync();
 }
 
@@ -265,6 +267,14 @@ void CrashWorkload::letGo() {
     const ext2_ino_t inode = *unlinkedOpen_.begin();
     unlinkedOpen_.erase(inode);
     volume_->forget(inode, 1);
+}
+
+/// Room behind the end of a file, so much that the volume has to grow before long.
+void CrashWorkload::reserve() {
+    const std::string name = pickFile();
+    if (name.empty()) return;
+    volume_->allocate(inodeOf(name), FALLOC_FL_KEEP_SIZE, tree_[name].size(),
+                      (2 + random_() % 5) << 20);
 }
 
 void CrashWorkload::sync() {

@@ -64,6 +64,7 @@ private:
     void makeDirectory();
     void removeDirectory();
     void letGo();
+    void reserve();
     void sync();
     void note(const std::string& name, bool anyContent = false);
     void noteContents(const std::string& name);
@@ -76,6 +77,7 @@ private:
     Content random(std::size_t size);
 
     RecordingDisk& disk_;
+    const bool grows_;
     std::minstd_rand random_;
     std::unique_ptr<Ext4Volume> volume_;
     Tree tree_;

@@ -11,7 +11,14 @@
 #include <sys/wait.h>
 #include <system_error>
 
+namespace {
+
+constexpr std::byte garbage{0xa5};
+
+} // namespace
+
 RecordingDisk::RecordingDisk(unsigned megabytes, const std::string& options) {
+    mayGrowTo(megabytes);
     const PlainImages images;
     const auto file = images.write({});
     std::filesystem::resize_file(file, std::uint64_t{megabytes} << 20);
@@ -40,7 +47,7 @@ void RecordingDisk::write(std::uint64_t firstBlock, std::span<const std::byte> f
     for (; !from.empty(); ++firstBlock, from = from.subspan(blockSize)) {
         failWhenBroken();
         const auto block = from.first(blockSize);
-        events_.push_back({firstBlock, {block.begin(), block.end()}});
+        events_.push_back({Kind::write, firstBlock, 1, {block.begin(), block.end()}});
         apply(events_.back(), content_);
     }
 }
@@ -51,12 +58,44 @@ void RecordingDisk::reserve(std::uint64_t, std::uint64_t) {
 
 void RecordingDisk::sync() {
     failWhenBroken();
-    events_.push_back({});
+    events_.push_back({Kind::sync, 0, 0, {}});
 }
 
-void RecordingDisk::apply(const Event& event, std::vector<std::byte>& to) const {
-    if (event.block)
-        std::memcpy(to.data() + *event.block * blockSize, event.data.data(), blockSize);
+// By a few mebibytes at a time, so that growing is frequent and images stay small.
+std::uint64_t RecordingDisk::longestCount() {
+    constexpr std::uint64_t step = 2048;
+    return std::min(longest_, blockCount() + step);
+}
+
+void RecordingDisk::lengthen(std::uint64_t count) {
+    if (count <= blockCount()) return;
+    failWhenBroken();
+    events_.push_back({Kind::length, count, 0, {}});
+    apply(events_.back(), content_);
+}
+
+bool RecordingDisk::discard(std::uint64_t firstBlock, std::uint64_t count) {
+    failWhenBroken();
+    events_.push_back({Kind::discard, firstBlock, count, {}});
+    apply(events_.back(), content_);
+    return true;
+}
+
+std::size_t RecordingDisk::count(Kind kind) const {
+    return static_cast<std::size_t>(std::count_if(
+        events_.begin(), events_.end(), [&](const Event& event) { return event.kind == kind; }));
+}
+
+/// What lies beyond the end, as the lengthening was lost, is lost, too.
+void RecordingDisk::apply(const Event& event, std::vector<std::byte>& to) {
+    if (event.kind == Kind::sync) return;
+    if (event.kind == Kind::length) return to.resize(event.block * blockSize, garbage);
+    if ((event.block + event.count) * blockSize > to.size()) return;
+    std::byte* const place = to.data() + event.block * blockSize;
+    if (event.kind == Kind::discard)
+        std::fill_n(place, event.count * blockSize, garbage);
+    else
+        std::memcpy(place, event.data.data(), blockSize);
 }
 
 std::vector<std::byte> RecordingDisk::after(std::size_t events) const {

@@ -2,6 +2,7 @@
 
 import contextlib
 import os
+import subprocess
 
 from quillvane import BUILD, Case, tool
 
@@ -72,6 +73,26 @@ class VolumeCase(Case):
         fd = os.open(path, flags, mode)
         self.opened.callback(closeAnyway, fd)
         return fd
+
+
+class SmallDiskCase(VolumeCase):
+    """The image lies on a file system of 96 MiB. Needs root."""
+
+    def imageFolder(self):
+        disk = self.work / "disk"
+        disk.mkdir()
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=96m", "tmpfs", disk], check=True)
+        self.addCleanup(subprocess.run, ["umount", "-l", disk])
+        return disk
+
+
+def usedBlocks(found):
+    """How much is stored, of what `os.statvfs` found. What is free changes with the disk beneath."""
+    return found.f_blocks - found.f_bfree
+
+
+def usedInodes(found):
+    return found.f_files - found.f_ffree
 
 
 def closeAnyway(fd):
