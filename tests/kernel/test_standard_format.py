@@ -28,6 +28,7 @@ def open_(key, *options):
 
 
 CHECK = "e2fsck -fn /dev/mapper/vault\n"
+LENGTHEN = "e2fsck -fp /dev/mapper/vault\nresize2fs /dev/mapper/vault\n"
 MOUNT = "mount -t ext4 /dev/mapper/vault /run/volume\n"
 CLOSE = "umount /run/volume\ncryptsetup close vault\n"
 
@@ -89,10 +90,36 @@ class StandardFormatTest(quillvane.Case):
                        CHECK, item)
         self.assertAlike(before, self.listing("seen"))
 
+    def testTheKernelMountsAVolumeThatHasGrown(self):
+        item, key, _ = self.lock()
+        mountPoint = pathlib.Path(self.open(item))
+        length = os.stat(item).st_size
+        content = quillvane.pseudoRandom(1 << 20, 1)
+        with open(mountPoint / "big", "wb") as file:
+            for _ in range(400):  # several groups of blocks more
+                file.write(content)
+        (mountPoint / "gone").write_bytes(content * 250)
+        (mountPoint / "gone").unlink()
+        after = quillvane.describe(mountPoint)
+        self.qv("close", item)
+        self.assertGreater(os.stat(item).st_size, length + (600 << 20))
+
+        self.guest.run(open_(key) + CHECK + MOUNT + take("look", "seen") +
+                       take("byKernel", "changed") + CLOSE + open_(key) + CHECK, item, seconds=240)
+        self.assertAlike(after, self.listing("seen"))
+        mountPoint = pathlib.Path(self.open(item))
+        self.assertAlike(self.listing("changed"), quillvane.describe(mountPoint))
+        (mountPoint / "more").write_bytes(content * 100)
+        self.qv("close", item)
+        self.guest.run(open_(key) + CHECK, item)
+
     def testTheKernelAndTheServerTakeTurns(self):
         item, key, _ = self.lock()
 
-        self.guest.run(open_(key) + MOUNT + take("byKernel", "first") + CLOSE, item, seconds=120)
+        # A kernel's volume does not grow by itself.
+        os.truncate(item, os.stat(item).st_size + (1 << 30))
+        self.guest.run(open_(key) + LENGTHEN + MOUNT + take("byKernel", "first") + CLOSE, item,
+                       seconds=120)
         mountPoint = self.open(item)
         self.assertAlike(self.listing("first"), quillvane.describe(mountPoint))
         subprocess.run(["python3", "-B", changes.__file__, "byServer", mountPoint,
