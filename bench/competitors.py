@@ -1,5 +1,6 @@
 """The ways to store a tree, ours among them. Each is prepared, filled, and finished: when `finish`
-returns, everything is on the disk and whoever served the storage has ended. `mount` serves it again.
+returns, everything is on the disk and whoever served the storage has ended; `mount` serves it
+again.
 """
 
 import os
