@@ -1,11 +1,13 @@
-"""The ways to copy a tree into storage, ours among them. Each is prepared, filled with `cp -a`, and
-finished: when `finish` returns, everything is on the disk and whoever served the storage has ended.
+"""The ways to store a tree, ours among them. Each is prepared, filled, and finished: when `finish`
+returns, everything is on the disk and whoever served the storage has ended; `mount` serves it
+again.
 """
 
 import os
 import pathlib
 import shutil
 import subprocess
+import sys
 import time
 
 PASSWORD = "correct horse battery staple"
@@ -46,7 +48,9 @@ def unmount(point):
 class Competitor:
     """One way to store a tree, in a directory of its own. `room` is what it may fill, in bytes."""
     name = ""
+    key = ""  # its name on a command line
     packages = ()
+    encrypted = False
 
     def __init__(self, place, room):
         self.place = pathlib.Path(place)
@@ -59,8 +63,15 @@ class Competitor:
         """Why it cannot take part here; None when it can."""
         return None
 
+    def create(self):
+        """Makes the storage, empty."""
+
+    def mount(self):
+        """Serves what it holds at `folder`."""
+
     def prepare(self):
-        pass
+        self.create()
+        self.mount()
 
     def finish(self):
         sync(self.place)
@@ -75,17 +86,22 @@ class Competitor:
 
 class PlainCopy(Competitor):
     name = "cp -a, same disk"
+    key = "plain"
 
 
 class OurVolume(Competitor):
     name = "our volume"
+    key = "ours"
+    encrypted = True
     tool = None  # the path of hdiutil, set by the benchmark
 
-    def prepare(self):
+    def create(self):
         self.image = self.place / "image"
         run(self.tool, "create", "-size", f"{self.room >> 20}m", "-encryption", "AES-256",
             "-stdinpass", "-volname", "bench", "-fs", "APFS", "-type", "SPARSE", self.image,
             stdin=PASSWORD + "\n")
+
+    def mount(self):
         run(self.tool, "attach", "-stdinpass", "-nobrowse", "-owners", "on", "-mountpoint",
             self.folder, self.image, stdin=PASSWORD + "\n")
 
@@ -108,17 +124,17 @@ class Served(Competitor):
         return None if shutil.which(cls.program) else f"{cls.program} is not installed"
 
     def serve(self, *command, stdin=None, **environment):
-        self.log = open(self.place / "server.log", "w+")
-        self.server = subprocess.Popen(
-            [str(word) for word in command], env=os.environ | environment, text=True,
-            stdin=subprocess.PIPE, stdout=self.log, stderr=subprocess.STDOUT)
+        log = self.place / "server.log"
+        with open(log, "w") as output:
+            self.server = subprocess.Popen(
+                [str(word) for word in command], env=os.environ | environment, text=True,
+                stdin=subprocess.PIPE, stdout=output, stderr=subprocess.STDOUT)
         self.server.stdin.write(stdin or "")
         self.server.stdin.close()
         end = time.monotonic() + 60
         while not isMounted(self.folder):
             if self.server.poll() is not None or time.monotonic() > end:
-                self.log.seek(0)
-                raise RuntimeError(f"{self.program} did not mount: {self.log.read().strip()}")
+                raise RuntimeError(f"{self.program} did not mount: {log.read_text().strip()}")
             time.sleep(0.01)
 
     def finish(self):
@@ -135,41 +151,64 @@ class Served(Competitor):
 
 class Gocryptfs(Served):
     name = "gocryptfs"
-    program = "gocryptfs"
+    key = program = "gocryptfs"
     packages = ("gocryptfs",)
+    encrypted = True
 
-    def prepare(self):
+    def create(self):
         (self.place / "cipher").mkdir()
         (self.place / "password").write_text(PASSWORD + "\n")
-        secret = ["-q", "-passfile", self.place / "password"]
-        run("gocryptfs", "-init", *secret, self.place / "cipher")
-        self.serve("gocryptfs", "-fg", *secret, self.place / "cipher", self.folder)
+        self.secret = ["-q", "-passfile", self.place / "password"]
+        run("gocryptfs", "-init", *self.secret, self.place / "cipher")
+
+    def mount(self):
+        self.serve("gocryptfs", "-fg", *self.secret, self.place / "cipher", self.folder)
 
 
 class Cryfs(Served):
     name = "cryfs"
-    program = "cryfs"
+    key = program = "cryfs"
     packages = ("cryfs",)
+    encrypted = True
 
-    def prepare(self):
+    def create(self):
         (self.place / "cipher").mkdir()
+
+    def mount(self):  # the first time, it creates what is missing
         self.serve("cryfs", "-f", self.place / "cipher", self.folder, stdin=PASSWORD + "\n",
                    CRYFS_FRONTEND="noninteractive", CRYFS_NO_UPDATE_CHECK="true",
                    HOME=str(self.place))
 
 
+class Securefs(Served):
+    name = "securefs"
+    key = program = "securefs"
+    packages = ("securefs",)
+    encrypted = True
+
+    def create(self):
+        (self.place / "cipher").mkdir()
+        run("securefs", "create", self.place / "cipher", stdin=f"{PASSWORD}\n{PASSWORD}\n")
+
+    def mount(self):
+        self.serve("securefs", "mount", self.place / "cipher", self.folder, stdin=PASSWORD + "\n")
+
+
 class Fuse2fs(Served):
     name = "fuse2fs, not encrypted"
-    program = "fuse2fs"
+    key = program = "fuse2fs"
     packages = ("fuse2fs",)
 
-    def prepare(self):
+    def create(self):
         makeExt4(self.place / "image", self.room)
+
+    def mount(self):
         self.serve("fuse2fs", "-f", self.place / "image", self.folder)
 
 
 class LoopExt4(Competitor):
     name = "ext4 on a loop device, not encrypted"
+    key = "loop"
 
     @classmethod
     def missing(cls):
@@ -179,8 +218,10 @@ class LoopExt4(Competitor):
                                stderr=subprocess.DEVNULL)
         return None if found.returncode == 0 else "there are no loop devices"
 
-    def prepare(self):
+    def create(self):
         makeExt4(self.place / "image", self.room)
+
+    def mount(self):
         run("mount", "-o", "loop", self.place / "image", self.folder)
 
     def finish(self):
@@ -195,4 +236,32 @@ def makeExt4(image, size):
         f"nodiscard,lazy_itable_init=1,root_owner={os.geteuid()}:{os.getegid()}", image)
 
 
-ALL = [PlainCopy, OurVolume, Gocryptfs, Cryfs, Fuse2fs, LoopExt4]
+ALL = [PlainCopy, OurVolume, Gocryptfs, Cryfs, Securefs, Fuse2fs, LoopExt4]
+
+
+def present(kinds, report):
+    """Those that can take part here; `report` is told why the others cannot."""
+    reasons = {kind: kind.missing() for kind in kinds}
+    for kind, reason in reasons.items():
+        if reason:
+            report(f"left out: {kind.name}: {reason}")
+    return [kind for kind, reason in reasons.items() if not reason]
+
+
+def install(*more):
+    """Installs the absent ones' Debian packages, and `more`."""
+    packages = [*more, *(name for kind in ALL if kind.missing() for name in kind.packages)]
+    if packages:
+        prefix = [] if os.geteuid() == 0 else ["sudo"]
+        subprocess.run([*prefix, "apt-get", "install", "-y", "--no-install-recommends", *packages],
+                       check=True, stdout=sys.stderr)
+
+
+def versions(packages):
+    """The Debian versions of the packages, as far as they come from Debian."""
+    found = []
+    for package in packages:
+        asked = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", package], text=True,
+                               stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        found.append(f"{package} {asked.stdout if asked.returncode == 0 else 'of unknown version'}")
+    return ", ".join(found)
