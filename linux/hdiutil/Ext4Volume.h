@@ -5,6 +5,7 @@
 #include "Ext4Inode.h"
 #include "OrphanList.h"
 #include "Transactions.h"
+#include "VolumeError.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -14,7 +15,6 @@
 #include <mutex>
 #include <optional>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -23,19 +23,6 @@
 #include <unordered_map>
 #include <unordered_set>
 #include <vector>
-
-/// The structures on the volume contradict themselves or use features unknown here; the text says
-/// what was found.
-class VolumeCorrupt : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-/// The volume needs something that this program does not have; the text says what.
-class VolumeNotSupported : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 /// An ext4 file system on an encrypted image, with the operations that a mounted one needs.
 ///
@@ -75,9 +62,11 @@ public:
     static constexpr ext2_ino_t root = EXT2_ROOT_INO;
     static constexpr std::size_t longestName = EXT2_NAME_LEN;
 
-    /// Whether the volume was not closed, or has a journal to replay. Throws like `open`.
+    /// Whether the volume was not closed, has a journal to replay or says that it is to be checked.
+    /// Looks at the superblock alone. Throws like `open`.
     static bool needsCheck(BlockDevice& device);
-    /// `device` must outlive the volume. Throws `VolumeCorrupt`, `VolumeNotSupported`, or
+    /// `device` must outlive the volume, whose structure is looked at as `VolumeVerifier` does;
+    /// nothing is written. Throws `VolumeCorrupt`, `VolumeNotSupported`, or
     /// `std::system_error` on I/O.
     static std::unique_ptr<Ext4Volume> open(BlockDevice& device, bool readOnly);
     /// Closes as well as it can without a report; call `close` first.
