@@ -76,15 +76,16 @@ def volume(name, target, blocks, features, *options, many=0, optimize=False):
         (target / name).write_bytes(encoded(image.read_bytes()))
 
 
-def header(name, target, *options, second=False):
-    """The first MiB of an image; keyslots would be noise, so no passphrase opens it."""
+def header(name, target, *options):
+    """Both headers; keyslots would be noise, so no passphrase opens it. The name has no digits, which
+    the target would take for a high cost."""
     with tempfile.TemporaryDirectory() as work:
         image = pathlib.Path(work) / "image"
         image.write_bytes(bytes(20 << 20))
         cryptsetup = ["/usr/sbin/cryptsetup", "--batch-mode", "--key-file", "-"]
         run(*cryptsetup, "luksFormat", "--type", "luks2", "--luks2-metadata-size", "16k",
             "--luks2-keyslots-size", "512k", "--offset", 2048,
-            "--uuid", "11111111-2222-3333-4444-555555555555", *options, image,
+            "--uuid", "aaaaaaaa-bbbb-cccc-dddd-eeeeeeeeeeee", *options, image,
             input=b"passphrase")
         content = image.read_bytes()
         (target / name).write_bytes(encoded(content[:32768] + bytes(2 << 20)))
