@@ -19,6 +19,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/wait.h>
@@ -65,12 +66,17 @@ void closeAllBut(int kept) {
     ::close_range(static_cast<unsigned>(kept) + 1, ~0U, 0);
 }
 
+// While it is waited for, the server ends with the command, by the signal that asks for it.
+void followCommand(bool follow) {
+    if (::prctl(PR_SET_PDEATHSIG, follow ? SIGTERM : 0) != 0) throw ToolError::fromErrno(errno);
+}
+
 MountPlace placeFor(const AttachArguments& arguments, Ext4Volume& volume) {
     if (arguments.mountPoint.empty()) return MountPlace::make(volume.name(), arguments.browsable);
     return MountPlace::existing(arguments.mountPoint);
 }
 
-VolumeServer openServer(const AttachArguments& arguments) {
+VolumeServer openServer(const AttachArguments& arguments, const BlockedSignals& signals) {
     ImageFile file = openImage(arguments.image);
     const Secret passphrase = readPassphrase(STDIN_FILENO);
     redirectToNothing({STDIN_FILENO});
@@ -78,8 +84,8 @@ VolumeServer openServer(const AttachArguments& arguments) {
     auto image = std::make_unique<EncryptedImage>(file.fd.release(), container.volumeKey,
                                                   container.geometry);
     container.volumeKey.clear();
-    checkVolume(*image, file.readOnly);
-    auto volume = Ext4Volume::open(*image, file.readOnly);
+    signals.check();
+    auto volume = openSoundVolume(*image, file.readOnly, signals);
     MountPlace place = placeFor(arguments, *volume);
     return {std::move(image), std::move(volume), std::move(place), file};
 }
@@ -87,13 +93,15 @@ VolumeServer openServer(const AttachArguments& arguments) {
 // Returns when the volume is closed; an exception is a failure to attach it.
 bool serve(const AttachArguments& arguments, FileDescriptor& report) {
     const BlockedSignals signals;
-    VolumeServer server = openServer(arguments);
+    VolumeServer server = openServer(arguments, signals);
     if (::chdir("/") != 0) throw ToolError::fromErrno(errno);
     redirectToNothing({STDOUT_FILENO, STDERR_FILENO});
     const Attachment attachment = server.attachment();
     const std::string ready =
         reportReady + attachment.device + '\0' + attachment.mountPoint.string();
     // Without a reader, the command was stopped meanwhile, and nobody would know of the volume.
+    followCommand(false);
+    signals.check();
     if (!writeAll(report.get(), ready)) throw ToolError("nobody waits for the volume");
     report.reset();
     return server.run(signals);
@@ -105,6 +113,7 @@ bool serve(const AttachArguments& arguments, FileDescriptor& report) {
     closeAllBut(report.get());
     std::string failure;
     try {
+        followCommand(true);
         ::_exit(serve(arguments, report) ? EXIT_SUCCESS : EXIT_FAILURE);
     } catch (const VolumeCorrupt& error) {
         failure = ImageDamaged(error.what()).what();

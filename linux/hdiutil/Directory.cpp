@@ -74,6 +74,7 @@ Directory::Directory(ext2_filsys fs, ext2_ino_t number)
     Ext4Inode self = Ext4Inodes::load(fs, number);
     if (!self.isDirectory()) failWith(ENOTDIR);
     const std::uint64_t count = self.size() / fs->blocksize;
+    if (count > ext2fs_blocks_count(fs->super)) failWith(EUCLEAN);
     FileBlocks map(fs, self);
     blocks_.reserve(count);
     while (blocks_.size() < count) {
@@ -219,6 +220,7 @@ void Directory::giveUpHashTree(Ext4Inode& self) {
         } else if (entryAt(0).inode != 0 || lengthOf(entryAt(0)) != fs_->blocksize) {
             continue; // a leaf
         }
+        if (keep >= usableBytes() || nextOffset(keep) < usableBytes()) failWith(EUCLEAN);
         ext2_dir_entry& last = entryAt(keep);
         const std::size_t used = last.inode == 0 ? 8 : 8 + nameOf(last).size();
         std::fill(buffer_.begin() + static_cast<std::ptrdiff_t>(keep + used), buffer_.end(), '\0');

@@ -39,6 +39,23 @@ int errnoOf(errcode_t code) {
     case EXT2_ET_EXTENT_LEAF_BAD:
     case EXT2_ET_EXTENT_INDEX_BAD:
     case EXT2_ET_INODE_IS_GARBAGE:
+    case EXT2_ET_EXTENT_NOT_SUPPORTED:
+    case EXT2_ET_EXTENT_INVALID_LENGTH:
+    case EXT2_ET_EXTENT_CYCLE:
+    case EXT2_ET_BAD_BLOCK_NUM:
+    case EXT2_ET_BAD_INODE_NUM:
+    case EXT2_ET_BAD_EA_BLOCK_NUM:
+    case EXT2_ET_BAD_EA_HEADER:
+    case EXT2_ET_BAD_EA_HASH:
+    case EXT2_ET_MISSING_EA_FEATURE:
+    case EXT2_ET_BAD_IND_BLOCK:
+    case EXT2_ET_BAD_DIND_BLOCK:
+    case EXT2_ET_BAD_TIND_BLOCK:
+    case EXT2_ET_INODE_CORRUPTED:
+    case EXT2_ET_FILESYSTEM_CORRUPTED:
+    case EXT2_ET_EA_BAD_NAME_LEN:
+    case EXT2_ET_EA_BAD_VALUE_SIZE:
+    case EXT2_ET_EA_BAD_VALUE_OFFSET:
         return EUCLEAN;
     default:
         return EIO;

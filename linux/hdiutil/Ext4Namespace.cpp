@@ -52,8 +52,13 @@ Directory& Ext4Volume::directory(ext2_ino_t inode) {
 
 /// mke2fs and e2fsck need "lost+found"; nobody else should see it while nothing is in it.
 bool Ext4Volume::hidden(ext2_ino_t parent, std::string_view name, ext2_ino_t inode) {
-    return parent == root && inode == EXT2_FIRST_INODE(fs_->super) && name == "lost+found" &&
-           load(inode).isDirectory() && directory(inode).empty();
+    if (parent != root || inode != EXT2_FIRST_INODE(fs_->super) || name != "lost+found")
+        return false;
+    try {
+        return load(inode).isDirectory() && directory(inode).empty();
+    } catch (const std::system_error&) {
+        return false; // damaged it is shown, and holds up nobody who looks for something else
+    }
 }
 
 std::optional<ext2_ino_t> Ext4Volume::findVisible(ext2_ino_t parent, std::string_view name) {

@@ -2,6 +2,8 @@
 
 #include "Ext2Error.h"
 #include "Ext2Io.h"
+#include "SuperblockVerifier.h"
+#include "VolumeVerifier.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -14,17 +16,6 @@ namespace {
 constexpr std::uint64_t soonSynced = std::uint64_t{1} * 1024 * 1024;
 constexpr const char* nameAttribute = "trusted.quillvane.name";
 
-/// What the code here understands of an ext4's features that change how it is written.
-constexpr __u32 knownIncompatible =
-    EXT2_FEATURE_INCOMPAT_FILETYPE | EXT3_FEATURE_INCOMPAT_RECOVER | EXT2_FEATURE_INCOMPAT_META_BG |
-    EXT3_FEATURE_INCOMPAT_EXTENTS | EXT4_FEATURE_INCOMPAT_64BIT | EXT4_FEATURE_INCOMPAT_FLEX_BG |
-    EXT4_FEATURE_INCOMPAT_CSUM_SEED | EXT4_FEATURE_INCOMPAT_LARGEDIR;
-constexpr __u32 knownReadOnlyCompatible =
-    EXT2_FEATURE_RO_COMPAT_SPARSE_SUPER | EXT2_FEATURE_RO_COMPAT_LARGE_FILE |
-    EXT4_FEATURE_RO_COMPAT_HUGE_FILE | EXT4_FEATURE_RO_COMPAT_GDT_CSUM |
-    EXT4_FEATURE_RO_COMPAT_DIR_NLINK | EXT4_FEATURE_RO_COMPAT_EXTRA_ISIZE |
-    EXT4_FEATURE_RO_COMPAT_METADATA_CSUM;
-
 /// Failures of the disk stay what they are; all other codes mean that the volume makes no sense.
 void checkStructure(errcode_t code, const char* what) {
     if (code == 0) return;
@@ -34,33 +25,24 @@ void checkStructure(errcode_t code, const char* what) {
     throw VolumeCorrupt(std::string(what) + ": " + error_message(code));
 }
 
-void checkFeatures(ext2_filsys fs) {
-    const ext2_super_block& super = *fs->super;
-    if ((super.s_feature_incompat & ~knownIncompatible) != 0 ||
-        (super.s_feature_ro_compat & ~knownReadOnlyCompatible) != 0)
-        throw VolumeCorrupt("the volume uses features that are not supported");
-    if (fs->blocksize != BlockCache::blockSize)
-        throw VolumeCorrupt("the volume's blocks are not of 4096 bytes");
-    // Smaller inodes have no room for nanoseconds and times of creation.
-    if (EXT2_INODE_SIZE(fs->super) < 256)
-        throw VolumeCorrupt("the volume's inodes are smaller than 256 bytes");
-}
-
-void checkJournalPlace(ext2_filsys fs) {
-    if (ext2fs_has_feature_journal(fs->super) != 0 && fs->super->s_journal_inum == 0)
-        throw VolumeNotSupported("the volume's journal lies on another device");
+/// Runs `work` on a volume that may be anything: what contradicts itself there is damage.
+template <typename Work> void lookAt(Work work) {
+    try {
+        work();
+    } catch (const std::system_error& error) {
+        if (error.code().value() != EUCLEAN) throw;
+        throw VolumeCorrupt("structure that makes no sense");
+    }
 }
 
 } // namespace
 
 bool Ext4Volume::needsCheck(BlockDevice& device) {
+    verifySuperblock(device);
     BlockCache cache(device);
     ext2_filsys fs = nullptr;
-    const errcode_t code = Ext2Io::open(cache, EXT2_FLAG_64BITS, &fs);
-    if (code == EXT2_ET_SB_CSUM_INVALID) return true; // torn by a crash; e2fsck has spare copies
-    checkStructure(code, "opening the volume");
+    checkStructure(Ext2Io::open(cache, EXT2_FLAG_64BITS, &fs), "opening the volume");
     const std::unique_ptr<struct_ext2_filsys, void (*)(ext2_filsys)> owner(fs, ext2fs_free);
-    checkJournalPlace(fs);
     return (fs->super->s_state & EXT2_VALID_FS) == 0 || (fs->super->s_state & EXT2_ERROR_FS) != 0 ||
            ext2fs_has_feature_journal_needs_recovery(fs->super) != 0 ||
            fs->super->s_last_orphan != 0;
@@ -70,6 +52,7 @@ Ext4Volume::Ext4Volume(BlockDevice& device, bool readOnly)
     : device_(device), readOnly_(readOnly), cache_(device) {}
 
 std::unique_ptr<Ext4Volume> Ext4Volume::open(BlockDevice& device, bool readOnly) {
+    verifySuperblock(device);
     std::unique_ptr<Ext4Volume> volume(new Ext4Volume(device, readOnly));
     const int access = readOnly ? 0 : EXT2_FLAG_RW;
     checkStructure(Ext2Io::open(volume->cache_, EXT2_FLAG_64BITS | access, &volume->fs_),
@@ -79,12 +62,14 @@ std::unique_ptr<Ext4Volume> Ext4Volume::open(BlockDevice& device, bool readOnly)
 }
 
 void Ext4Volume::prepare() {
-    checkJournalPlace(fs_);
-    checkFeatures(fs_);
-    if (ext2fs_blocks_count(fs_->super) > device_.blockCount())
-        throw VolumeCorrupt("the volume is larger than its image");
-    checkStructure(ext2fs_check_desc(fs_), "checking the group descriptors");
-    checkStructure(ext2fs_read_bitmaps(fs_), "reading the bitmaps");
+    lookAt([this] {
+        VolumeVerifier verifier(device_, fs_);
+        verifier.checkDescriptors();
+        checkStructure(ext2fs_read_bitmaps(fs_), "reading the bitmaps");
+        verifier.checkBitmaps();
+        verifier.adoptCounts();
+        verifier.checkInodes();
+    });
     // The spare copies of the superblock change only when the volume's shape does.
     fs_->flags |= EXT2_FLAG_MASTER_SB_ONLY;
     if (!readOnly_) {
@@ -123,6 +108,8 @@ void Ext4Volume::close() {
             suspect_ = true; // everything else is more important
         }
     }
+    // A volume that was only read does not say yet that something was wrong.
+    if (transactions_ && suspect_) transactions_->begin();
     if (transactions_) transactions_->end(suspect_);
     nameless_.clear();
     if (transactions_) giveRoomBackAtTheEnd();

@@ -7,6 +7,7 @@
 #include "InodeReferences.h"
 #include "OrphanList.h"
 #include "Transactions.h"
+#include "VolumeError.h"
 #include "VolumeGrowth.h"
 
 #include <cstddef>
@@ -18,7 +19,6 @@
 #include <optional>
 #include <shared_mutex>
 #include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
@@ -26,19 +26,6 @@
 #include <sys/types.h>
 #include <unordered_set>
 #include <vector>
-
-/// The structures on the volume contradict themselves or use features unknown here; the text says
-/// what was found.
-class VolumeCorrupt : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-/// The volume needs something that this program does not have; the text says what.
-class VolumeNotSupported : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
 
 /// An ext4 file system on an encrypted image, with the operations that a mounted one needs.
 ///
@@ -78,9 +65,11 @@ public:
     static constexpr ext2_ino_t root = EXT2_ROOT_INO;
     static constexpr std::size_t longestName = EXT2_NAME_LEN;
 
-    /// Whether the volume was not closed, or has a journal to replay. Throws like `open`.
+    /// Whether the volume was not closed, has a journal to replay or says that it is to be checked.
+    /// Looks at the superblock alone. Throws like `open`.
     static bool needsCheck(BlockDevice& device);
-    /// `device` must outlive the volume. Throws `VolumeCorrupt`, `VolumeNotSupported`, or
+    /// `device` must outlive the volume, whose structure is looked at as `VolumeVerifier` does;
+    /// nothing is written. Throws `VolumeCorrupt`, `VolumeNotSupported`, or
     /// `std::system_error` on I/O.
     static std::unique_ptr<Ext4Volume> open(BlockDevice& device, bool readOnly);
     /// Closes as well as it can without a report; call `close` first.

@@ -17,6 +17,13 @@ constexpr std::uint64_t worthOneRow = 16;
 constexpr unsigned mostCuts = 64;
 constexpr std::uint64_t leastListed = 65536;
 
+/// Whatever a damaged file says, nothing outside the volume is its.
+void requirePlace(ext2_filsys fs, std::uint64_t physical, std::uint64_t count) {
+    const std::uint64_t blocks = ext2fs_blocks_count(fs->super);
+    if (physical == 0 || physical >= blocks || count == 0 || count > blocks - physical)
+        failWith(EUCLEAN);
+}
+
 bool isUnwritten(const ext2fs_extent& extent) {
     return (extent.e_flags & EXT2_EXTENT_FLAGS_UNINIT) != 0;
 }
@@ -40,6 +47,7 @@ std::optional<ext2fs_extent> FileBlocks::seek(std::uint64_t logical) {
     const errcode_t code = ext2fs_extent_get(handle_, EXT2_EXTENT_CURRENT, &extent);
     if (code == EXT2_ET_NO_CURRENT_NODE) return std::nullopt; // the file has no blocks at all
     check(code);
+    requirePlace(fs_, extent.e_pblk, extent.e_len);
     if (found == 0 || extent.e_lblk > logical) return extent;
     return following();
 }
@@ -58,6 +66,7 @@ std::optional<ext2fs_extent> FileBlocks::following() {
     check(code);
     while ((extent.e_flags & EXT2_EXTENT_FLAGS_LEAF) == 0)
         check(ext2fs_extent_get(handle_, EXT2_EXTENT_DOWN, &extent));
+    requirePlace(fs_, extent.e_pblk, extent.e_len);
     return extent;
 }
 
@@ -68,8 +77,9 @@ FileBlocks::Run FileBlocks::find(std::uint64_t logical, std::uint64_t limit) {
         check(ext2fs_bmap2(fs_, inode_.number, inode_.base(), nullptr, 0, logical, nullptr,
                            &physical));
         run.count = std::min<std::uint64_t>(limit, 1);
-        if (physical != 0) run = {Kind::data, logical, physical, run.count};
-        return run;
+        if (physical == 0) return run;
+        requirePlace(fs_, physical, run.count);
+        return {Kind::data, logical, physical, run.count};
     }
     const auto extent = seek(logical);
     if (!extent) return run;

@@ -171,6 +171,7 @@ public:
     Mount& operator=(const Mount&) = delete;
 
     const std::string& path() const { return directory_.path(); }
+    int failure() const noexcept { return file_.failure(); }
 
 private:
     // An indexer may be looking in for a moment; the export ends all the same.
@@ -205,4 +206,8 @@ PlaintextExport::~PlaintextExport() = default;
 
 std::filesystem::path PlaintextExport::file() const {
     return std::filesystem::path(mount_->path()) / fileName;
+}
+
+int PlaintextExport::failure() const noexcept {
+    return mount_->failure();
 }

@@ -19,6 +19,9 @@ public:
     PlaintextExport& operator=(const PlaintextExport&) = delete;
 
     std::filesystem::path file() const;
+    /// The errno of the first failure to read or write the image, 0 when there was none. Nothing is
+    /// written after one.
+    int failure() const noexcept;
 
 private:
     class Mount;

@@ -2,12 +2,27 @@
 
 import errno
 import os
+import pathlib
 import signal
 import subprocess
 import unittest
 
 from hdiutil_case import CommandCase, IS_ROOT, isLocked, isRunning, PASSPHRASE
 from quillvane import eventually, makeTree, mounts, tool
+
+
+def checksRunning():
+    """The processes that check a volume."""
+    return [process for process in pathlib.Path("/proc").glob("[0-9]*/comm")
+            if readAnyway(process) == "e2fsck\n"]
+
+
+def readAnyway(path):
+    """The text of a file that may have gone."""
+    try:
+        return path.read_text()
+    except (FileNotFoundError, ProcessLookupError):
+        return ""
 
 
 class AttachTest(CommandCase):
@@ -138,6 +153,7 @@ class AttachTest(CommandCase):
             "payload cut": lambda: truncated(5 << 20), "a block short": lambda: truncated(size - 4096),
             "both headers": lambda: (overwritten(10, 300), overwritten(16384 + 10, 300)),
             "superblock": lambda: overwritten(1 << 20, 4096),
+            "structure": lambda: overwritten((1 << 20) + 4096, 32 << 20),
         }
         for damage, inflict in damages.items():
             with self.subTest(damage=damage):
@@ -258,6 +274,28 @@ class AttachTest(CommandCase):
         process.stdin.close()
         self.assertTrue(eventually(lambda: not isLocked(self.image)))
         self.assertNothingLeft()
+
+    def test_command_that_is_stopped_ends_the_check(self):
+        if not IS_ROOT:
+            self.skipTest("needs to trace the server, which hides from its user")
+        self.created()
+        self.crash()
+        process = subprocess.Popen(
+            ["strace", "-D", "-f", "-qq", "-o", "/dev/null", "-e", "trace=fsync",
+             "-e", "inject=fsync:signal=STOP",  # the check syncs
+             tool("hdiutil"), "attach", "-stdinpass", self.image],
+            stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, env=self.environment, text=True)
+        process.stdin.write(PASSPHRASE + "\n")
+        process.stdin.close()
+        self.assertTrue(eventually(lambda: checksRunning()))
+        process.terminate()
+        process.wait()
+        self.assertTrue(eventually(lambda: not isLocked(self.image) and not checksRunning()))
+        self.assertNothingLeft()
+        _, point = self.attached()
+        with open(point + "/file") as file:
+            self.assertEqual("kept", file.read())
+        self.detached(point)
 
     def test_secrets_are_nowhere_to_be_seen(self):
         self.created()
