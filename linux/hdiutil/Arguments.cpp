@@ -66,6 +66,24 @@ void expect(const char* option, const std::string& value, std::string_view only)
     if (value != only) throw UsageError(std::string(option) + " must be " + std::string(only));
 }
 
+MountOptions parseMountOptions(std::string_view list) {
+    MountOptions result;
+    while (true) {
+        const std::size_t comma = list.find(',');
+        const std::string_view word = list.substr(0, comma);
+        if (word == "allow_other")
+            result.otherUsers = true;
+        else if (word == "suid")
+            result.setUserId = true;
+        else if (word == "dev")
+            result.deviceFiles = true;
+        else
+            throw UsageError("unknown mount option \"" + std::string(word) + "\"");
+        if (comma == std::string_view::npos) return result;
+        list.remove_prefix(comma + 1);
+    }
+}
+
 void requirePassphraseOption(bool given) {
     // Anything else would put the secret on the command line or ask for it on a terminal.
     if (!given) throw UsageError("option -stdinpass is required");
@@ -124,6 +142,8 @@ AttachArguments parseAttach(Words words) {
               if (v.empty()) throw UsageError("the mount point is empty");
               result.mountPoint = v;
           }}},
+        {"-mountoptions",
+         {true, [&](const std::string& v) { result.mountOptions = parseMountOptions(v); }}},
     };
     result.image = parse(words, options, "image");
     requirePassphraseOption(passphrase);

@@ -15,10 +15,19 @@ struct CreateArguments {
     std::string image;
 };
 
+/// What a mounted volume allows besides what every volume does.
+struct MountOptions {
+    bool otherUsers = false;  ///< "allow_other": everybody may enter, as far as the modes let them
+    bool setUserId = false;   ///< "suid": programs with the set-user-id bit run as their owner
+    bool deviceFiles = false; ///< "dev": device files are devices
+    bool any() const noexcept { return otherUsers || setUserId || deviceFiles; }
+};
+
 struct AttachArguments {
     bool plist = false;
     bool browsable = true;
-    std::string mountPoint; ///< empty: the tool chooses
+    MountOptions mountOptions; ///< for root only
+    std::string mountPoint;    ///< empty: the tool chooses
     std::string image;
 };
 

@@ -87,7 +87,7 @@ VolumeServer openServer(const AttachArguments& arguments, const BlockedSignals& 
     signals.check();
     auto volume = openSoundVolume(*image, file.readOnly, signals);
     MountPlace place = placeFor(arguments, *volume);
-    return {std::move(image), std::move(volume), std::move(place), file};
+    return {std::move(image), std::move(volume), std::move(place), file, arguments.mountOptions};
 }
 
 // Returns when the volume is closed; an exception is a failure to attach it.
@@ -147,9 +147,16 @@ void removeDeadMountAt(const std::string& mountPoint) {
     if (mounted && isDeadMount(mounted->mountPoint)) removeDeadMount(mounted->mountPoint);
 }
 
+/// They take away what keeps the other users of the machine safe from a volume's owner, and the
+/// owner from them.
+void requireRootFor(const MountOptions& options) {
+    if (options.any() && ::geteuid() != 0) throw ToolError("-mountoptions is for root only");
+}
+
 } // namespace
 
 void runAttach(const AttachArguments& arguments) {
+    requireRootFor(arguments.mountOptions);
     removeDeadMounts();
     if (!arguments.mountPoint.empty()) removeDeadMountAt(arguments.mountPoint);
 

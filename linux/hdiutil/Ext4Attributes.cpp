@@ -31,12 +31,13 @@ bool isAccessList(std::string_view name) {
     return name == accessAcl || name == defaultAcl;
 }
 
-bool isSupported(const std::string& name) {
+void requireSupported(const std::string& name) {
     constexpr std::array<std::string_view, 3> prefixes = {"user.", "security.", trustedPrefix};
-    return isAccessList(name) ||
-           std::any_of(prefixes.begin(), prefixes.end(), [&](std::string_view prefix) {
-               return name.starts_with(prefix) && name.size() > prefix.size();
-           });
+    for (const std::string_view prefix : prefixes) {
+        if (name == prefix) failWith(EINVAL);
+        if (name.starts_with(prefix)) return;
+    }
+    if (!isAccessList(name)) failWith(EOPNOTSUPP);
 }
 
 } // namespace
@@ -99,7 +100,7 @@ void Ext4Volume::stampChange(ext2_ino_t number) {
 
 std::vector<std::byte> Ext4Volume::attribute(ext2_ino_t number, const std::string& name) {
     const std::lock_guard lock(mutex_);
-    if (!isSupported(name)) failWith(EOPNOTSUPP);
+    requireSupported(name);
     if (isOwn(number, name)) failWith(ENODATA);
     auto value = readAttribute(load(number), name);
     if (!value) failWith(ENODATA);
@@ -134,9 +135,9 @@ std::string Ext4Volume::attributeNames(ext2_ino_t number, bool privileged) {
 }
 
 void Ext4Volume::setAttribute(ext2_ino_t number, const std::string& name,
-                              std::span<const std::byte> value, int flags) {
+                              std::span<const std::byte> value, int flags, const Caller& caller) {
     const std::lock_guard lock(mutex_);
-    if (!isSupported(name)) failWith(EOPNOTSUPP);
+    requireSupported(name);
     if (isOwn(number, name)) failWith(EPERM);
     const Ext4Inode inode = load(number);
     const bool exists = readAttribute(inode, name).has_value();
@@ -144,7 +145,7 @@ void Ext4Volume::setAttribute(ext2_ino_t number, const std::string& name,
     if ((flags & XATTR_REPLACE) != 0 && !exists) failWith(ENODATA);
     beginChange();
     if (name == accessAcl)
-        setAccessAcl(number, value);
+        setAccessAcl(number, value, caller);
     else
         writeAttribute(inode, name, value);
     stampChange(number);
@@ -152,7 +153,7 @@ void Ext4Volume::setAttribute(ext2_ino_t number, const std::string& name,
 
 void Ext4Volume::removeAttribute(ext2_ino_t number, const std::string& name) {
     const std::lock_guard lock(mutex_);
-    if (!isSupported(name)) failWith(EOPNOTSUPP);
+    requireSupported(name);
     const Ext4Inode inode = load(number);
     if (isOwn(number, name)) failWith(ENODATA);
     if (!readAttribute(inode, name)) {
@@ -165,7 +166,8 @@ void Ext4Volume::removeAttribute(ext2_ino_t number, const std::string& name) {
 }
 
 /// An access list also sets the permission bits, and is kept only when it says more than they do.
-void Ext4Volume::setAccessAcl(ext2_ino_t number, std::span<const std::byte> bytes) {
+void Ext4Volume::setAccessAcl(ext2_ino_t number, std::span<const std::byte> bytes,
+                              const Caller& caller) {
     const auto acl = PosixAcl::parse(bytes);
     if (!acl) failWith(EINVAL);
     Ext4Inode inode = load(number);
@@ -178,6 +180,8 @@ void Ext4Volume::setAccessAcl(ext2_ino_t number, std::span<const std::byte> byte
     inode = load(number);
     inode.raw.i_mode =
         static_cast<__u16>((inode.mode() & ~static_cast<mode_t>(0777)) | acl->permissions());
+    if ((inode.mode() & S_ISGID) != 0 && !caller.actsFor(inode.group()))
+        inode.raw.i_mode &= static_cast<__u16>(~S_ISGID);
     store(inode);
 }
 

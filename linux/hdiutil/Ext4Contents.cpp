@@ -15,7 +15,7 @@
 namespace {
 
 constexpr std::uint64_t blockSize = BlockCache::blockSize;
-constexpr std::uint64_t largestFile = FileBlocks::lastBlock * blockSize;
+constexpr std::uint64_t largestFile = (FileBlocks::lastBlock + 1) * blockSize;
 
 std::uint64_t blocksFor(std::uint64_t bytes) {
     return (bytes + blockSize - 1) / blockSize;
@@ -121,12 +121,13 @@ std::size_t Ext4Volume::writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
 }
 
 std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
-                              std::span<const std::byte> from) {
+                              std::span<const std::byte> from, const Caller& caller) {
     const std::lock_guard lock(mutex_);
     Ext4Inode inode = load(number);
     requireFile(inode);
     if (from.empty()) return 0;
-    if (offset > largestFile || from.size() > largestFile - offset) failWith(EFBIG);
+    if (offset >= largestFile) failWith(EFBIG);
+    from = from.first(std::min<std::uint64_t>(from.size(), largestFile - offset));
     beginChange(blocksFor(from.size()));
     unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
@@ -145,6 +146,7 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
         const std::size_t done = writeBlocks(inode, first, all);
         written = std::min(from.size(), done - within);
     }
+    loseGroupBit(inode, caller);
     if (offset + written > inode.size()) Ext4Inodes::setSize(fs_, inode, offset + written);
     const timespec now = Ext4Inodes::now();
     inode.setModified(now);
@@ -191,7 +193,14 @@ void Ext4Volume::releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint6
     if (shortens) orphans_->remove(inode);
 }
 
-struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes) {
+void Ext4Volume::loseGroupBit(Ext4Inode& inode, const Caller& caller) {
+    if ((inode.mode() & S_ISGID) == 0 || inode.isDirectory() || caller.actsFor(inode.group()))
+        return;
+    inode.raw.i_mode &= static_cast<__u16>(~S_ISGID);
+}
+
+struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes,
+                                      const Caller& caller) {
     const std::lock_guard lock(mutex_);
     Ext4Inode inode = load(number);
     beginChange();
@@ -202,6 +211,7 @@ struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes)
     }
     if (changes.mode)
         inode.raw.i_mode = static_cast<__u16>((inode.mode() & S_IFMT) | (*changes.mode & 07777));
+    if (changes.size || changes.owner || changes.group) loseGroupBit(inode, caller);
     if (changes.owner) inode.setOwner(*changes.owner);
     if (changes.group) inode.setGroup(*changes.group);
     if (changes.accessed) inode.setAccessed(*changes.accessed);
@@ -253,7 +263,8 @@ void Ext4Volume::reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint6
     }
 }
 
-void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std::uint64_t length) {
+void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std::uint64_t length,
+                          const Caller& caller) {
     const std::lock_guard lock(mutex_);
     Ext4Inode inode = load(number);
     requireFile(inode);
@@ -281,6 +292,7 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
         }
         if (!keepSize && end > inode.size()) Ext4Inodes::setSize(fs_, inode, end);
     }
+    loseGroupBit(inode, caller);
     const timespec now = Ext4Inodes::now();
     inode.setModified(now);
     inode.setChanged(now);

@@ -25,8 +25,9 @@ timespec decode(std::uint32_t seconds, std::uint32_t extra) {
 void encode(const timespec& when, std::uint32_t& seconds, std::uint32_t& extra) {
     std::int64_t second = when.tv_sec;
     std::int64_t nanosecond = when.tv_nsec;
-    if (second < smallestSecond || second > largestSecond) {
-        second = second < smallestSecond ? smallestSecond : largestSecond;
+    // As the kernel does it, the first and the last second are never divided.
+    if (second <= smallestSecond || second >= largestSecond) {
+        second = second <= smallestSecond ? smallestSecond : largestSecond;
         nanosecond = 0;
     }
     const auto low = static_cast<std::int32_t>(second & 0xffffffff);

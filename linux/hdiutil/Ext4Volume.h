@@ -1,6 +1,7 @@
 #pragma once
 
 #include "BlockCache.h"
+#include "Caller.h"
 #include "Directory.h"
 #include "Ext4Inode.h"
 #include "FileBlocks.h"
@@ -40,12 +41,6 @@
 /// says so. A volume without a journal needs to be checked then.
 class Ext4Volume {
 public:
-    /// Who asks, for the owner of what is created.
-    struct Caller {
-        uid_t user = 0;
-        gid_t group = 0;
-        mode_t umask = 0;
-    };
     /// What `setAttributes` is to change; what is absent stays.
     struct Changes {
         std::optional<mode_t> mode;
@@ -107,7 +102,10 @@ public:
     std::uint64_t generation(ext2_ino_t inode);
 
     struct stat attributes(ext2_ino_t inode);
-    struct stat setAttributes(ext2_ino_t inode, const Changes& changes);
+    /// A file that is written to, truncated, or given another owner by a `caller` who does not act
+    /// for its group loses a set-group-id bit. The bits that matter to programs, set-user-id and
+    /// set-group-id of what the group may execute, are taken away by the kernel before.
+    struct stat setAttributes(ext2_ino_t inode, const Changes& changes, const Caller& caller = {});
     std::string readLink(ext2_ino_t inode);
 
     struct stat create(ext2_ino_t parent, std::string_view name, const NewEntry& entry,
@@ -125,9 +123,13 @@ public:
     /// Reads at most `into.size()` bytes; fewer only at the end of the file.
     std::size_t read(ext2_ino_t inode, std::uint64_t offset, std::span<std::byte> into);
     /// Answers how many bytes were written; fewer than asked when the disk fills up in the middle.
-    std::size_t write(ext2_ino_t inode, std::uint64_t offset, std::span<const std::byte> from);
+    /// For `caller` see `setAttributes`.
+    std::size_t write(ext2_ino_t inode, std::uint64_t offset, std::span<const std::byte> from,
+                      const Caller& caller = {});
     /// `mode` is that of fallocate(2): 0, KEEP_SIZE, PUNCH_HOLE, ZERO_RANGE; others EOPNOTSUPP.
-    void allocate(ext2_ino_t inode, int mode, std::uint64_t offset, std::uint64_t length);
+    /// For `caller` see `setAttributes`.
+    void allocate(ext2_ino_t inode, int mode, std::uint64_t offset, std::uint64_t length,
+                  const Caller& caller = {});
     /// SEEK_DATA or SEEK_HOLE; ENXIO beyond the end.
     std::uint64_t seek(ext2_ino_t inode, std::uint64_t offset, int whence);
     /// Returns when the file's contents and attributes are on the disk. Fails once, for each file,
@@ -138,9 +140,10 @@ public:
     std::vector<std::byte> attribute(ext2_ino_t inode, const std::string& name);
     /// Each name with a closing NUL. Names of the "trusted" kind are for the privileged only.
     std::string attributeNames(ext2_ino_t inode, bool privileged);
-    /// `flags` are 0, XATTR_CREATE or XATTR_REPLACE.
+    /// `flags` are 0, XATTR_CREATE or XATTR_REPLACE. For `caller`, who sets an access list, see
+    /// `setAttributes`.
     void setAttribute(ext2_ino_t inode, const std::string& name, std::span<const std::byte> value,
-                      int flags);
+                      int flags, const Caller& caller = {});
     void removeAttribute(ext2_ino_t inode, const std::string& name);
 
 private:
@@ -209,6 +212,7 @@ private:
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
+    static void loseGroupBit(Ext4Inode& inode, const Caller& caller);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     std::uint64_t holesIn(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
@@ -223,7 +227,7 @@ private:
     void stampChange(ext2_ino_t inode);
     /// Applies the parent's default ACL to a new inode; answers whether there was one.
     bool inheritAcl(ext2_ino_t parent, Ext4Inode& inode);
-    void setAccessAcl(ext2_ino_t inode, std::span<const std::byte> acl);
+    void setAccessAcl(ext2_ino_t inode, std::span<const std::byte> acl, const Caller& caller);
     void followModeInAcl(Ext4Inode& inode);
 
     BlockDevice& device_;

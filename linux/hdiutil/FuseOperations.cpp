@@ -88,7 +88,8 @@ void setAttributes(fuse_req_t request, fuse_ino_t node, struct stat* wanted, int
         if ((which & FUSE_SET_ATTR_MTIME) != 0) changes.modified = wanted->st_mtim;
         if ((which & FUSE_SET_ATTR_ATIME_NOW) != 0) changes.accessed = Ext4Inodes::now();
         if ((which & FUSE_SET_ATTR_MTIME_NOW) != 0) changes.modified = Ext4Inodes::now();
-        const struct stat attributes = volumeOf(request).setAttributes(inodeOf(node), changes);
+        const struct stat attributes =
+            volumeOf(request).setAttributes(inodeOf(node), changes, callerOf(request));
         fuse_reply_attr(request, &attributes, forever);
     });
 }
@@ -173,7 +174,7 @@ void write(fuse_req_t request, fuse_ino_t node, const char* data, std::size_t si
     answer(request, [&] {
         const std::size_t written =
             volumeOf(request).write(inodeOf(node), static_cast<std::uint64_t>(offset),
-                                    std::as_bytes(std::span(data, size)));
+                                    std::as_bytes(std::span(data, size)), callerOf(request));
         fuse_reply_write(request, written);
     });
 }
@@ -186,7 +187,7 @@ void allocate(fuse_req_t request, fuse_ino_t node, int mode, off_t offset, off_t
               fuse_file_info*) {
     confirm(request, [&] {
         volumeOf(request).allocate(inodeOf(node), mode, static_cast<std::uint64_t>(offset),
-                                   static_cast<std::uint64_t>(length));
+                                   static_cast<std::uint64_t>(length), callerOf(request));
     });
 }
 
@@ -208,7 +209,7 @@ void setAttribute(fuse_req_t request, fuse_ino_t node, const char* name, const c
                   std::size_t size, int flags) {
     confirm(request, [&] {
         volumeOf(request).setAttribute(inodeOf(node), name, std::as_bytes(std::span(value, size)),
-                                       flags);
+                                       flags, callerOf(request));
     });
 }
 

@@ -30,9 +30,9 @@ inline fuse_ino_t nodeOf(ext2_ino_t inode) {
     return inode == Ext4Volume::root ? FUSE_ROOT_ID : inode;
 }
 
-inline Ext4Volume::Caller callerOf(fuse_req_t request) {
+inline Caller callerOf(fuse_req_t request) {
     const fuse_ctx* context = fuse_req_ctx(request);
-    return {context->uid, context->gid, context->umask};
+    return {context->uid, context->gid, context->umask, context->pid};
 }
 
 /// The one way in which a request is answered: `work` replies, or throws.

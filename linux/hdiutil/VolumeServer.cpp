@@ -17,9 +17,15 @@ using namespace std::chrono_literals;
 constexpr int closeAttempts = 20;
 constexpr auto closePause = 1s;
 
-std::string mountOptions(const std::filesystem::path& imagePath, bool readOnly) {
-    return "fsname=" + fuseOptionValue(imagePath.string()) +
-           ",subtype=quillvane,default_permissions,nosuid,nodev" + (readOnly ? ",ro" : "");
+std::string fuseOptions(const std::filesystem::path& imagePath, bool readOnly,
+                        const MountOptions& options) {
+    std::string text =
+        "fsname=" + fuseOptionValue(imagePath.string()) + ",subtype=quillvane,default_permissions";
+    text += options.setUserId ? ",suid" : ",nosuid";
+    text += options.deviceFiles ? ",dev" : ",nodev";
+    if (options.otherUsers) text += ",allow_other";
+    if (readOnly) text += ",ro";
+    return text;
 }
 
 /// Enough to read and decrypt on all processors of a small machine.
@@ -31,10 +37,10 @@ unsigned serverThreads() {
 
 VolumeServer::VolumeServer(std::unique_ptr<EncryptedImage> image,
                            std::unique_ptr<Ext4Volume> volume, MountPlace place,
-                           const ImageFile& file)
+                           const ImageFile& file, const MountOptions& options)
     : image_(std::move(image)), volume_(std::move(volume)), place_(std::move(place)) {
     try {
-        mount(file);
+        mount(file, options);
         place_.mounted();
     } catch (...) {
         session_.reset();
@@ -51,10 +57,10 @@ VolumeServer::~VolumeServer() {
     place_.remove();
 }
 
-void VolumeServer::mount(const ImageFile& file) {
+void VolumeServer::mount(const ImageFile& file, const MountOptions& options) {
     socket_.emplace();
     context_.emplace(FuseOperations::Context{*volume_, socket_->address(), file.identity});
-    session_ = mountFuse(place_.path(), mountOptions(file.path, volume_->readOnly()),
+    session_ = mountFuse(place_.path(), fuseOptions(file.path, volume_->readOnly(), options),
                          FuseOperations::table(), &*context_);
     if (!session_) throw ToolError("the volume could not be mounted at " + place_.path().string());
     mount_ = MountTable::current().at(place_.path());

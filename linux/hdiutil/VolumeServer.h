@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Arguments.h"
 #include "AttachReport.h"
 #include "BlockedSignals.h"
 #include "ControlSocket.h"
@@ -24,7 +25,7 @@ public:
     /// called. Throws `ToolError` or `std::system_error`; then nothing is mounted, and the place is
     /// removed.
     VolumeServer(std::unique_ptr<EncryptedImage> image, std::unique_ptr<Ext4Volume> volume,
-                 MountPlace place, const ImageFile& file);
+                 MountPlace place, const ImageFile& file, const MountOptions& options);
     ~VolumeServer();
     VolumeServer(const VolumeServer&) = delete;
     VolumeServer& operator=(const VolumeServer&) = delete;
@@ -35,7 +36,7 @@ public:
     bool run(const BlockedSignals& signals);
 
 private:
-    void mount(const ImageFile& file);
+    void mount(const ImageFile& file, const MountOptions& options);
     void unmountLeftOver() const noexcept;
     std::string closeVolume() noexcept;
 

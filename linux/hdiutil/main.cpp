@@ -18,7 +18,8 @@ namespace {
 constexpr const char* usage =
     "usage: hdiutil create -size N{k|m|g} -encryption AES-256 -stdinpass [-volname NAME]\n"
     "               [-fs APFS|JHFS+] [-type SPARSE] IMAGE\n"
-    "       hdiutil attach -stdinpass [-plist] [-owners on] [-nobrowse] [-mountpoint DIR] IMAGE\n"
+    "       hdiutil attach -stdinpass [-plist] [-owners on] [-nobrowse] [-mountpoint DIR]\n"
+    "               [-mountoptions allow_other,suid,dev] IMAGE\n"
     "       hdiutil detach [-force] DEVICE|MOUNTPOINT";
 
 // What stands between "hdiutil: " and the reason.

@@ -124,7 +124,7 @@ public:
 
 private:
     void makeNew() {
-        static const Ext4Volume::Caller me{1000, 1000, 022};
+        static const Caller me{1000, 1000, 022};
         const std::vector<std::byte> content(30'000, std::byte{7});
         attempt(volume_, [&] {
             const auto made = volume_.create(Ext4Volume::root, "new", {S_IFREG | 0644, 0, {}}, me);

@@ -45,6 +45,25 @@ TEST(ArgumentsTest, attachAsTheEngineCallsIt) {
     EXPECT_EQ(attach.image, "/a b/c");
 }
 
+TEST(ArgumentsTest, mountOptions) {
+    const auto options = [](const char* text) {
+        return parseAs<AttachArguments>({"attach", "-stdinpass", "-mountoptions", text, "x"})
+            .mountOptions;
+    };
+    EXPECT_FALSE(parseAs<AttachArguments>({"attach", "-stdinpass", "x"}).mountOptions.any());
+    EXPECT_TRUE(options("allow_other").otherUsers);
+    EXPECT_FALSE(options("allow_other").setUserId);
+    EXPECT_TRUE(options("suid").setUserId);
+    EXPECT_FALSE(options("suid").deviceFiles);
+    EXPECT_TRUE(options("dev").deviceFiles);
+    EXPECT_FALSE(options("dev").otherUsers);
+    const MountOptions all = options("dev,suid,allow_other");
+    EXPECT_TRUE(all.otherUsers && all.setUserId && all.deviceFiles);
+    for (const char* wrong : {"", ",", "allow_other,", ",suid", "suid dev", "nosuid", "exec",
+                              "allow_root", "dev,ro", "DEV"})
+        EXPECT_THROW(options(wrong), UsageError) << wrong;
+}
+
 TEST(ArgumentsTest, detachAsTheEngineCallsIt) {
     EXPECT_EQ(parseAs<DetachArguments>({"detach", "/dev/disk7"}).target, "/dev/disk7");
     EXPECT_FALSE(parseAs<DetachArguments>({"detach", "/dev/disk7"}).force);
@@ -78,6 +97,7 @@ TEST(ArgumentsTest, refusesWhatItDoesNotKnow) {
         {"attach", "-stdinpass", "-readwrite", "x"},
         {"attach", "-stdinpass", "x", "-mountpoint"},
         {"attach", "-stdinpass", "x", "-mountpoint", ""},
+        {"attach", "-stdinpass", "x", "-mountoptions"},
         {"attach", "-passphrase", "secret", "x"},
         {"detach"},
         {"detach", "-forced", "x"},

@@ -106,7 +106,7 @@ constexpr std::uint64_t pieces = 500;
 /// Truncates a file of many pieces to its first, when so many directories have been made in the
 /// same transaction. Answers between which events that was.
 std::pair<std::size_t, std::size_t> truncateAfter(int directories, RecordingDisk& disk) {
-    const Ext4Volume::Caller me{0, 0, 022};
+    const Caller me{0, 0, 022};
     const auto volume = Ext4Volume::open(disk, false);
     const auto file = static_cast<ext2_ino_t>(
         volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, me).st_ino);

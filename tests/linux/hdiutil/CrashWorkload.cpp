@@ -8,7 +8,7 @@
 
 namespace {
 
-const Ext4Volume::Caller me{0, 0, 022};
+const Caller me{0, 0, 022};
 
 std::set<std::string> namesOf(const CrashWorkload::Tree& tree) {
     std::set<std::string> names;

@@ -10,7 +10,7 @@
 #include <system_error>
 #include <vector>
 
-inline const Ext4Volume::Caller me{1000, 1000, 022};
+inline const Caller me{1000, 1000, 022};
 
 template <typename Work> int errnoFrom(Work work) {
     try {

@@ -202,6 +202,7 @@ TEST_F(Ext4VolumeTest, HoldsAttributesUpToABlock) {
     EXPECT_EQ(errnoFrom([&] { volume().setAttribute(file, "user.none", {}, XATTR_REPLACE); }),
               ENODATA);
     EXPECT_EQ(errnoFrom([&] { volume().setAttribute(file, "other.x", {}, 0); }), EOPNOTSUPP);
+    EXPECT_EQ(errnoFrom([&] { volume().setAttribute(file, "user.", {}, 0); }), EINVAL);
     EXPECT_EQ(errnoFrom([&] { volume().setAttribute(file, "user.big", pattern(5000, 1), 0); }),
               ENOSPC);
     volume().removeAttribute(file, "user.name3");

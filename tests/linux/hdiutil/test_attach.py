@@ -3,6 +3,7 @@
 import errno
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import unittest
@@ -321,6 +322,61 @@ class AttachTest(CommandCase):
         other = self.run_("setpriv", "--reuid=65534", "--clear-groups", "ls", point)
         self.assertNotEqual(0, other.returncode)
         self.detached(point)
+
+    def test_mount_options_are_refused_to_all_but_root(self):
+        if IS_ROOT:
+            self.skipTest("root may give them")
+        self.created()
+        for options in ("allow_other", "suid", "dev", "allow_other,suid,dev"):
+            self.assertRefused(self.attach("-mountoptions", options),
+                               "hdiutil: attach failed - -mountoptions is for root only")
+        self.assertNothingLeft()
+
+    def test_mount_options_of_root(self):
+        if not IS_ROOT:
+            self.skipTest("needs root")
+        self.created()
+        for given, expected in ((), {"nosuid", "nodev"}), (("allow_other",), {"nosuid", "nodev"}), \
+                (("suid",), {"nodev"}), (("dev",), {"nosuid"}), (("allow_other,suid,dev",), set()):
+            with self.subTest(given=given):
+                options = [word for value in given for word in ("-mountoptions", value)]
+                _, point = self.attached("-nobrowse", "-mountpoint", self.openPlace(), *options)
+                found = mountFlags(point)
+                self.assertEqual(expected, found & {"nosuid", "nodev"})
+                self.assertEqual("allow_other" in "".join(given), "allow_other" in found)
+                self.detached(point)
+
+    def test_other_users_enter_where_root_allows_it(self):
+        if not IS_ROOT:
+            self.skipTest("needs root and a second user")
+        self.created()
+        _, point = self.attached("-nobrowse", "-mountpoint", self.openPlace(),
+                                 "-mountoptions", "allow_other,suid,dev")
+        shutil.copy("/usr/bin/id", point)
+        os.chmod(f"{point}/id", 0o4755)
+        os.mknod(f"{point}/zero", 0o20666, os.makedev(1, 5))
+        os.chmod(f"{point}/zero", 0o666)
+        as_other = ("setpriv", "--reuid=65534", "--clear-groups")
+        self.assertEqual("0\n", self.run_(*as_other, f"{point}/id", "-u", cwd="/").stdout)
+        zeros = self.run_(*as_other, "head", "-c", "3", f"{point}/zero", cwd="/")
+        self.assertEqual((0, "\0\0\0"), (zeros.returncode, zeros.stdout))
+        refused = self.run_(*as_other, "touch", f"{point}/new", cwd="/")
+        self.assertIn("Permission denied", refused.stderr)
+        self.detached(point)
+
+    def openPlace(self):
+        """A place for the volume that every user reaches."""
+        place = self.work / "place"
+        place.mkdir(exist_ok=True)
+        for folder in (self.directory.parent, self.directory, self.work):
+            folder.chmod(0o755)
+        return place
+
+
+def mountFlags(point):
+    with open("/proc/self/mountinfo") as lines:
+        fields = next(line.split() for line in lines if line.split()[4] == str(point))
+    return set(fields[5].split(",")) | set(fields[-1].split(","))
 
 
 if __name__ == "__main__":

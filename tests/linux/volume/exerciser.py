@@ -3,6 +3,7 @@
 import ctypes
 import errno
 import hashlib
+import mmap
 import os
 import stat
 import struct
@@ -192,6 +193,49 @@ class Exerciser:
     def do_read(self):
         offset, length = self.place(), self.random.randrange(50_000)
         return self.onOpen(lambda fd: hash(os.pread(fd, length, offset)), f"{offset} {length}")
+
+    def do_map(self):
+        """What is written to memory is in the file, and what is written to the file in memory."""
+        offset, content = self.place() // 4096 * 4096, self.random.randbytes(5000)
+
+        def map(fd):
+            size = os.fstat(fd).st_size
+            if size <= offset:
+                return "too short"
+            with mmap.mmap(fd, size) as memory:
+                part = content[:size - offset]
+                memory[offset:offset + len(part)] = part
+                seen = os.pread(fd, 6000, offset) == memory[offset:offset + 6000]
+                os.pwrite(fd, b"file", offset)
+                return seen, memory[offset:offset + 4]
+        return self.onOpen(map, offset)
+
+    def do_direct(self):
+        """Past the kernel's memory, to what the volume itself has."""
+        path, offset = self.path(), self.place() // 4096 * 4096
+        content = self.random.randbytes(4096 * self.random.randrange(1, 5))
+        writes = self.random.random() < 0.6
+
+        def direct(name):
+            fd = os.open(name, os.O_RDWR | os.O_DIRECT | os.O_NONBLOCK)
+            try:
+                with mmap.mmap(-1, len(content)) as memory:
+                    memory[:] = content
+                    if writes:
+                        os.pwritev(fd, [memory], offset)
+                    return hash(memory[:os.preadv(fd, [memory], offset)])
+            finally:
+                os.close(fd)
+        return self.onPaths(direct, path, what=(offset, len(content), writes))
+
+    def do_copyRange(self):
+        if len(self.open) < 2:
+            return None
+        one, other = self.random.sample(range(len(self.open)), 2)
+        source, target, length = self.place(), self.place(), self.random.randrange(50_000)
+        return f"{one} to {other}", [
+            lambda root=root: os.copy_file_range(self.open[one][root], self.open[other][root],
+                                                 length, source, target) for root in (0, 1)]
 
     def do_truncateOpen(self):
         size = self.place()

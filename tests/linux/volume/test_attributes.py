@@ -67,7 +67,7 @@ class ModesTest(VolumeCase):
 class TimesTest(VolumeCase):
 
     def test_keepsTimesToTheNanosecondFarAway(self):
-        times = [0, 1, -1, -SECOND, -86_400 * SECOND - 1, -(1 << 31) * SECOND, (1 << 31) * SECOND,
+        times = [0, 1, -1, -SECOND, -86_400 * SECOND - 1, (1 - (1 << 31)) * SECOND, (1 << 31) * SECOND,
                  ((1 << 32) + 7) * SECOND + 999_999_999, 15_000_000_000 * SECOND + 123_456_789]
         for number, when in enumerate(times):
             os.utime(self.fileWith(str(number)), ns=(when, when + 1))

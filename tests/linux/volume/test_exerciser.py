@@ -4,6 +4,7 @@ Arguments: --seconds N (20 unless told), --seed N.
 """
 
 import argparse
+import multiprocessing
 import random
 import sys
 import time
@@ -43,6 +44,37 @@ class ExerciserTest(VolumeCase):
         print(f"{succeeded} of {steps} operations succeeded")
         self.assertGreater(succeeded, steps // 4)
         self.assertGreater(steps, 500)
+
+    def test_manyAtOnceDoNotDisturbEachOther(self):
+        """Each process has folders of its own, all share the volume's blocks, inodes and journal."""
+        jobs = []
+        for number in range(4):
+            roots = [self.volume / f"root{number}", self.directory / f"plain{number}"]
+            for root in roots:
+                root.mkdir(mode=0o755)
+            jobs.append((roots, options.seed * 1000 + number, options.seconds / 2))
+        with multiprocessing.Pool(len(jobs)) as processes:
+            results = processes.starmap(exercise, jobs)
+        print(f"{sum(results)} operations at once")
+        self.assertGreater(min(results), 100)
+        self.reattach()
+        for roots, seed, _ in jobs:
+            Exerciser(roots, random.Random(seed)).compare()
+
+
+def exercise(roots, seed, seconds):
+    """Answers how many operations were done in the time."""
+    exerciser = Exerciser(roots, random.Random(seed))
+    steps = 0
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        exerciser.step()
+        steps += 1
+        if steps % 500 == 0:
+            exerciser.compare()
+    exerciser.closeAll()
+    exerciser.compare()
+    return steps
 
 
 if __name__ == "__main__":

@@ -13,6 +13,7 @@ class VolumeCase(Case):
     """`volume` is the mount point of a fresh volume. After each test it is detached and checked."""
 
     size = "64m"
+    attachOptions = ()
 
     def setUp(self):
         super().setUp()
@@ -37,7 +38,8 @@ class VolumeCase(Case):
 
     def attach(self):
         self.succeed(tool("hdiutil"), "attach", "-stdinpass", "-nobrowse", "-owners", "on",
-                     "-mountpoint", self.volume, self.image, stdin=PASSPHRASE)
+                     "-mountpoint", self.volume, *self.attachOptions, self.image,
+                     stdin=PASSPHRASE)
 
     def detach(self):
         self.succeed(tool("hdiutil"), "detach", self.volume)
