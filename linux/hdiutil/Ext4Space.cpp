@@ -140,7 +140,10 @@ std::uint64_t Ext4Volume::writableBlocks() {
 struct statvfs Ext4Volume::statistics() {
     const std::lock_guard lock(mutex_);
     const std::uint64_t free = ext2fs_free_blocks_count(fs_->super);
-    const std::uint64_t writable = writableBlocks();
+    std::uint64_t writable = writableBlocks();
+    if (growth_) // some disks have only short files
+        writable = std::min<std::uint64_t>(writable, free + device_.longestCount() -
+                                                         ext2fs_blocks_count(fs_->super));
     struct statvfs result {};
     result.f_bsize = fs_->blocksize;
     result.f_frsize = fs_->blocksize;

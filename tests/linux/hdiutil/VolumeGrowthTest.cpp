@@ -93,6 +93,7 @@ TEST(VolumeGrowthTest, ADeviceThatEndsEndsTheVolume) {
     FileDisk disk(24, "-N 2048");
     disk.longest = 40 * mebibyte / BlockDevice::blockSize;
     const auto volume = Ext4Volume::open(disk, false);
+    EXPECT_LT(volume->statistics().f_bavail, disk.longest);
     const ext2_ino_t file = makeFile(*volume, "file");
     const auto piece = pattern(mebibyte, 3);
     std::uint64_t written = 0;
