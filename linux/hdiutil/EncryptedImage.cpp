@@ -30,6 +30,10 @@ constexpr std::size_t directAlignment = 4096;
 /// Writes of at least this many bytes go to the disk at once: the system's cache would hold a
 /// second copy of what programs have written, and make them wait for the disk later, all together.
 constexpr std::size_t directSize = 128 * 1024;
+/// Reads of at least this many bytes that follow each other are of a long row.
+constexpr std::uint64_t sequentialSize = 64 * 1024;
+/// How far ahead of the reader the disk is kept busy, at least.
+constexpr std::uint64_t aheadStep = std::uint64_t{2} * 1024 * 1024;
 /// How much room is taken on the disk at once for writes that follow each other.
 constexpr std::uint64_t roomStep = std::uint64_t{8} * 1024 * 1024;
 
@@ -186,11 +190,29 @@ void EncryptedImage::read(std::uint64_t firstBlock, std::span<std::byte> into) {
     checkRow(firstBlock, into.size());
     queue_->readOver(firstBlock, into, [&] {
         const std::uint64_t start = firstBlock * blockSize;
+        readAhead(start, into.size());
         readFully(fd_, into.data(), into.size(), geometry_.payloadOffset + start);
         auto worker = pool_->take();
         transform(worker->decrypt.get(), start, geometry_.sectorSize, into, into.data());
         pool_->give(std::move(worker));
     });
+}
+
+/// Lets the disk fetch what whoever reads a long row will ask for next: the kernel asks us for
+/// small parts of it, and only a few at once.
+void EncryptedImage::readAhead(std::uint64_t start, std::uint64_t size) {
+    if (size < sequentialSize) return;
+    const std::lock_guard lock(aheadMutex_);
+    const bool continues = start + aheadStep >= readEnd_ && start <= readEnd_ + aheadStep;
+    readEnd_ = start + size;
+    if (!continues) aheadEnd_ = readEnd_;
+    if (!continues || readEnd_ + aheadStep <= aheadEnd_) return;
+    const std::uint64_t from = std::max(aheadEnd_, readEnd_);
+    aheadEnd_ = std::min(readEnd_ + 2 * aheadStep, blockCount() * blockSize);
+    if (from >= aheadEnd_) return;
+    // Advice only: without it the disk is asked later.
+    (void)::posix_fadvise(fd_, static_cast<off_t>(geometry_.payloadOffset + from),
+                          static_cast<off_t>(aheadEnd_ - from), POSIX_FADV_WILLNEED);
 }
 
 void EncryptedImage::checkRow(std::uint64_t firstBlock, std::size_t size) const {

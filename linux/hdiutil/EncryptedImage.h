@@ -50,6 +50,7 @@ private:
     class CipherPool;
 
     void checkRow(std::uint64_t firstBlock, std::size_t size) const;
+    void readAhead(std::uint64_t start, std::uint64_t size);
     bool claimRoom(std::uint64_t start, std::uint64_t size);
     void writeNow(std::uint64_t firstBlock, std::span<const std::byte> from);
     void writePiece(bool directly, std::span<const std::byte> piece, std::uint64_t offset);
@@ -65,5 +66,9 @@ private:
     std::uint64_t claimEnd_ = 0;
     std::uint64_t claimUsed_ = 0;
     bool canClaim_ = true;
+    /// Bytes of the payload: where the last long read ended, and what the disk was asked for.
+    std::mutex aheadMutex_;
+    std::uint64_t readEnd_ = 0;
+    std::uint64_t aheadEnd_ = 0;
     std::unique_ptr<WriteQueue> queue_; ///< for large writes
 };
