@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <iterator>
+#include <system_error>
 #include <vector>
 
 namespace {
@@ -14,6 +15,19 @@ BlockCache::Entry* BlockCache::find(std::uint64_t block) {
     if (found == index_.end()) return nullptr;
     entries_.splice(entries_.begin(), entries_, found->second);
     return &*found->second;
+}
+
+/// Null when the block cannot be read: whoever writes it whole needs not know what was there.
+BlockCache::Entry* BlockCache::fetch(std::uint64_t block) {
+    std::array<std::byte, blockSize> data;
+    try {
+        device_.read(block, data);
+    } catch (const std::system_error&) {
+        return nullptr;
+    }
+    Entry& entry = insert(block);
+    entry.data = data;
+    return &entry;
 }
 
 BlockCache::Entry& BlockCache::insert(std::uint64_t block) {
@@ -51,6 +65,7 @@ void BlockCache::read(std::uint64_t block, std::span<std::byte> into) {
 void BlockCache::write(std::uint64_t block, std::span<const std::byte> from) {
     for (; !from.empty(); ++block, from = from.subspan(blockSize)) {
         Entry* entry = find(block);
+        if (entry == nullptr) entry = fetch(block);
         if (entry != nullptr && std::memcmp(entry->data.data(), from.data(), blockSize) == 0)
             continue;
         if (entry == nullptr || entry->state == State::clean) device_.reserve(block, 1);

@@ -62,6 +62,7 @@ private:
 
     Entry& insert(std::uint64_t block);
     Entry* find(std::uint64_t block);
+    Entry* fetch(std::uint64_t block);
     void evict();
     void setState(Entry& entry, State state) noexcept;
     std::vector<Entry*> unwritten();

@@ -23,11 +23,20 @@ public:
     /// `into` and `from` are whole blocks.
     virtual void read(std::uint64_t firstBlock, std::span<std::byte> into) = 0;
     virtual void write(std::uint64_t firstBlock, std::span<const std::byte> from) = 0;
+    /// As `write`, for blocks that nothing on the disk refers to yet; may return once they have
+    /// room there, and fail with what an earlier such row met with. They are read as written at
+    /// once. What fails later is kept, tried again, and told by `sync` until it succeeds.
+    virtual void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) {
+        write(firstBlock, from);
+    }
     /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
     /// Costs little when it has long had.
     virtual void reserve(std::uint64_t firstBlock, std::uint64_t count) = 0;
     /// Returns when everything written is on the disk, and the length that `lengthen` gave.
     virtual void sync() = 0;
+    /// The same, for somebody who only wants the next `sync` to be short: a failure is told by that
+    /// one, too.
+    virtual void syncAhead() { sync(); }
 
     /// How many blocks the device may be lengthened to; its own number when it cannot be.
     virtual std::uint64_t longestCount() { return blockCount(); }

@@ -3,6 +3,7 @@
 #include "Ext2Error.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -122,11 +123,11 @@ void BlockUse::writeBitmap(std::uint64_t place, const std::vector<char>& bitmap)
     check(io_channel_write_blk64(fs_->io, place, 1, bitmap.data()));
 }
 
-void BlockUse::committed() noexcept {
-    freed_.clear();
+std::vector<BlockUse::Range> BlockUse::committed() noexcept {
     freedCount_ = 0;
     blockGroups_.clear();
     inodeGroups_.clear();
+    return std::exchange(freed_, {});
 }
 
 void BlockUse::failed() noexcept {

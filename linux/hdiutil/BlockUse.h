@@ -46,7 +46,8 @@ public:
     /// Writes the changed bitmaps, which say that the freed blocks are free. No block may be taken
     /// from then on until `committed` or `failed`. Throws `std::system_error`.
     void writeBitmaps();
-    void committed() noexcept;
+    /// Answers the blocks that may be given out again.
+    std::vector<Range> committed() noexcept;
     void failed() noexcept;
 
 private:

@@ -17,6 +17,7 @@
 #include <sys/vfs.h>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -171,6 +172,7 @@ EncryptedImage::EncryptedImage(int fd, const Secret& volumeKey, const Geometry& 
     : fd_(fd), geometry_(geometry), blocks_(geometry.payloadSize / blockSize),
       pool_(std::make_unique<CipherPool>(volumeKey)) {
     if (geometry_.payloadOffset % directAlignment == 0) direct_ = openDirectly(fd);
+    useDirect_ = static_cast<bool>(direct_);
     queue_ = std::make_unique<WriteQueue>(
         [this](std::uint64_t block, std::span<const std::byte> row) { writeNow(block, row); });
 }
@@ -223,11 +225,17 @@ void EncryptedImage::checkRow(std::uint64_t firstBlock, std::size_t size) const 
 
 void EncryptedImage::write(std::uint64_t firstBlock, std::span<const std::byte> from) {
     checkRow(firstBlock, from.size());
-    if (from.size() >= directSize && from.size() <= WriteQueue::longestRow &&
-        claimRoom(firstBlock * blockSize, from.size()))
-        return queue_->add(firstBlock, from);
     queue_->settle(firstBlock, from.size());
     writeNow(firstBlock, from);
+}
+
+void EncryptedImage::writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) {
+    checkRow(firstBlock, from.size());
+    if (from.size() >= directSize && from.size() <= WriteQueue::longestRow &&
+        claimRoom(firstBlock * blockSize, from.size()))
+        queue_->add(firstBlock, from);
+    else
+        write(firstBlock, from);
 }
 
 /// Makes sure that what is to be written later will find room on the disk. Answers whether the
@@ -257,31 +265,34 @@ bool EncryptedImage::claimRoom(std::uint64_t start, std::uint64_t size) {
 
 /// Encrypts and writes piece by piece.
 void EncryptedImage::writeNow(std::uint64_t firstBlock, std::span<const std::byte> from) {
-    const bool directly = direct_ && from.size() >= directSize;
+    const bool large = from.size() >= directSize;
     auto worker = pool_->take();
     std::uint64_t start = firstBlock * blockSize;
     while (!from.empty()) {
         const auto piece = from.first(std::min(pieceSize, from.size()));
         transform(worker->encrypt.get(), start, geometry_.sectorSize, piece, worker->scratch.get());
-        writePiece(directly, {worker->scratch.get(), piece.size()},
-                   geometry_.payloadOffset + start);
+        const std::span<const std::byte> made{worker->scratch.get(), piece.size()};
+        if (!large || !writeDirectly(made, geometry_.payloadOffset + start))
+            writeFully(fd_, made.data(), made.size(), geometry_.payloadOffset + start);
         start += piece.size();
         from = from.subspan(piece.size());
     }
     pool_->give(std::move(worker));
 }
 
-void EncryptedImage::writePiece(bool directly, std::span<const std::byte> piece,
-                                std::uint64_t offset) {
-    if (directly) {
-        try {
-            return writeFully(direct_.get(), piece.data(), piece.size(), offset);
-        } catch (const std::system_error& error) {
-            // A disk with larger blocks than ours, or a short write that ended within one.
-            if (error.code().value() != EINVAL) throw;
-        }
+/// Answers whether it could. File systems refuse in various ways; those that refuse are not asked
+/// again.
+bool EncryptedImage::writeDirectly(std::span<const std::byte> piece, std::uint64_t offset) {
+    if (!useDirect_) return false;
+    try {
+        writeFully(direct_.get(), piece.data(), piece.size(), offset);
+        return true;
+    } catch (const std::system_error& error) {
+        const int code = error.code().value();
+        if (code == EIO || code == ENOSPC || code == EDQUOT || code == EFBIG) throw;
+        useDirect_ = false;
+        return false;
     }
-    writeFully(fd_, piece.data(), piece.size(), offset);
 }
 
 void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
@@ -293,8 +304,22 @@ void EncryptedImage::reserve(std::uint64_t firstBlock, std::uint64_t count) {
 }
 
 void EncryptedImage::sync() {
+    const std::lock_guard lock(syncMutex_);
+    if (failedAhead_) std::rethrow_exception(std::exchange(failedAhead_, nullptr));
     queue_->finish();
     if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
+}
+
+// The system tells only one of two threads that a write has failed.
+void EncryptedImage::syncAhead() {
+    const std::lock_guard lock(syncMutex_);
+    try {
+        queue_->finish();
+        if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
+    } catch (...) {
+        failedAhead_ = std::current_exception();
+        throw;
+    }
 }
 
 std::uint64_t EncryptedImage::longestCount() {

@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <mutex>
 #include <span>
@@ -17,8 +18,7 @@
 /// Encryption is AES-XTS with the "plain64" initial vector, as dm-crypt does it for a LUKS2 crypt
 /// segment: the vector counts 512-byte units from the start of the payload, whatever the sector
 /// size (Linux, Documentation/admin-guide/device-mapper/dm-crypt.rst, without iv_large_sectors).
-/// Large writes return when they have room on the disk, and happen later; `sync` tells whether they
-/// did. All operations may be called from several threads at once. I/O failures are
+/// All operations may be called from several threads at once. I/O failures are
 /// `std::system_error` with the errno; a short read beyond the file's end is EIO.
 class EncryptedImage : public BlockDevice {
 public:
@@ -39,8 +39,10 @@ public:
     std::uint64_t freeBlocks() override;
     void read(std::uint64_t firstBlock, std::span<std::byte> into) override;
     void write(std::uint64_t firstBlock, std::span<const std::byte> from) override;
+    void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) override;
     void reserve(std::uint64_t firstBlock, std::uint64_t count) override;
     void sync() override;
+    void syncAhead() override;
     std::uint64_t longestCount() override;
     void lengthen(std::uint64_t count) override;
     bool discard(std::uint64_t firstBlock, std::uint64_t count) override;
@@ -53,10 +55,11 @@ private:
     void readAhead(std::uint64_t start, std::uint64_t size);
     bool claimRoom(std::uint64_t start, std::uint64_t size);
     void writeNow(std::uint64_t firstBlock, std::span<const std::byte> from);
-    void writePiece(bool directly, std::span<const std::byte> piece, std::uint64_t offset);
+    bool writeDirectly(std::span<const std::byte> piece, std::uint64_t offset);
 
     int fd_;
     FileDescriptor direct_; ///< the same file without the system's cache, if that is possible
+    std::atomic<bool> useDirect_ = false;
     const Geometry geometry_;
     std::atomic<std::uint64_t> blocks_;
     std::unique_ptr<CipherPool> pool_;
@@ -70,5 +73,7 @@ private:
     std::mutex aheadMutex_;
     std::uint64_t readEnd_ = 0;
     std::uint64_t aheadEnd_ = 0;
+    std::mutex syncMutex_;
+    std::exception_ptr failedAhead_;
     std::unique_ptr<WriteQueue> queue_; ///< for large writes
 };

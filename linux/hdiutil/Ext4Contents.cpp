@@ -82,11 +82,15 @@ std::size_t Ext4Volume::read(ext2_ino_t number, std::uint64_t offset, std::span<
 }
 
 /// File contents go past the cache, which must not keep what the block held in an earlier life.
-void Ext4Volume::writeThrough(std::uint64_t physical, std::span<const std::byte> from) {
+void Ext4Volume::writeThrough(FileBlocks::Kind former, std::uint64_t physical,
+                              std::span<const std::byte> from) {
     cache_.forget(physical, from.size() / blockSize);
     awaitReaders();
     unsyncedBytes_ += from.size();
-    device_.write(physical, from);
+    if (former == FileBlocks::Kind::data)
+        device_.write(physical, from);
+    else
+        device_.writeSoon(physical, from);
 }
 
 /// Writes the beginning of `from` into the run of blocks at `block`; answers how many bytes.
@@ -95,12 +99,12 @@ std::size_t Ext4Volume::writeRun(FileBlocks& map, std::uint64_t block,
     FileBlocks::Run run = map.find(block, from.size() / blockSize);
     if (run.kind != FileBlocks::Kind::hole) {
         from = from.first(run.count * blockSize);
-        writeThrough(run.physical, from);
+        writeThrough(run.kind, run.physical, from);
         if (run.kind == FileBlocks::Kind::unwritten) map.markWritten(run);
         return from.size();
     }
     run = map.extend(block, run.count, [&](const FileBlocks::Run& added) {
-        writeThrough(added.physical, from.first(added.count * blockSize));
+        writeThrough(FileBlocks::Kind::hole, added.physical, from.first(added.count * blockSize));
     });
     return run.count * blockSize;
 }
@@ -165,7 +169,7 @@ void Ext4Volume::zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t 
     device_.read(run.physical, block);
     std::fill_n(block.begin() + static_cast<std::ptrdiff_t>(from % blockSize), to - from,
                 std::byte{0});
-    writeThrough(run.physical, block);
+    writeThrough(run.kind, run.physical, block);
 }
 
 void Ext4Volume::truncate(Ext4Inode& inode, std::uint64_t size) {

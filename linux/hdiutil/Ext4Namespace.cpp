@@ -151,8 +151,11 @@ void Ext4Volume::freeUnused() noexcept {
     for (const ext2_ino_t number : std::exchange(unused_, {})) {
         try {
             freeIfUnused(number);
+        } catch (const std::system_error& error) {
+            // What was asked for is done; closing tries again.
+            if (error.code().value() != ENOSPC && error.code().value() != EDQUOT) suspect_ = true;
         } catch (const std::exception&) {
-            suspect_ = true; // what was asked for is done; closing tries again
+            suspect_ = true;
         }
     }
 }

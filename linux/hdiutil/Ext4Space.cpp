@@ -92,7 +92,7 @@ void Ext4Volume::giveRoomBack() {
             if (!transactions_ || suspect_ || !transactions_->freeRoom().pending()) return;
             transactions_->freeRoom().giveSomeBack();
         }
-        std::this_thread::yield(); // others are waiting
+        std::this_thread::sleep_for(1ms); // others are waiting
     }
 }
 

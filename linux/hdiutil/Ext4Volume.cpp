@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace {
 
@@ -150,6 +151,7 @@ void Ext4Volume::commit() {
 /// After a failed sync the system takes what it could not write for written, and the next sync
 /// succeeds. So whoever syncs one of the files is told.
 void Ext4Volume::contentsMayBeLost() {
+    if (!unsyncedContents_.empty()) lossUntold_ = true;
     lostContents_.merge(unsyncedContents_);
     unsyncedContents_.clear();
 }
@@ -161,7 +163,14 @@ void Ext4Volume::noteFailure(int error) {
 
 void Ext4Volume::sync() {
     const std::lock_guard lock(mutex_);
-    syncAll();
+    const bool lost = std::exchange(lossUntold_, false);
+    try {
+        syncAll();
+    } catch (...) {
+        lossUntold_ = false; // this is the report
+        throw;
+    }
+    if (lost) failWith(EIO);
 }
 
 void Ext4Volume::syncAll() {
@@ -181,13 +190,14 @@ void Ext4Volume::writeChangesBehind() {
         if (!unsynced_) return;
     }
     syncContents();
-    sync();
+    const std::lock_guard lock(mutex_);
+    syncAll();
 }
 
 /// Waits for the disk without the lock.
 void Ext4Volume::syncContents() {
     try {
-        device_.sync();
+        device_.syncAhead();
     } catch (...) {
         const std::lock_guard lock(mutex_);
         contentsMayBeLost();

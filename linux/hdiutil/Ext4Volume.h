@@ -34,7 +34,8 @@
 /// one lock, but not while contents are read and decrypted. They fail with `std::system_error`,
 /// whose code is the errno for the caller of the system call. Names are bytes, at most 255 of them.
 ///
-/// File contents reach the image before `write` returns; structure goes through the volume's
+/// File contents reach the image before `write` returns, but those of new blocks may wait in the
+/// device until the next sync; structure goes through the volume's
 /// journal, by `sync`, `syncFile` and `close`. Each operation happens wholly or not at all,
 /// whatever the moment of a crash; but one that frees or reserves very much may happen in part, and
 /// so may the writing of contents. After a crash the journal has to be replayed, and `needsCheck`
@@ -75,7 +76,8 @@ public:
     /// Writes everything, marks the volume clean and ends it. After a failure the volume stays open
     /// with nothing lost, and `close` may be called again. The last call on a volume that succeeds.
     void close();
-    /// Returns when everything is on the disk. After a failure nothing is known to be.
+    /// Returns when everything is on the disk. After a failure nothing is known to be. Fails once,
+    /// too, when contents may have been lost because the disk failed since the last call.
     void sync();
     /// As `sync`, if there is anything to do, and holds others up for a shorter time. Then gives
     /// room that has become free back to the disk, for a second at most.
@@ -208,7 +210,8 @@ private:
     std::size_t writeBlocks(Ext4Inode& inode, std::uint64_t firstBlock,
                             std::span<const std::byte> from);
     std::size_t writeRun(FileBlocks& map, std::uint64_t block, std::span<const std::byte> from);
-    void writeThrough(std::uint64_t physical, std::span<const std::byte> from);
+    void writeThrough(FileBlocks::Kind former, std::uint64_t physical,
+                      std::span<const std::byte> from);
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
@@ -252,6 +255,7 @@ private:
     std::unordered_set<ext2_ino_t> unsyncedContents_;
     std::unordered_set<ext2_ino_t> lostContents_;
     std::uint64_t unsyncedBytes_ = 0; ///< of contents
+    bool lossUntold_ = false;         ///< `lostContents_` has grown since `sync` told of it
     std::uint64_t overhead_ = 0;
     bool lookedEverywhere_ = false; ///< for free blocks with room, as the disk was full
     bool suspect_ = false;          ///< a change may have been left half-way

@@ -52,6 +52,8 @@ void lookup(fuse_req_t request, fuse_ino_t parent, const char* name) {
 void release(Ext4Volume& volume, fuse_ino_t node, std::uint64_t count) noexcept {
     try {
         volume.forget(inodeOf(node), count);
+    } catch (const std::system_error& error) {
+        volume.noteFailure(error.code().value());
     } catch (const std::exception&) {
         volume.noteFailure(EIO);
     }

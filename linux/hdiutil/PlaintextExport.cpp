@@ -41,6 +41,8 @@ template <typename Body> void answer(fuse_req_t request, Body&& body) noexcept {
         error = failure.code().value();
     } catch (const std::bad_alloc&) {
         error = ENOMEM;
+    } catch (const std::exception&) {
+        error = EIO;
     }
     fuse_reply_err(request, error);
 }

@@ -38,7 +38,7 @@ Transactions::Transactions(BlockDevice& device, BlockCache& cache, ext2_filsys f
 
 // A volume with a journal stays marked as valid: it needs a replay, not a check.
 void Transactions::begin() {
-    if (inUse_) return;
+    if (inUse_) return settleLate();
     reserveBitmaps();
     if (journal_)
         ext2fs_set_feature_journal_needs_recovery(fs_->super);
@@ -103,6 +103,7 @@ bool Transactions::withholds(std::uint64_t neededBlocks) const noexcept {
 
 void Transactions::commit() {
     if (!inUse_) return;
+    settleLate();
     try {
         if (journal_) {
             commitToJournal();
@@ -119,6 +120,12 @@ void Transactions::commit() {
     if (journal_ && mustSettle()) settle();
 }
 
+/// After a failure, as soon as nothing is changed: commits that went on meanwhile would use up the
+/// log.
+void Transactions::settleLate() {
+    if (unsettled_ && cache_.changedCount() == 0) settle();
+}
+
 /// Brings what libext2fs holds in memory into the cache.
 void Transactions::writeStructure() {
     use_.writeBitmaps();
@@ -133,11 +140,10 @@ void Transactions::writeStructure() {
 
 /// Everything that `writeStructure` wrote is on the disk.
 void Transactions::noteCommitted() {
-    for (const BlockUse::Range& range : use_.freed())
+    for (const BlockUse::Range& range : use_.committed())
         for (dgrp_t group = ext2fs_group_of_blk2(fs_, range.first);
              group <= ext2fs_group_of_blk2(fs_, range.first + range.count - 1); ++group)
             freeRoom_.note(group);
-    use_.committed();
     shapeChanged_ = false;
 }
 
@@ -173,9 +179,11 @@ bool Transactions::mustSettle() const noexcept {
 /// Brings all committed blocks to their places and gives up the log. Just after a commit, when no
 /// block has changes that are not committed.
 void Transactions::settle() {
+    unsettled_ = true;
     cache_.flush(true);
     journal_->clear();
     logged_.clear();
+    unsettled_ = false;
 }
 
 void Transactions::end(bool suspect) {

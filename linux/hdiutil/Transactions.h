@@ -52,6 +52,7 @@ private:
     void writeStructure();
     void commitToJournal();
     void settle();
+    void settleLate();
     void noteCommitted();
     std::size_t descriptorBlocks() const noexcept;
     std::vector<std::uint64_t> dropFreed();
@@ -67,6 +68,7 @@ private:
     bool shapeChanged_ = false; ///< so the spare superblocks are to be written, too
     /// Blocks of which the log has copies that a replay would use.
     std::unordered_set<std::uint64_t> logged_;
-    bool marked_ = false; ///< the volume on the disk says that it is in use
-    bool inUse_ = false;  ///< and the journal, if there is one, takes transactions
+    bool marked_ = false;    ///< the volume on the disk says that it is in use
+    bool unsettled_ = false; ///< the last attempt to give up the log failed
+    bool inUse_ = false;     ///< and the journal, if there is one, takes transactions
 };

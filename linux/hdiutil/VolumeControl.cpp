@@ -136,7 +136,7 @@ void VolumeControl::writeBehind() noexcept {
     try {
         volume_.writeBehind();
     } catch (const std::exception&) {
-        // Nothing is lost yet; the next sync, at the latest the one before the end, reports it.
+        // The volume remembers; the next sync, at the latest the one before the end, reports it.
     }
 }
 

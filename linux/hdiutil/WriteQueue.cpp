@@ -42,6 +42,7 @@ void WriteQueue::run() noexcept {
 
 void WriteQueue::drop(Row& row) {
     size_ -= row.contents.size();
+    written_ += row.contents.size();
     row.contents.clear();
     if (spare_.size() < spare_.capacity()) spare_.push_back(std::move(row.contents));
     rows_.pop_front();
@@ -68,6 +69,7 @@ void WriteQueue::add(std::uint64_t firstBlock, std::span<const std::byte> from) 
     std::vector<std::byte>& contents = rows_.back().contents;
     contents.insert(contents.end(), from.begin(), from.end());
     size_ += from.size();
+    added_ += from.size();
     lock.unlock();
     changed_.notify_all();
 }
@@ -114,5 +116,7 @@ void WriteQueue::settle(std::uint64_t firstBlock, std::size_t size) {
 
 void WriteQueue::finish() {
     std::unique_lock lock(mutex_);
-    await(lock, [&] { return rows_.empty(); });
+    // Others may go on adding, faster than the disk writes.
+    const std::uint64_t wanted = added_;
+    await(lock, [&] { return written_ >= wanted; });
 }

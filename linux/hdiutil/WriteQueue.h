@@ -43,7 +43,7 @@ public:
                   const std::function<void()>& read);
     /// Returns when nothing that overlaps the row waits any more. Throws like `add`.
     void settle(std::uint64_t firstBlock, std::size_t size);
-    /// Returns when nothing waits any more. Throws like `add`.
+    /// Returns when all that was added before is written. Throws like `add`.
     void finish();
 
 private:
@@ -67,6 +67,8 @@ private:
     std::condition_variable changed_;
     std::list<Row> rows_; ///< the first is being written, or has failed
     std::size_t size_ = 0;
+    std::uint64_t added_ = 0; ///< bytes, ever
+    std::uint64_t written_ = 0;
     std::vector<std::vector<std::byte>> spare_; ///< memory of rows that are written
     std::exception_ptr failure_; ///< of the first row; the thread rests until it is taken away
     bool failing_ = false;       ///< the first row has failed, and may do so again

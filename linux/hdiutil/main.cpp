@@ -46,8 +46,9 @@ int main(int count, char** words) {
     const char* verb = "";
     std::string message;
     try {
-        // A write that fails says so.
-        if (std::signal(SIGPIPE, SIG_IGN) == SIG_ERR) throw ToolError::fromErrno(errno);
+        // A write that fails says so, also one beyond the longest file that is allowed.
+        for (const int number : {SIGPIPE, SIGXFSZ})
+            if (std::signal(number, SIG_IGN) == SIG_ERR) throw ToolError::fromErrno(errno);
         const std::span<const char* const> all(words, static_cast<std::size_t>(count));
         const Arguments arguments = parseArguments(all.subspan(count > 0 ? 1 : 0));
         std::visit(Runner{verb}, arguments);

@@ -150,6 +150,22 @@ TEST(WriteQueueTest, SettlesOnlyWhatOverlaps) {
     EXPECT_EQ(disk.at(2), 1);
 }
 
+TEST(WriteQueueTest, FinishesThoughOthersGoOnAdding) {
+    SlowDisk disk;
+    WriteQueue queue(disk.writer());
+    std::atomic<bool> stop = false;
+    std::thread adding([&] {
+        // Always more than the disk has written.
+        while (!stop) queue.add(100, blocks(64, 1));
+    });
+    while (disk.at(100) != 1) std::this_thread::yield();
+    queue.add(1, blocks(1, 5));
+    queue.finish();
+    EXPECT_EQ(disk.at(1), 5);
+    stop = true;
+    adding.join();
+}
+
 TEST(WriteQueueTest, HoldsNoMoreThanItsCapacity) {
     SlowDisk disk;
     WriteQueue queue(disk.writer());
