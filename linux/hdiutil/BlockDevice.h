@@ -26,7 +26,9 @@ public:
     /// As `write`, for blocks that nothing on the disk refers to yet; may return once they have
     /// room there, and fail with what an earlier such row met with. They are read as written at
     /// once. What fails later is kept, tried again, and told by `sync` until it succeeds.
-    virtual void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) {
+    /// For `behind` blocks after the row, room may be taken at the same time.
+    virtual void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+                           [[maybe_unused]] std::uint64_t behind) {
         write(firstBlock, from);
     }
     /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).

@@ -35,8 +35,6 @@ constexpr std::size_t directSize = 128 * 1024;
 constexpr std::uint64_t sequentialSize = 64 * 1024;
 /// How far ahead of the reader the disk is kept busy, at least.
 constexpr std::uint64_t aheadStep = std::uint64_t{2} * 1024 * 1024;
-/// How much room is taken on the disk at once for writes that follow each other.
-constexpr std::uint64_t roomStep = std::uint64_t{8} * 1024 * 1024;
 
 enum class Direction { decrypt = 0, encrypt = 1 };
 
@@ -229,24 +227,25 @@ void EncryptedImage::write(std::uint64_t firstBlock, std::span<const std::byte> 
     writeNow(firstBlock, from);
 }
 
-void EncryptedImage::writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) {
+void EncryptedImage::writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+                               std::uint64_t behind) {
     checkRow(firstBlock, from.size());
     if (from.size() >= directSize && from.size() <= WriteQueue::longestRow &&
-        claimRoom(firstBlock * blockSize, from.size()))
+        claimRoom(firstBlock * blockSize, from.size(), behind * blockSize))
         queue_->add(firstBlock, from);
     else
         write(firstBlock, from);
 }
 
 /// Makes sure that what is to be written later will find room on the disk. Answers whether the
-/// file system beneath can tell at all.
-bool EncryptedImage::claimRoom(std::uint64_t start, std::uint64_t size) {
+/// file system beneath can tell at all. Of writes that follow each other, few have to ask it.
+bool EncryptedImage::claimRoom(std::uint64_t start, std::uint64_t size, std::uint64_t behind) {
     const std::lock_guard lock(claimMutex_);
     const bool continues = start == claimUsed_;
     claimUsed_ = start + size;
     if (!canClaim_ || (claimStart_ <= start && claimUsed_ <= claimEnd_)) return canClaim_;
     const std::uint64_t ahead =
-        std::min(continues ? std::max(roomStep, size) : size, blockCount() * blockSize - start);
+        std::min(continues ? size + behind : size, blockCount() * blockSize - start);
     const auto claim = [&](std::uint64_t length) {
         return ::fallocate(fd_, FALLOC_FL_KEEP_SIZE,
                            static_cast<off_t>(geometry_.payloadOffset + start),

@@ -39,7 +39,8 @@ public:
     std::uint64_t freeBlocks() override;
     void read(std::uint64_t firstBlock, std::span<std::byte> into) override;
     void write(std::uint64_t firstBlock, std::span<const std::byte> from) override;
-    void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from) override;
+    void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+                   std::uint64_t behind) override;
     void reserve(std::uint64_t firstBlock, std::uint64_t count) override;
     void sync() override;
     void syncAhead() override;
@@ -53,7 +54,7 @@ private:
 
     void checkRow(std::uint64_t firstBlock, std::size_t size) const;
     void readAhead(std::uint64_t start, std::uint64_t size);
-    bool claimRoom(std::uint64_t start, std::uint64_t size);
+    bool claimRoom(std::uint64_t start, std::uint64_t size, std::uint64_t behind);
     void writeNow(std::uint64_t firstBlock, std::span<const std::byte> from);
     bool writeDirectly(std::span<const std::byte> piece, std::uint64_t offset);
 

@@ -15,6 +15,10 @@
 namespace {
 
 constexpr std::uint64_t blockSize = BlockCache::blockSize;
+/// After a row of so many blocks, more are expected to follow.
+constexpr std::uint64_t longRow = 32;
+/// How much room is taken for them on the disk at once.
+constexpr std::uint64_t roomBehind = 2048;
 constexpr std::uint64_t largestFile = (FileBlocks::lastBlock + 1) * blockSize;
 
 std::uint64_t blocksFor(std::uint64_t bytes) {
@@ -87,10 +91,17 @@ void Ext4Volume::writeThrough(FileBlocks::Kind former, std::uint64_t physical,
     cache_.forget(physical, from.size() / blockSize);
     awaitReaders();
     unsyncedBytes_ += from.size();
-    if (former == FileBlocks::Kind::data)
-        device_.write(physical, from);
-    else
-        device_.writeSoon(physical, from);
+    if (former == FileBlocks::Kind::data) return device_.write(physical, from);
+    const std::uint64_t count = from.size() / blockSize;
+    std::uint64_t behind = 0;
+    if (count >= longRow) {
+        // The next group begins with structure, much of which needs no room yet.
+        const dgrp_t group = ext2fs_group_of_blk2(fs_, physical + count - 1);
+        const std::uint64_t last = ext2fs_group_last_block2(fs_, group);
+        behind = std::min(roomBehind, last + 1 - (physical + count));
+    }
+    device_.writeSoon(physical, from, behind);
+    transactions_->freeRoom().note(physical + count, behind);
 }
 
 /// Writes the beginning of `from` into the run of blocks at `block`; answers how many bytes.

@@ -12,12 +12,16 @@ constexpr std::uint64_t mostBlocks = 65536; // 256 MiB
 
 } // namespace
 
-void FreeRoom::note(dgrp_t group) {
-    if (!refused_) groups_.insert(group);
+void FreeRoom::note(std::uint64_t firstBlock, std::uint64_t count) {
+    const blk64_t end = std::min<blk64_t>(firstBlock + count, ext2fs_blocks_count(fs_->super));
+    if (refused_ || firstBlock >= end) return;
+    const dgrp_t last = ext2fs_group_of_blk2(fs_, end - 1);
+    for (dgrp_t group = ext2fs_group_of_blk2(fs_, firstBlock); group <= last; ++group)
+        groups_.insert(group);
 }
 
 void FreeRoom::noteAll() {
-    for (dgrp_t group = 0; group < fs_->group_desc_count; ++group) note(group);
+    note(fs_->super->s_first_data_block, ext2fs_blocks_count(fs_->super));
 }
 
 void FreeRoom::giveSomeBack() {

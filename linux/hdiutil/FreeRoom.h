@@ -10,14 +10,14 @@
 
 /// Gives the room of a volume's free blocks back to the disk.
 ///
-/// It looks through the groups in which blocks have been freed. A block counts as free when the
+/// It looks through the groups in which free blocks may have room. A block counts as free when the
 /// bitmap in memory says so, which must be only after its freeing is committed. Not thread-safe.
 class FreeRoom {
 public:
     FreeRoom(BlockDevice& device, ext2_filsys fs) : device_(device), fs_(fs) {}
 
-    /// Blocks of the group have become free for good.
-    void note(dgrp_t group);
+    /// Of these blocks, free ones may have room. Those beyond the volume's end do not count.
+    void note(std::uint64_t firstBlock, std::uint64_t count);
     void noteAll();
     bool pending() const noexcept { return current_ || !groups_.empty(); }
     /// Discards free blocks, as many as it takes some ten milliseconds to. Throws

@@ -140,10 +140,7 @@ void Transactions::writeStructure() {
 
 /// Everything that `writeStructure` wrote is on the disk.
 void Transactions::noteCommitted() {
-    for (const BlockUse::Range& range : use_.committed())
-        for (dgrp_t group = ext2fs_group_of_blk2(fs_, range.first);
-             group <= ext2fs_group_of_blk2(fs_, range.first + range.count - 1); ++group)
-            freeRoom_.note(group);
+    for (const BlockUse::Range& range : use_.committed()) freeRoom_.note(range.first, range.count);
     shapeChanged_ = false;
 }
 
