@@ -105,7 +105,9 @@ void Transactions::commit() {
     if (!inUse_) return;
     settleLate();
     try {
-        if (journal_) {
+        if (!structureChanged()) {
+            device_.sync(); // of the contents
+        } else if (journal_) {
             commitToJournal();
         } else {
             writeStructure();
@@ -118,6 +120,11 @@ void Transactions::commit() {
     }
     noteCommitted();
     if (journal_ && mustSettle()) settle();
+}
+
+bool Transactions::structureChanged() const noexcept {
+    return cache_.changedCount() > 0 || use_.changedBitmaps() > 0 || shapeChanged_ ||
+           (fs_->flags & EXT2_FLAG_DIRTY) != 0;
 }
 
 /// After a failure, as soon as nothing is changed: commits that went on meanwhile would use up the

@@ -49,6 +49,7 @@ public:
 
 private:
     void reserveBitmaps();
+    bool structureChanged() const noexcept;
     void writeStructure();
     void commitToJournal();
     void settle();
