@@ -1,8 +1,14 @@
 #include "WriteQueue.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <utility>
+
+namespace {
+/// How long a row that may become longer stays in memory.
+constexpr std::chrono::milliseconds patience{5};
+} // namespace
 
 WriteQueue::WriteQueue(Write write) : write_(std::move(write)) {
     spare_.reserve(capacity / longestRow);
@@ -24,7 +30,9 @@ void WriteQueue::run() noexcept {
     while (true) {
         changed_.wait(lock, [&] { return (!rows_.empty() && !failure_) || ending_; });
         if (rows_.empty() || failure_) return;
-        Row& row = rows_.front(); // nobody else changes the first row
+        changed_.wait_for(lock, patience, [&] { return waiters_ > 0 || ending_ || !growing(); });
+        writing_ = true;
+        Row& row = rows_.front(); // nobody else changes it now
         lock.unlock();
         std::exception_ptr failure;
         try {
@@ -33,11 +41,18 @@ void WriteQueue::run() noexcept {
             failure = std::current_exception();
         }
         lock.lock();
+        writing_ = false;
         failure_ = failure;
         failing_ = failure != nullptr;
         if (!failing_) drop(row);
         changed_.notify_all();
     }
+}
+
+/// Whether the first row may become longer before it is written: disks take one long row faster
+/// than several short ones.
+bool WriteQueue::growing() const noexcept {
+    return rows_.size() == 1 && !failing_ && rows_.front().contents.size() < longestRow;
 }
 
 void WriteQueue::drop(Row& row) {
@@ -51,27 +66,29 @@ void WriteQueue::drop(Row& row) {
 /// Waits until `done`, or until the first row has failed once more.
 template <typename Done> void WriteQueue::await(std::unique_lock<std::mutex>& lock, Done done) {
     if (done()) return;
-    if (failure_) {
-        failure_ = nullptr;
-        changed_.notify_all();
-    }
+    failure_ = nullptr;
+    ++waiters_;
+    changed_.notify_all();
     changed_.wait(lock, [&] { return failure_ || done(); });
+    --waiters_;
     if (!done()) std::rethrow_exception(failure_);
 }
 
 void WriteQueue::add(std::uint64_t firstBlock, std::span<const std::byte> from) {
     std::unique_lock lock(mutex_);
     await(lock, [&] { return !failing_ && (rows_.empty() || size_ + from.size() <= capacity); });
-    // The first row may be in the thread's hands.
-    const bool continues = rows_.size() > 1 && rows_.back().end() == firstBlock &&
+    const bool inHand = writing_ && rows_.size() == 1;
+    const bool continues = !rows_.empty() && !inHand && rows_.back().end() == firstBlock &&
                            rows_.back().contents.size() + from.size() <= longestRow;
+    const bool first = rows_.empty();
     if (!continues) rows_.push_back({firstBlock, takeMemory()});
     std::vector<std::byte>& contents = rows_.back().contents;
     contents.insert(contents.end(), from.begin(), from.end());
     size_ += from.size();
     added_ += from.size();
+    const bool wake = first || !growing();
     lock.unlock();
-    changed_.notify_all();
+    if (wake) changed_.notify_all();
 }
 
 /// Fresh memory costs more than what is copied into it.

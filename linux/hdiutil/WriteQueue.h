@@ -58,6 +58,7 @@ private:
     };
 
     void run() noexcept;
+    bool growing() const noexcept;
     void drop(Row& row);
     std::vector<std::byte> takeMemory();
     template <typename Done> void await(std::unique_lock<std::mutex>& lock, Done done);
@@ -65,7 +66,9 @@ private:
     const Write write_;
     std::mutex mutex_;
     std::condition_variable changed_;
-    std::list<Row> rows_; ///< the first is being written, or has failed
+    std::list<Row> rows_;
+    bool writing_ = false; ///< the first row
+    unsigned waiters_ = 0;
     std::size_t size_ = 0;
     std::uint64_t added_ = 0; ///< bytes, ever
     std::uint64_t written_ = 0;
