@@ -12,4 +12,6 @@ struct Caller {
     /// Whether the caller is in the group, or has the privilege to act as if it were. Slow unless
     /// the answer is in the caller: to be asked only where it matters.
     bool actsFor(gid_t wanted) const;
+    /// Whether files stay set-user-id and set-group-id when the caller writes to them. Slow.
+    bool keepsBits() const;
 };

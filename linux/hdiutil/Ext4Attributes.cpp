@@ -16,6 +16,7 @@
 namespace {
 
 const std::string accessAcl = "system.posix_acl_access";
+const std::string capabilities = "security.capability";
 const std::string defaultAcl = "system.posix_acl_default";
 /// Where the volume's own name is kept; not an attribute of the user's.
 constexpr std::string_view ownPrefix = "trusted.quillvane.";
@@ -50,7 +51,7 @@ Ext4Volume::AttributeHandle Ext4Volume::openAttributes(const Ext4Inode& inode) {
     return owner;
 }
 
-/// Quick to say no: the kernel asks for "security.capability" before every write.
+/// Quick to say no: every write asks.
 bool Ext4Volume::mayHaveAttributes(const Ext4Inode& inode) {
     if (inode.raw.i_file_acl != 0 || inode.raw.osd2.linux2.l_i_file_acl_high != 0) return true;
     const std::size_t size = EXT2_INODE_SIZE(fs_->super);
@@ -90,6 +91,32 @@ void Ext4Volume::writeAttribute(const Ext4Inode& inode, const std::string& name,
 void Ext4Volume::eraseAttribute(const Ext4Inode& inode, const std::string& name) {
     const AttributeHandle handle = openAttributes(inode);
     check(ext2fs_xattr_remove(handle.get(), name.c_str()));
+}
+
+/// For files only, which others have none of. Before any change of the inode is in the copy alone.
+void Ext4Volume::loseCapabilities(Ext4Inode& inode) {
+    if (!inode.isRegular() || !readAttribute(inode, capabilities)) return;
+    eraseAttribute(inode, capabilities);
+    inode = load(inode.number);
+}
+
+void Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges) {
+    if ((inode.mode() & (S_ISUID | S_ISGID)) == 0 || inode.isDirectory()) return;
+    if (!ownerChanges && (!inode.isRegular() || caller.keepsBits())) return;
+    mode_t lost = S_ISUID;
+    if ((inode.mode() & S_IXGRP) != 0 || !caller.actsFor(inode.group())) lost |= S_ISGID;
+    if ((inode.mode() & lost) == 0) return;
+    inode.raw.i_mode &= static_cast<__u16>(~lost);
+    if (bitsLost_) bitsLost_(inode.number);
+}
+
+void Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes) {
+    if (changes.owner || changes.group) return loseBits(inode, caller, true);
+    if (changes.size) return loseBits(inode, caller, false);
+    // What is left of a chown that names neither owner nor group; the kernel lets anybody ask.
+    const bool nothing = !changes.mode && !changes.accessed && !changes.modified;
+    const bool entitled = caller.user == 0 || caller.user == inode.owner();
+    if (nothing && entitled) loseBits(inode, caller, true);
 }
 
 void Ext4Volume::stampChange(ext2_ino_t number) {

@@ -21,6 +21,15 @@ constexpr std::uint64_t longRow = 32;
 constexpr std::uint64_t roomBehind = 2048;
 constexpr std::uint64_t largestFile = (FileBlocks::lastBlock + 1) * blockSize;
 
+/// For so long, in nanoseconds, the times of a file stay while it is written to and nobody looks:
+/// as long as on the kernel's file systems, whose clock ticks 250 times a second on most systems.
+constexpr std::int64_t longestUnseen = 4'000'000;
+constexpr std::size_t mostUnseen = 1024;
+
+std::int64_t nanoseconds(const timespec& time) {
+    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
 std::uint64_t blocksFor(std::uint64_t bytes) {
     return (bytes + blockSize - 1) / blockSize;
 }
@@ -144,6 +153,7 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
     if (offset >= largestFile) failWith(EFBIG);
     from = from.first(std::min<std::uint64_t>(from.size(), largestFile - offset));
     beginChange(blocksFor(from.size()));
+    loseCapabilities(inode);
     unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
     const std::uint64_t first = offset / blockSize;
@@ -161,13 +171,28 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
         const std::size_t done = writeBlocks(inode, first, all);
         written = std::min(from.size(), done - within);
     }
-    loseGroupBit(inode, caller);
+    loseBits(inode, caller, false);
     if (offset + written > inode.size()) Ext4Inodes::setSize(fs_, inode, offset + written);
-    const timespec now = Ext4Inodes::now();
-    inode.setModified(now);
-    inode.setChanged(now);
+    stampWrite(inode);
     store(inode);
     return written;
+}
+
+/// Nobody can tell times that are a little older from true ones before somebody has seen them; and
+/// when only contents have changed, a sync needs no transaction.
+void Ext4Volume::stampWrite(Ext4Inode& inode) {
+    const timespec now = Ext4Inodes::now();
+    const std::int64_t age = nanoseconds(now) - nanoseconds(inode.modified());
+    if (age >= 0 && age < longestUnseen && unseenTimes_.contains(inode.number)) return;
+    inode.setModified(now);
+    inode.setChanged(now);
+    if (unseenTimes_.size() >= mostUnseen) unseenTimes_.clear();
+    unseenTimes_.insert(inode.number);
+}
+
+struct stat Ext4Volume::show(const Ext4Inode& inode) {
+    unseenTimes_.erase(inode.number);
+    return inode.attributes();
 }
 
 /// Zeroes bytes of one block of the file, if the block holds data.
@@ -208,25 +233,20 @@ void Ext4Volume::releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint6
     if (shortens) orphans_->remove(inode);
 }
 
-void Ext4Volume::loseGroupBit(Ext4Inode& inode, const Caller& caller) {
-    if ((inode.mode() & S_ISGID) == 0 || inode.isDirectory() || caller.actsFor(inode.group()))
-        return;
-    inode.raw.i_mode &= static_cast<__u16>(~S_ISGID);
-}
-
 struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes,
                                       const Caller& caller) {
     const std::lock_guard lock(mutex_);
     Ext4Inode inode = load(number);
     beginChange();
     const timespec now = Ext4Inodes::now();
+    if (changes.owner || changes.group || changes.size) loseCapabilities(inode);
     if (changes.size) {
         truncate(inode, *changes.size);
         inode.setModified(now);
     }
     if (changes.mode)
         inode.raw.i_mode = static_cast<__u16>((inode.mode() & S_IFMT) | (*changes.mode & 07777));
-    if (changes.size || changes.owner || changes.group) loseGroupBit(inode, caller);
+    loseBits(inode, caller, changes);
     if (changes.owner) inode.setOwner(*changes.owner);
     if (changes.group) inode.setGroup(*changes.group);
     if (changes.accessed) inode.setAccessed(*changes.accessed);
@@ -234,7 +254,7 @@ struct stat Ext4Volume::setAttributes(ext2_ino_t number, const Changes& changes,
     inode.setChanged(now);
     store(inode);
     if (changes.mode) followModeInAcl(inode);
-    return load(number).attributes();
+    return show(load(number));
 }
 
 void Ext4Volume::punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end) {
@@ -295,6 +315,7 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
     beginChange(action == FALLOC_FL_PUNCH_HOLE ? 0 : needed);
     if (action != FALLOC_FL_PUNCH_HOLE && needed > ext2fs_free_blocks_count(fs_->super))
         failWith(ENOSPC);
+    loseCapabilities(inode);
     if (action != 0) punchRange(inode, offset, end);
     if (action != FALLOC_FL_PUNCH_HOLE) {
         store(inode);
@@ -307,7 +328,7 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
         }
         if (!keepSize && end > inode.size()) Ext4Inodes::setSize(fs_, inode, end);
     }
-    loseGroupBit(inode, caller);
+    loseBits(inode, caller, false);
     const timespec now = Ext4Inodes::now();
     inode.setModified(now);
     inode.setChanged(now);

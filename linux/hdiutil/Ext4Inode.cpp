@@ -133,6 +133,6 @@ void Ext4Inodes::setSize(ext2_filsys fs, Ext4Inode& inode, std::uint64_t size) {
 
 timespec Ext4Inodes::now() noexcept {
     timespec when{};
-    ::clock_gettime(CLOCK_REALTIME_COARSE, &when);
+    ::clock_gettime(CLOCK_REALTIME, &when);
     return when;
 }

@@ -48,9 +48,7 @@ void store(ext2_filsys fs, Ext4Inode& inode);
 /// Sets the size, turning on the large-file feature where it is needed.
 void setSize(ext2_filsys fs, Ext4Inode& inode, std::uint64_t size);
 
-/// The present time as the kernel's file systems tell it: it goes on a few milliseconds at a time.
-/// What is written over several times between two ticks changes its inode only once, and so does
-/// not make every sync a transaction.
+/// The present time, to the nanosecond.
 timespec now() noexcept;
 
 } // namespace Ext4Inodes

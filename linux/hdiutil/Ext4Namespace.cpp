@@ -95,7 +95,7 @@ std::optional<struct stat> Ext4Volume::lookup(ext2_ino_t parent, std::string_vie
     checkName(name);
     const auto inode = findVisible(parent, name);
     if (!inode) return std::nullopt;
-    const struct stat attributes = load(*inode).attributes();
+    const struct stat attributes = show(load(*inode));
     references_.add(*inode);
     return attributes;
 }
@@ -272,7 +272,7 @@ struct stat Ext4Volume::create(ext2_ino_t parent, std::string_view name, const N
     if (inode.isDirectory()) touchDirectory(parent, +1);
     references_.add(inode.number);
     freeUnused();
-    return load(inode.number).attributes();
+    return show(load(inode.number));
 }
 
 struct stat Ext4Volume::link(ext2_ino_t number, ext2_ino_t parent, std::string_view name) {
@@ -291,7 +291,7 @@ struct stat Ext4Volume::link(ext2_ino_t number, ext2_ino_t parent, std::string_v
     store(inode);
     references_.add(number);
     freeUnused();
-    return inode.attributes();
+    return show(inode);
 }
 
 void Ext4Volume::unlink(ext2_ino_t parent, std::string_view name) {

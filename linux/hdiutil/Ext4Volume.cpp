@@ -240,7 +240,7 @@ void Ext4Volume::setName(std::string_view name) {
 
 struct stat Ext4Volume::reference(ext2_ino_t inode) {
     const std::lock_guard lock(mutex_);
-    const struct stat attributes = load(inode).attributes();
+    const struct stat attributes = show(load(inode));
     references_.add(inode);
     return attributes;
 }
@@ -260,7 +260,7 @@ void Ext4Volume::freeIfUnused(ext2_ino_t number) {
 
 struct stat Ext4Volume::attributes(ext2_ino_t inode) {
     const std::lock_guard lock(mutex_);
-    return load(inode).attributes();
+    return show(load(inode));
 }
 
 std::uint64_t Ext4Volume::generation(ext2_ino_t inode) {

@@ -103,10 +103,15 @@ public:
     /// Tells apart the inodes that bear one number one after the other.
     std::uint64_t generation(ext2_ino_t inode);
 
+    /// `tell` is called, on any thread and with the volume locked, when a file has lost bits as
+    /// described at `setAttributes`. To be set before the volume is used.
+    void whenBitsAreLost(std::function<void(ext2_ino_t)> tell) { bitsLost_ = std::move(tell); }
+
     struct stat attributes(ext2_ino_t inode);
-    /// A file that is written to, truncated, or given another owner by a `caller` who does not act
-    /// for its group loses a set-group-id bit. The bits that matter to programs, set-user-id and
-    /// set-group-id of what the group may execute, are taken away by the kernel before.
+    /// A file that is written to, truncated, or given another owner loses its set-user-id and
+    /// set-group-id bits and its capabilities as on the kernel's file systems: when it is written
+    /// to or truncated, it keeps the bits if the `caller` has the privilege, and it always keeps a
+    /// set-group-id bit that lets nobody execute if the caller acts for its group.
     struct stat setAttributes(ext2_ino_t inode, const Changes& changes, const Caller& caller = {});
     std::string readLink(ext2_ino_t inode);
 
@@ -215,7 +220,12 @@ private:
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
-    static void loseGroupBit(Ext4Inode& inode, const Caller& caller);
+    void loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges);
+    void loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes);
+    void loseCapabilities(Ext4Inode& inode);
+    void stampWrite(Ext4Inode& inode);
+    /// What somebody is told of the inode.
+    struct stat show(const Ext4Inode& inode);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     std::uint64_t holesIn(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
     void reserveRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
@@ -257,6 +267,9 @@ private:
     std::uint64_t unsyncedBytes_ = 0; ///< of contents
     bool lossUntold_ = false;         ///< `lostContents_` has grown since `sync` told of it
     std::uint64_t overhead_ = 0;
+    std::function<void(ext2_ino_t)> bitsLost_;
+    /// Files that were written to after somebody has looked at their times.
+    std::unordered_set<ext2_ino_t> unseenTimes_;
     bool lookedEverywhere_ = false; ///< for free blocks with room, as the disk was full
     bool suspect_ = false;          ///< a change may have been left half-way
     bool unsynced_ = false;         ///< something was changed since the last sync

@@ -1,5 +1,7 @@
 #include "VolumeServer.h"
 
+#include "FusePrivileges.h"
+
 #include "ToolError.h"
 #include "Unmount.h"
 #include "VolumeControl.h"
@@ -62,7 +64,8 @@ void VolumeServer::mount(const ImageFile& file, const MountOptions& options) {
     context_.emplace(FuseOperations::Context{*volume_, socket_->address(), file.identity});
     session_ = mountFuse(place_.path(), fuseOptions(file.path, volume_->readOnly(), options),
                          FuseOperations::table(), &*context_);
-    if (!session_) throw ToolError("the volume could not be mounted at " + place_.path().string());
+    if (!session_ || !takeOverPrivileges(session_.get(), *volume_))
+        throw ToolError("the volume could not be mounted at " + place_.path().string());
     mount_ = MountTable::current().at(place_.path());
     if (!mount_ || mount_->type != MountTable::volumeType)
         throw ToolError("the volume did not appear at " + place_.path().string());

@@ -60,6 +60,15 @@ TEST(CallerTest, PrivilegeCountsAsMembership) {
     EXPECT_TRUE((Caller{1000, 1000, 0, ::getpid()}.actsFor(strangers)));
 }
 
+TEST(CallerTest, KeepsBitsByPrivilegeOnly) {
+    EXPECT_TRUE((Caller{0, 0, 0, 0}.keepsBits()));
+    EXPECT_FALSE((Caller{1000, 1000, 0, 0}.keepsBits()));
+    EXPECT_FALSE((Caller{0, 0, 0, 1 << 30}.keepsBits()));
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, who has the privilege";
+    EXPECT_TRUE((Caller{1000, 1000, 0, ::getpid()}.keepsBits()));
+    withUser([](const Caller& caller) { EXPECT_FALSE(caller.keepsBits()); });
+}
+
 class GroupBitTest : public Ext4VolumeTest {
 protected:
     void SetUp() override {
@@ -112,6 +121,89 @@ TEST_F(GroupBitTest, StaysWhenNothingOfTheFileChanges) {
     volume().setAttributes(file, changes, stranger);
     volume().setAttribute(file, "user.a", pattern(3, 1), 0, stranger);
     EXPECT_TRUE(has());
+}
+
+class PrivilegesTest : public GroupBitTest {
+protected:
+    void SetUp() override {
+        GroupBitTest::SetUp();
+        volume().whenBitsAreLost([this](ext2_ino_t inode) { told.push_back(inode); });
+    }
+    void makePrivileged() {
+        Ext4Volume::Changes changes;
+        changes.mode = 06755;
+        volume().setAttributes(file, changes);
+        volume().setAttribute(file, "security.capability", pattern(20, 1), 0);
+        told.clear();
+    }
+    mode_t bits() { return volume().attributes(file).st_mode & (S_ISUID | S_ISGID); }
+    bool hasCapability() {
+        return errnoFrom([&] { volume().attribute(file, "security.capability"); }) == 0;
+    }
+    void truncate(const Caller& caller) {
+        Ext4Volume::Changes changes;
+        changes.size = 5;
+        volume().setAttributes(file, changes, caller);
+    }
+    void giveAway(const Caller& caller) {
+        Ext4Volume::Changes changes;
+        changes.owner = 1001;
+        volume().setAttributes(file, changes, caller);
+    }
+
+    static constexpr Caller user{1000, friends, 0, 0};
+    static constexpr Caller privileged{0, 0, 0, 0};
+    std::vector<ext2_ino_t> told;
+};
+
+TEST_F(PrivilegesTest, AreLostWhenAUserWrites) {
+    const std::vector<std::function<void()>> works = {
+        [&] { volume().write(file, 0, pattern(10, 1), user); },
+        [&] { volume().allocate(file, 0, 0, 10, user); }, [&] { truncate(user); },
+        [&] { giveAway(user); }};
+    for (const auto& work : works) {
+        makePrivileged();
+        EXPECT_EQ(bits(), mode_t{S_ISUID | S_ISGID});
+        EXPECT_TRUE(hasCapability());
+        work();
+        EXPECT_EQ(bits(), 0U);
+        EXPECT_FALSE(hasCapability());
+        EXPECT_EQ(told, std::vector{file});
+    }
+}
+
+TEST_F(PrivilegesTest, OfWhoMayWriteKeepAllButCapabilities) {
+    const std::vector<std::function<void()>> works = {
+        [&] { volume().write(file, 0, pattern(10, 1), privileged); },
+        [&] { volume().allocate(file, 0, 0, 10, privileged); }, [&] { truncate(privileged); }};
+    for (const auto& work : works) {
+        makePrivileged();
+        work();
+        EXPECT_EQ(bits(), mode_t{S_ISUID | S_ISGID});
+        EXPECT_FALSE(hasCapability());
+        EXPECT_TRUE(told.empty());
+    }
+    giveAway(privileged);
+    EXPECT_EQ(bits(), 0U);
+}
+
+TEST_F(PrivilegesTest, AreLostByAChangeOfNothing) {
+    const Caller owner{volume().attributes(file).st_uid, friends, 0, 0};
+    for (const Caller& caller : {owner, privileged}) {
+        makePrivileged();
+        volume().setAttributes(file, {}, caller);
+        EXPECT_EQ(bits(), 0U);
+    }
+    makePrivileged();
+    volume().setAttributes(file, {}, {owner.user + 1, friends, 0, 0});
+    EXPECT_EQ(bits(), mode_t{S_ISUID | S_ISGID});
+}
+
+TEST_F(PrivilegesTest, StayWhenThereIsNothingToWrite) {
+    makePrivileged();
+    volume().write(file, 0, {}, user);
+    EXPECT_EQ(bits(), mode_t{S_ISUID | S_ISGID});
+    EXPECT_TRUE(hasCapability());
 }
 
 } // namespace

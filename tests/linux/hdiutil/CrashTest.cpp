@@ -101,6 +101,23 @@ TEST(CrashTest, SoWhileTheVolumeGrowsAndGivesBackRoom) {
     EXPECT_GT(disk.discards(), 50U);
 }
 
+TEST(CrashTest, ASyncOfContentsThatWereWrittenOverIsNoTransaction) {
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto file = static_cast<ext2_ino_t>(
+        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    const std::vector<std::byte> piece(BlockDevice::blockSize);
+    std::size_t fewest = disk.events();
+    // Now and then the file's times go on.
+    for (int i = 0; i < 100; ++i) {
+        const std::size_t before = disk.events();
+        volume->write(file, 0, piece);
+        volume->syncFile(file);
+        fewest = std::min(fewest, disk.events() - before);
+    }
+    EXPECT_EQ(fewest, 2U); // the write and the sync
+}
+
 constexpr std::uint64_t pieces = 500;
 
 /// Truncates a file of many pieces to its first, when so many directories have been made in the

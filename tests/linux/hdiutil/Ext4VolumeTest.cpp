@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <numeric>
 #include <random>
@@ -15,6 +16,28 @@
 #include <vector>
 
 namespace {
+
+TEST_F(Ext4VolumeTest, EveryWriteMovesTheTimesThatWereSeenBefore) {
+    const ext2_ino_t file = makeFile(root, "file");
+    const auto times = [](const struct stat& seen) {
+        EXPECT_EQ(seen.st_mtim.tv_nsec, seen.st_ctim.tv_nsec);
+        return std::pair(seen.st_mtim.tv_sec, seen.st_mtim.tv_nsec);
+    };
+    const auto write = [&] { volume().write(file, 0, pattern(10, 1)); };
+    const std::vector<std::function<struct stat()>> looks = {
+        [&] { return volume().attributes(file); },
+        [&] { return *volume().lookup(root, "file"); },
+        [&] { return volume().reference(file); },
+    };
+    write();
+    for (const auto& look : looks) {
+        const auto before = times(look());
+        write();
+        write();
+        EXPECT_GT(times(look()), before);
+    }
+    expectClean();
+}
 
 TEST_F(Ext4VolumeTest, KeepsWhatIsWrittenAcrossClosing) {
     const auto contents = pattern(3'000'001, 1);
