@@ -96,20 +96,20 @@ class StandardFormatTest(quillvane.Case):
         length = os.stat(item).st_size
         content = quillvane.pseudoRandom(1 << 20, 1)
         with open(mountPoint / "big", "wb") as file:
-            for _ in range(400):  # several groups of blocks more
+            for _ in range(270):  # several groups of blocks more
                 file.write(content)
-        (mountPoint / "gone").write_bytes(content * 250)
+        (mountPoint / "gone").write_bytes(content * 140)
         (mountPoint / "gone").unlink()
         after = quillvane.describe(mountPoint)
         self.qv("close", item)
-        self.assertGreater(os.stat(item).st_size, length + (400 << 20))
+        self.assertGreater(os.stat(item).st_size, length + (270 << 20))
 
         self.guest.run(open_(key) + CHECK + MOUNT + take("look", "seen") +
                        take("byKernel", "changed") + CLOSE + open_(key) + CHECK, item, seconds=240)
         self.assertAlike(after, self.listing("seen"))
         mountPoint = pathlib.Path(self.open(item))
         self.assertAlike(self.listing("changed"), quillvane.describe(mountPoint))
-        (mountPoint / "more").write_bytes(content * 100)
+        (mountPoint / "more").write_bytes(content * 40)
         self.qv("close", item)
         self.guest.run(open_(key) + CHECK, item)
 
