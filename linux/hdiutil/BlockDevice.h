@@ -26,10 +26,11 @@ public:
     /// As `write`, for blocks that nothing on the disk refers to yet; may return once they have
     /// room there, and fail with what an earlier such row met with. They are read as written at
     /// once. What fails later is kept, tried again, and told by `sync` until it succeeds.
-    /// For `behind` blocks after the row, room may be taken at the same time.
-    virtual void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+    /// Answers whether it has taken room for up to `behind` blocks after the row, too.
+    virtual bool writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
                            [[maybe_unused]] std::uint64_t behind) {
         write(firstBlock, from);
+        return false;
     }
     /// Makes sure that the disk has room for the blocks, where its file system can tell (ENOSPC).
     /// Costs little when it has long had.

@@ -227,14 +227,16 @@ void EncryptedImage::write(std::uint64_t firstBlock, std::span<const std::byte> 
     writeNow(firstBlock, from);
 }
 
-void EncryptedImage::writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+bool EncryptedImage::writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
                                std::uint64_t behind) {
     checkRow(firstBlock, from.size());
     if (from.size() >= directSize && from.size() <= WriteQueue::longestRow &&
-        claimRoom(firstBlock * blockSize, from.size(), behind * blockSize))
+        claimRoom(firstBlock * blockSize, from.size(), behind * blockSize)) {
         queue_->add(firstBlock, from);
-    else
-        write(firstBlock, from);
+        return behind > 0;
+    }
+    write(firstBlock, from);
+    return false;
 }
 
 /// Makes sure that what is to be written later will find room on the disk. Answers whether the

@@ -39,7 +39,7 @@ public:
     std::uint64_t freeBlocks() override;
     void read(std::uint64_t firstBlock, std::span<std::byte> into) override;
     void write(std::uint64_t firstBlock, std::span<const std::byte> from) override;
-    void writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
+    bool writeSoon(std::uint64_t firstBlock, std::span<const std::byte> from,
                    std::uint64_t behind) override;
     void reserve(std::uint64_t firstBlock, std::uint64_t count) override;
     void sync() override;

@@ -109,8 +109,8 @@ void Ext4Volume::writeThrough(FileBlocks::Kind former, std::uint64_t physical,
         const std::uint64_t last = ext2fs_group_last_block2(fs_, group);
         behind = std::min(roomBehind, last + 1 - (physical + count));
     }
-    device_.writeSoon(physical, from, behind);
-    transactions_->freeRoom().note(physical + count, behind);
+    if (device_.writeSoon(physical, from, behind))
+        transactions_->freeRoom().note(physical + count, behind);
 }
 
 /// Writes the beginning of `from` into the run of blocks at `block`; answers how many bytes.
