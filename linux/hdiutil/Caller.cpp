@@ -41,10 +41,10 @@ Credentials credentialsOf(pid_t process) {
 bool Caller::actsFor(gid_t wanted) const {
     if (user == 0 || group == wanted) return true;
     const Credentials more = credentialsOf(process);
-    return more.keepsBits ||
-           std::find(more.groups.begin(), more.groups.end(), wanted) != more.groups.end();
+    return std::find(more.groups.begin(), more.groups.end(), wanted) != more.groups.end();
 }
 
 bool Caller::keepsBits() const {
-    return process == 0 ? user == 0 : credentialsOf(process).keepsBits;
+    // Others have what they are told to have in a name space of their own, where it may be all.
+    return user == 0 && (process == 0 || credentialsOf(process).keepsBits);
 }

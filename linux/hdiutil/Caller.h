@@ -9,9 +9,10 @@ struct Caller {
     mode_t umask = 0;
     pid_t process = 0; ///< the thread that waits for the answer
 
-    /// Whether the caller is in the group, or has the privilege to act as if it were. Slow unless
-    /// the answer is in the caller: to be asked only where it matters.
+    /// Whether the caller is in the group, or is root. Slow unless the answer is in the caller: to
+    /// be asked only where it matters.
     bool actsFor(gid_t wanted) const;
-    /// Whether files stay set-user-id and set-group-id when the caller writes to them. Slow.
+    /// Whether files stay set-user-id and set-group-id when the caller writes to them: for root, if
+    /// it has CAP_FSETID. Slow.
     bool keepsBits() const;
 };

@@ -282,7 +282,8 @@ void EncryptedImage::writeNow(std::uint64_t firstBlock, std::span<const std::byt
 }
 
 /// Answers whether it could. File systems refuse in various ways; those that refuse are not asked
-/// again.
+/// again. What the disk could not take goes to the system's cache, where one sync tells of it, and
+/// does not hold up everything after it for ever.
 bool EncryptedImage::writeDirectly(std::span<const std::byte> piece, std::uint64_t offset) {
     if (!useDirect_) return false;
     try {
@@ -290,8 +291,8 @@ bool EncryptedImage::writeDirectly(std::span<const std::byte> piece, std::uint64
         return true;
     } catch (const std::system_error& error) {
         const int code = error.code().value();
-        if (code == EIO || code == ENOSPC || code == EDQUOT || code == EFBIG) throw;
-        useDirect_ = false;
+        if (code == ENOSPC || code == EDQUOT || code == EFBIG) throw;
+        if (code != EIO) useDirect_ = false;
         return false;
     }
 }
@@ -314,8 +315,8 @@ void EncryptedImage::sync() {
 // The system tells only one of two threads that a write has failed.
 void EncryptedImage::syncAhead() {
     const std::lock_guard lock(syncMutex_);
+    queue_->finish(); // which tells again what fails
     try {
-        queue_->finish();
         if (::fdatasync(fd_) != 0) failWith(errno, "syncing the image");
     } catch (...) {
         failedAhead_ = std::current_exception();

@@ -95,28 +95,38 @@ void Ext4Volume::eraseAttribute(const Ext4Inode& inode, const std::string& name)
 
 /// For files only, which others have none of. Before any change of the inode is in the copy alone.
 void Ext4Volume::loseCapabilities(Ext4Inode& inode) {
-    if (!inode.isRegular() || !readAttribute(inode, capabilities)) return;
+    try {
+        if (!inode.isRegular() || !readAttribute(inode, capabilities)) return;
+    } catch (const std::system_error& error) {
+        // Nobody else can read attributes that are damaged either.
+        if (error.code().value() == EUCLEAN) return;
+        throw;
+    }
     eraseAttribute(inode, capabilities);
     inode = load(inode.number);
 }
 
-void Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges) {
-    if ((inode.mode() & (S_ISUID | S_ISGID)) == 0 || inode.isDirectory()) return;
-    if (!ownerChanges && (!inode.isRegular() || caller.keepsBits())) return;
+/// Answers whether the copy has lost any.
+bool Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges) {
+    if ((inode.mode() & (S_ISUID | S_ISGID)) == 0 || inode.isDirectory()) return false;
+    if (!ownerChanges && (!inode.isRegular() || caller.keepsBits())) return false;
     mode_t lost = S_ISUID;
     if ((inode.mode() & S_IXGRP) != 0 || !caller.actsFor(inode.group())) lost |= S_ISGID;
-    if ((inode.mode() & lost) == 0) return;
+    if ((inode.mode() & lost) == 0) return false;
     inode.raw.i_mode &= static_cast<__u16>(~lost);
     if (bitsLost_) bitsLost_(inode.number);
+    return true;
 }
 
-void Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes) {
+bool Ext4Volume::loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes) {
     if (changes.owner || changes.group) return loseBits(inode, caller, true);
     if (changes.size) return loseBits(inode, caller, false);
-    // What is left of a chown that names neither owner nor group; the kernel lets anybody ask.
+    // What is left of a chown that names neither owner nor group; the kernel lets anybody ask. It
+    // asks the same before root writes to a file with capabilities, which so loses more than it
+    // must.
     const bool nothing = !changes.mode && !changes.accessed && !changes.modified;
     const bool entitled = caller.user == 0 || caller.user == inode.owner();
-    if (nothing && entitled) loseBits(inode, caller, true);
+    return nothing && entitled && loseBits(inode, caller, true);
 }
 
 void Ext4Volume::stampChange(ext2_ino_t number) {

@@ -24,10 +24,12 @@ constexpr std::uint64_t largestFile = (FileBlocks::lastBlock + 1) * blockSize;
 /// For so long, in nanoseconds, the times of a file stay while it is written to and nobody looks:
 /// as long as on the kernel's file systems, whose clock ticks 250 times a second on most systems.
 constexpr std::int64_t longestUnseen = 4'000'000;
-constexpr std::size_t mostUnseen = 1024;
 
-std::int64_t nanoseconds(const timespec& time) {
-    return std::int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+bool isSoonAfter(const timespec& later, const timespec& earlier) {
+    if (later.tv_sec < earlier.tv_sec || later.tv_sec - 1 > earlier.tv_sec) return false;
+    const std::int64_t seconds = later.tv_sec - earlier.tv_sec;
+    const std::int64_t age = seconds * 1'000'000'000 + later.tv_nsec - earlier.tv_nsec;
+    return age >= 0 && age < longestUnseen;
 }
 
 std::uint64_t blocksFor(std::uint64_t bytes) {
@@ -152,8 +154,10 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
     if (from.empty()) return 0;
     if (offset >= largestFile) failWith(EFBIG);
     from = from.first(std::min<std::uint64_t>(from.size(), largestFile - offset));
+    const bool unseen = unseenTimes_ == number;
     beginChange(blocksFor(from.size()));
     loseCapabilities(inode);
+    if (loseBits(inode, caller, false)) store(inode);
     unsyncedContents_.insert(number);
     const std::uint64_t end = offset + from.size();
     const std::uint64_t first = offset / blockSize;
@@ -171,27 +175,24 @@ std::size_t Ext4Volume::write(ext2_ino_t number, std::uint64_t offset,
         const std::size_t done = writeBlocks(inode, first, all);
         written = std::min(from.size(), done - within);
     }
-    loseBits(inode, caller, false);
     if (offset + written > inode.size()) Ext4Inodes::setSize(fs_, inode, offset + written);
-    stampWrite(inode);
+    stampWrite(inode, unseen);
     store(inode);
     return written;
 }
 
-/// Nobody can tell times that are a little older from true ones before somebody has seen them; and
-/// when only contents have changed, a sync needs no transaction.
-void Ext4Volume::stampWrite(Ext4Inode& inode) {
+/// Nobody can tell times that are a little older from true ones before somebody has seen them, or
+/// something else has changed; and when only contents have changed, a sync needs no transaction.
+void Ext4Volume::stampWrite(Ext4Inode& inode, bool unseen) {
     const timespec now = Ext4Inodes::now();
-    const std::int64_t age = nanoseconds(now) - nanoseconds(inode.modified());
-    if (age >= 0 && age < longestUnseen && unseenTimes_.contains(inode.number)) return;
+    unseenTimes_ = inode.number;
+    if (unseen && isSoonAfter(now, inode.modified())) return;
     inode.setModified(now);
     inode.setChanged(now);
-    if (unseenTimes_.size() >= mostUnseen) unseenTimes_.clear();
-    unseenTimes_.insert(inode.number);
 }
 
 struct stat Ext4Volume::show(const Ext4Inode& inode) {
-    unseenTimes_.erase(inode.number);
+    if (unseenTimes_ == inode.number) unseenTimes_ = 0;
     return inode.attributes();
 }
 
@@ -205,6 +206,7 @@ void Ext4Volume::zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t 
     device_.read(run.physical, block);
     std::fill_n(block.begin() + static_cast<std::ptrdiff_t>(from % blockSize), to - from,
                 std::byte{0});
+    unsyncedContents_.insert(inode.number);
     writeThrough(run.kind, run.physical, block);
 }
 
@@ -316,6 +318,7 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
     if (action != FALLOC_FL_PUNCH_HOLE && needed > ext2fs_free_blocks_count(fs_->super))
         failWith(ENOSPC);
     loseCapabilities(inode);
+    if (loseBits(inode, caller, false)) store(inode);
     if (action != 0) punchRange(inode, offset, end);
     if (action != FALLOC_FL_PUNCH_HOLE) {
         store(inode);
@@ -328,7 +331,6 @@ void Ext4Volume::allocate(ext2_ino_t number, int mode, std::uint64_t offset, std
         }
         if (!keepSize && end > inode.size()) Ext4Inodes::setSize(fs_, inode, end);
     }
-    loseBits(inode, caller, false);
     const timespec now = Ext4Inodes::now();
     inode.setModified(now);
     inode.setChanged(now);

@@ -152,8 +152,11 @@ void Ext4Volume::freeUnused() noexcept {
         try {
             freeIfUnused(number);
         } catch (const std::system_error& error) {
-            // What was asked for is done; closing tries again.
-            if (error.code().value() != ENOSPC && error.code().value() != EDQUOT) suspect_ = true;
+            // What was asked for is done. A full disk may have room the next time.
+            if (error.code().value() == ENOSPC || error.code().value() == EDQUOT)
+                unused_.push_back(number);
+            else
+                suspect_ = true;
         } catch (const std::exception&) {
             suspect_ = true;
         }

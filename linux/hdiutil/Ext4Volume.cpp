@@ -111,7 +111,14 @@ void Ext4Volume::close() {
     }
     // A volume that was only read does not say yet that something was wrong.
     if (transactions_ && suspect_) transactions_->begin();
-    if (transactions_) transactions_->end(suspect_);
+    try {
+        if (transactions_) transactions_->end(suspect_);
+    } catch (...) {
+        contentsMayBeLost();
+        throw;
+    }
+    unsyncedContents_.clear();
+    unsyncedBytes_ = 0;
     nameless_.clear();
     if (transactions_) giveRoomBackAtTheEnd();
     transactions_.reset();
@@ -121,6 +128,7 @@ void Ext4Volume::close() {
 
 void Ext4Volume::beginChange(std::uint64_t neededBlocks) {
     if (readOnly_) failWith(EROFS);
+    unseenTimes_ = 0;
     transactions_->begin();
     makeRoom(neededBlocks);
     commitWhen(transactions_->withholds(neededBlocks));
@@ -151,7 +159,7 @@ void Ext4Volume::commit() {
 /// After a failed sync the system takes what it could not write for written, and the next sync
 /// succeeds. So whoever syncs one of the files is told.
 void Ext4Volume::contentsMayBeLost() {
-    if (!unsyncedContents_.empty()) lossUntold_ = true;
+    if (unsyncedBytes_ > 0) lossUntold_ = true;
     lostContents_.merge(unsyncedContents_);
     unsyncedContents_.clear();
 }
@@ -256,6 +264,11 @@ void Ext4Volume::freeIfUnused(ext2_ino_t number) {
     beginChange();
     Ext4Inode inode = load(number);
     freeInode(inode);
+}
+
+bool Ext4Volume::lostContents() {
+    const std::lock_guard lock(mutex_);
+    return lossUntold_;
 }
 
 struct stat Ext4Volume::attributes(ext2_ino_t inode) {

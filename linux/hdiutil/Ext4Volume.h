@@ -76,6 +76,9 @@ public:
     /// Writes everything, marks the volume clean and ends it. After a failure the volume stays open
     /// with nothing lost, and `close` may be called again. The last call on a volume that succeeds.
     void close();
+    /// Whether contents may have been lost since `sync` last told so, although a later attempt to
+    /// sync or close succeeded.
+    bool lostContents();
     /// Returns when everything is on the disk. After a failure nothing is known to be. Fails once,
     /// too, when contents may have been lost because the disk failed since the last call.
     void sync();
@@ -220,10 +223,10 @@ private:
     void zeroWithin(Ext4Inode& inode, std::uint64_t from, std::uint64_t to);
     void truncate(Ext4Inode& inode, std::uint64_t size);
     void releaseBlocks(Ext4Inode& inode, std::uint64_t first, std::uint64_t last);
-    void loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges);
-    void loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes);
+    bool loseBits(Ext4Inode& inode, const Caller& caller, bool ownerChanges);
+    bool loseBits(Ext4Inode& inode, const Caller& caller, const Changes& changes);
     void loseCapabilities(Ext4Inode& inode);
-    void stampWrite(Ext4Inode& inode);
+    void stampWrite(Ext4Inode& inode, bool unseen);
     /// What somebody is told of the inode.
     struct stat show(const Ext4Inode& inode);
     void punchRange(Ext4Inode& inode, std::uint64_t offset, std::uint64_t end);
@@ -268,8 +271,8 @@ private:
     bool lossUntold_ = false;         ///< `lostContents_` has grown since `sync` told of it
     std::uint64_t overhead_ = 0;
     std::function<void(ext2_ino_t)> bitsLost_;
-    /// Files that were written to after somebody has looked at their times.
-    std::unordered_set<ext2_ino_t> unseenTimes_;
+    /// The file that was written to by the last change, if nobody has looked at its times since.
+    ext2_ino_t unseenTimes_ = 0;
     bool lookedEverywhere_ = false; ///< for free blocks with room, as the disk was full
     bool suspect_ = false;          ///< a change may have been left half-way
     bool unsynced_ = false;         ///< something was changed since the last sync

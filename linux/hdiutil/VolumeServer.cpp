@@ -112,7 +112,7 @@ std::string VolumeServer::closeVolume() noexcept {
         if (attempt > 0) std::this_thread::sleep_for(closePause);
         try {
             volume_->close();
-            return {};
+            return volume_->lostContents() ? "what was written last may be lost" : "";
         } catch (const std::exception& error) {
             problem = error.what();
         }

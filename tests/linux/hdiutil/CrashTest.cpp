@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
+#include <linux/falloc.h>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -234,6 +236,59 @@ TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
     EXPECT_THROW(volume->syncFile(second), std::system_error);
     EXPECT_NO_THROW(volume->syncFile(second));
     volume->close();
+}
+
+TEST(CrashTest, SoDoesAFileOfWhichAPartWasZeroed) {
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto file = static_cast<ext2_ino_t>(
+        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    Ext4Volume::Changes shorter;
+    shorter.size = 10;
+    const std::vector<std::function<void()>> works = {
+        [&] { volume->allocate(file, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 10, 100); },
+        [&] { volume->setAttributes(file, shorter); }};
+    for (const auto& work : works) {
+        volume->write(file, 0, std::vector<std::byte>(5000, std::byte{1}));
+        volume->sync();
+        work();
+        disk.breakDown({disk.attempts(), 1, EIO});
+        EXPECT_THROW(volume->writeBehind(), std::system_error);
+        EXPECT_NO_THROW(volume->writeBehind());
+        EXPECT_TRUE(volume->lostContents());
+        EXPECT_THROW(volume->syncFile(file), std::system_error);
+        EXPECT_THROW(volume->sync(), std::system_error);
+        EXPECT_NO_THROW(volume->sync());
+    }
+    volume->close();
+    EXPECT_FALSE(volume->lostContents());
+}
+
+TEST(CrashTest, AWriteThatFailsHalfWayTakesTheSetUserIdBit) {
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto file = static_cast<ext2_ino_t>(
+        volume->create(Ext4Volume::root, "file", {S_IFREG | 04755, 0, {}}, {}).st_ino);
+    const std::vector<std::byte> content(5000);
+    volume->write(file, 0, content);
+    volume->sync();
+    ASSERT_NE(volume->attributes(file).st_mode & S_ISUID, 0U);
+    disk.breakDown({disk.attempts(), 1, EIO});
+    EXPECT_THROW(volume->write(file, 0, content, {1000, 1000, 0, 0}), std::system_error);
+    EXPECT_EQ(volume->attributes(file).st_mode & S_ISUID, 0U);
+    volume->close();
+}
+
+TEST(CrashTest, AVolumeThatIsClosedAtTheSecondAttemptTellsThatContentsMayBeLost) {
+    RecordingDisk disk(megabytes, "-J size=4");
+    const auto volume = Ext4Volume::open(disk, false);
+    const auto file = static_cast<ext2_ino_t>(
+        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    volume->write(file, 0, std::vector<std::byte>(5000));
+    disk.breakDown({disk.attempts(), 1, EIO});
+    EXPECT_THROW(volume->close(), std::system_error);
+    EXPECT_NO_THROW(volume->close());
+    EXPECT_TRUE(volume->lostContents());
 }
 
 TEST(CrashTest, ADiskThatIsFullForAMomentLeavesAWholeVolume) {

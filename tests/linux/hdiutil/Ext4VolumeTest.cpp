@@ -113,6 +113,17 @@ TEST_F(Ext4VolumeTest, RandomWritesTruncatesAndHolesMatchAModel) {
     EXPECT_EQ(all, model);
 }
 
+TEST_F(Ext4VolumeTest, AWriteMovesATimeInTheFarFutureBack) {
+    const ext2_ino_t file = makeFile(root, "file");
+    Ext4Volume::Changes changes;
+    changes.modified = timespec{13'569'465'600, 0}; // the year 2400
+    volume().write(file, 0, pattern(10, 1));
+    volume().setAttributes(file, changes);
+    volume().write(file, 0, pattern(10, 1));
+    EXPECT_LT(volume().attributes(file).st_mtim.tv_sec, 13'569'465'600);
+    expectClean();
+}
+
 TEST_F(Ext4VolumeTest, FindsDataAndHoles) {
     const ext2_ino_t file = makeFile(root, "sparse");
     volume().write(file, 1 << 20, pattern(4096, 3));
