@@ -95,9 +95,9 @@ class MountsTest(Case):
         printer.end()
 
     def test_three_between_two_looks(self):
-        printer = EventPrinter(self)
         places = [self.volume(self.work / name) for name in ("c", "a", "b")]
         kept = self.volume(self.work / "kept")
+        printer = EventPrinter(self)  # now, so that it has seen them all
         printer.pause()
         for place in reversed(places):
             self.detach(place)
@@ -108,8 +108,8 @@ class MountsTest(Case):
         printer.end()
 
     def test_there_again_before_anybody_looked(self):
-        printer = EventPrinter(self)
         place, other = self.volume(self.work / "back"), self.volume(self.work / "other")
+        printer = EventPrinter(self)  # now, so that it has seen both
         printer.pause()
         self.detach(place)
         self.mount(self.work / "1.quillvane", place)
