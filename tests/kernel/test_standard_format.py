@@ -102,7 +102,7 @@ class StandardFormatTest(quillvane.Case):
         (mountPoint / "gone").unlink()
         after = quillvane.describe(mountPoint)
         self.qv("close", item)
-        self.assertGreater(os.stat(item).st_size, length + (270 << 20))
+        self.assertGreater(os.stat(item).st_size, length + (200 << 20))
 
         self.guest.run(open_(key) + CHECK + MOUNT + take("look", "seen") +
                        take("byKernel", "changed") + CLOSE + open_(key) + CHECK, item, seconds=240)
