@@ -98,7 +98,7 @@ class StandardFormatTest(quillvane.Case):
         with open(mountPoint / "big", "wb") as file:
             for _ in range(270):  # several groups of blocks more
                 file.write(content)
-        (mountPoint / "gone").write_bytes(content * 140)
+        (mountPoint / "gone").write_bytes(content * 250)
         (mountPoint / "gone").unlink()
         after = quillvane.describe(mountPoint)
         self.qv("close", item)
