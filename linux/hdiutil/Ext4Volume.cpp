@@ -213,12 +213,16 @@ void Ext4Volume::syncContents() {
     }
 }
 
+bool Ext4Volume::syncTakesLong() const noexcept {
+    return unsyncedBytes_ > soonSynced;
+}
+
 // A file is reachable after a crash only with the structure above it, which is in the same
 // transaction.
 void Ext4Volume::syncFile(ext2_ino_t inode) {
     std::unique_lock lock(mutex_);
     try {
-        if (unsyncedBytes_ > soonSynced) {
+        if (syncTakesLong()) {
             lock.unlock();
             syncContents();
             lock.lock();

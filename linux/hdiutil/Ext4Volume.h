@@ -11,6 +11,7 @@
 #include "VolumeError.h"
 #include "VolumeGrowth.h"
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <ctime>
@@ -145,6 +146,8 @@ public:
     /// Returns when the file's contents and attributes are on the disk. Fails once, for each file,
     /// when contents may have been lost because the disk failed since it was last synced.
     void syncFile(ext2_ino_t inode);
+    /// Whether so much is to be synced that a sync lets others go on meanwhile. Any thread.
+    bool syncTakesLong() const noexcept;
 
     /// ENODATA when there is no such attribute.
     std::vector<std::byte> attribute(ext2_ino_t inode, const std::string& name);
@@ -267,8 +270,8 @@ private:
     /// have thrown away when a sync failed.
     std::unordered_set<ext2_ino_t> unsyncedContents_;
     std::unordered_set<ext2_ino_t> lostContents_;
-    std::uint64_t unsyncedBytes_ = 0; ///< of contents
-    bool lossUntold_ = false;         ///< `lostContents_` has grown since `sync` told of it
+    std::atomic<std::uint64_t> unsyncedBytes_ = 0; ///< of contents
+    bool lossUntold_ = false; ///< `lostContents_` has grown since `sync` told of it
     std::uint64_t overhead_ = 0;
     std::function<void(ext2_ino_t)> bitsLost_;
     /// The file that was written to by the last change, if nobody has looked at its times since.

@@ -14,6 +14,7 @@
 #include <sys/eventfd.h>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -33,33 +34,11 @@ bool isTransient(int result) {
     return result == -EINTR || result == -EAGAIN;
 }
 
-/// Whether other requests should not have to wait for this one.
-bool takesLong(const fuse_buf& buffer) {
-    fuse_in_header header{};
-    if (buffer.size < sizeof header) return false;
-    std::memcpy(&header, buffer.mem, sizeof header);
-    switch (header.opcode) {
-    case FUSE_FSYNC:
-    case FUSE_FSYNCDIR:
-    case FUSE_FALLOCATE:
-        return true;
-    case FUSE_WRITE:
-        return header.len >= longTransfer;
-    case FUSE_READ: {
-        fuse_read_in wanted{};
-        if (buffer.size < sizeof header + sizeof wanted) return false;
-        std::memcpy(&wanted, static_cast<const char*>(buffer.mem) + sizeof header, sizeof wanted);
-        return wanted.size >= longTransfer;
-    }
-    default:
-        return false;
-    }
-}
-
 } // namespace
 
-FuseLoop::FuseLoop(fuse_session* session, unsigned threads)
-    : session_(session), threads_(threads), wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+FuseLoop::FuseLoop(fuse_session* session, unsigned threads, std::function<bool()> syncTakesLong)
+    : session_(session), threads_(threads), syncTakesLong_(std::move(syncTakesLong)),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (!wake_) throw std::system_error(errno, std::generic_category(), "eventfd");
     // A request seen by poll may be withdrawn before it is read; reading must not block then.
     const int fd = fuse_session_fd(session);
@@ -96,6 +75,30 @@ void FuseLoop::serve() noexcept {
         }
     }
     std::free(buffer.mem);
+}
+
+/// Whether other requests should not have to wait for this one.
+bool FuseLoop::takesLong(const fuse_buf& buffer) const {
+    fuse_in_header header{};
+    if (buffer.size < sizeof header) return false;
+    std::memcpy(&header, buffer.mem, sizeof header);
+    switch (header.opcode) {
+    case FUSE_FSYNC:
+    case FUSE_FSYNCDIR:
+        return syncTakesLong_();
+    case FUSE_FALLOCATE:
+        return true;
+    case FUSE_WRITE:
+        return header.len >= longTransfer;
+    case FUSE_READ: {
+        fuse_read_in wanted{};
+        if (buffer.size < sizeof header + sizeof wanted) return false;
+        std::memcpy(&wanted, static_cast<const char*>(buffer.mem) + sizeof header, sizeof wanted);
+        return wanted.size >= longTransfer;
+    }
+    default:
+        return false;
+    }
 }
 
 /// The next request, or at most 0 when there are no more; then `end_` says why.

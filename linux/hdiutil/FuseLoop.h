@@ -2,7 +2,7 @@
 
 #include "Quillvane/FileDescriptor.h"
 
-#include <atomic>
+#include <functional>
 #include <mutex>
 #include <optional>
 
@@ -17,8 +17,11 @@ struct fuse_session;
 class FuseLoop {
 public:
     /// `session` is mounted and outlives the loop; with more than one of `threads`, its operations
-    /// are called from several threads at once. Throws `std::system_error`.
-    explicit FuseLoop(fuse_session* session, unsigned threads = 1);
+    /// are called from several threads at once. `syncTakesLong`, called on any of them, tells
+    /// whether others had better not wait for a sync. Throws `std::system_error`.
+    explicit FuseLoop(
+        fuse_session* session, unsigned threads = 1,
+        std::function<bool()> syncTakesLong = [] { return true; });
     ~FuseLoop();
     FuseLoop(const FuseLoop&) = delete;
     FuseLoop& operator=(const FuseLoop&) = delete;
@@ -31,12 +34,14 @@ public:
 
 private:
     void serve() noexcept;
+    bool takesLong(const fuse_buf& buffer) const;
     int receive(fuse_buf& buffer) noexcept;
     int receiveSoon(fuse_buf& buffer) noexcept;
     void drain(fuse_buf& buffer) noexcept;
 
     fuse_session* session_;
     const unsigned threads_;
+    const std::function<bool()> syncTakesLong_;
     FileDescriptor wake_;
     std::mutex waiting_; ///< held by the thread that waits for requests
     std::optional<End> end_;

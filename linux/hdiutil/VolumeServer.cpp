@@ -78,7 +78,7 @@ Attachment VolumeServer::attachment() const {
 bool VolumeServer::run(const BlockedSignals& signals) {
     std::string problem;
     {
-        FuseLoop loop(session_.get(), serverThreads());
+        FuseLoop loop(session_.get(), serverThreads(), [this] { return volume_->syncTakesLong(); });
         VolumeControl control(*volume_, loop, *socket_, signals, *mount_);
         const FuseLoop::End end = loop.run();
         if (end == FuseLoop::End::failed) unmountLeftOver();
