@@ -271,7 +271,7 @@ private:
     std::unordered_set<ext2_ino_t> unsyncedContents_;
     std::unordered_set<ext2_ino_t> lostContents_;
     std::atomic<std::uint64_t> unsyncedBytes_ = 0; ///< of contents
-    bool lossUntold_ = false; ///< `lostContents_` has grown since `sync` told of it
+    bool lossUntold_ = false; ///< contents may be lost, and `sync` has not told so
     std::uint64_t overhead_ = 0;
     std::function<void(ext2_ino_t)> bitsLost_;
     /// The file that was written to by the last change, if nobody has looked at its times since.

@@ -1,7 +1,6 @@
 #include "VolumeServer.h"
 
 #include "FusePrivileges.h"
-
 #include "ToolError.h"
 #include "Unmount.h"
 #include "VolumeControl.h"

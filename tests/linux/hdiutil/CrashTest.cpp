@@ -45,6 +45,11 @@ private:
     std::vector<std::byte> content_;
 };
 
+ext2_ino_t makeFile(Ext4Volume& volume, const char* name, mode_t mode = 0644) {
+    return static_cast<ext2_ino_t>(
+        volume.create(Ext4Volume::root, name, {S_IFREG | mode, 0, {}}, {}).st_ino);
+}
+
 CrashWorkload::Tree treeOn(std::vector<std::byte> content) {
     ContentDisk disk(std::move(content));
     const auto volume = Ext4Volume::open(disk, true);
@@ -106,8 +111,7 @@ TEST(CrashTest, SoWhileTheVolumeGrowsAndGivesBackRoom) {
 TEST(CrashTest, ASyncOfContentsThatWereWrittenOverIsNoTransaction) {
     RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
-    const auto file = static_cast<ext2_ino_t>(
-        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    const auto file = makeFile(*volume, "file");
     const std::vector<std::byte> piece(BlockDevice::blockSize);
     std::size_t fewest = disk.events();
     // Now and then the file's times go on.
@@ -218,13 +222,9 @@ TEST(CrashTest, ADiskThatFailsForAMomentLeavesAWholeVolume) {
 TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
     RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
-    const auto make = [&](const char* name) {
-        return static_cast<ext2_ino_t>(
-            volume->create(Ext4Volume::root, name, {S_IFREG | 0644, 0, {}}, {0, 0, 022}).st_ino);
-    };
-    const auto synced = make("synced");
-    const auto first = make("first");
-    const auto second = make("second");
+    const auto synced = makeFile(*volume, "synced");
+    const auto first = makeFile(*volume, "first");
+    const auto second = makeFile(*volume, "second");
     volume->write(synced, 0, std::vector<std::byte>(5000));
     volume->sync();
     volume->write(first, 0, std::vector<std::byte>(5000));
@@ -241,8 +241,7 @@ TEST(CrashTest, AFileWhoseContentsASyncMayHaveLostTellsItsOwner) {
 TEST(CrashTest, SoDoesAFileOfWhichAPartWasZeroed) {
     RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
-    const auto file = static_cast<ext2_ino_t>(
-        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    const auto file = makeFile(*volume, "file");
     Ext4Volume::Changes shorter;
     shorter.size = 10;
     const std::vector<std::function<void()>> works = {
@@ -267,8 +266,7 @@ TEST(CrashTest, SoDoesAFileOfWhichAPartWasZeroed) {
 TEST(CrashTest, AWriteThatFailsHalfWayTakesTheSetUserIdBit) {
     RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
-    const auto file = static_cast<ext2_ino_t>(
-        volume->create(Ext4Volume::root, "file", {S_IFREG | 04755, 0, {}}, {}).st_ino);
+    const auto file = makeFile(*volume, "file", 04755);
     const std::vector<std::byte> content(5000);
     volume->write(file, 0, content);
     volume->sync();
@@ -282,8 +280,7 @@ TEST(CrashTest, AWriteThatFailsHalfWayTakesTheSetUserIdBit) {
 TEST(CrashTest, AVolumeThatIsClosedAtTheSecondAttemptTellsThatContentsMayBeLost) {
     RecordingDisk disk(megabytes, "-J size=4");
     const auto volume = Ext4Volume::open(disk, false);
-    const auto file = static_cast<ext2_ino_t>(
-        volume->create(Ext4Volume::root, "file", {S_IFREG | 0644, 0, {}}, {}).st_ino);
+    const auto file = makeFile(*volume, "file");
     volume->write(file, 0, std::vector<std::byte>(5000));
     disk.breakDown({disk.attempts(), 1, EIO});
     EXPECT_THROW(volume->close(), std::system_error);
