@@ -25,10 +25,10 @@ void replyEntry(fuse_req_t request, const struct stat& attributes) {
 }
 
 void init(void*, fuse_conn_info* connection) {
-    connection->want &=
-        ~static_cast<unsigned>(FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_ATOMIC_O_TRUNC |
-                               FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_WRITEBACK_CACHE |
-                               FUSE_CAP_SPLICE_READ | FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
+    connection->want &= ~static_cast<unsigned>(FUSE_CAP_HANDLE_KILLPRIV | FUSE_CAP_ATOMIC_O_TRUNC |
+                                               FUSE_CAP_AUTO_INVAL_DATA | FUSE_CAP_WRITEBACK_CACHE |
+                                               FUSE_CAP_READDIRPLUS_AUTO | FUSE_CAP_SPLICE_READ |
+                                               FUSE_CAP_SPLICE_WRITE | FUSE_CAP_SPLICE_MOVE);
     connection->want |= connection->capable &
                         static_cast<unsigned>(FUSE_CAP_POSIX_ACL | FUSE_CAP_DONT_MASK |
                                               FUSE_CAP_IOCTL_DIR | FUSE_CAP_READDIRPLUS |
