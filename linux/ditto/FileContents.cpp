@@ -5,8 +5,20 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
+#include <utility>
 
 namespace {
+
+/// What offsets, lengths and buffers must be multiples of to be read past the cache from any disk.
+constexpr std::size_t unit = 4096;
+constexpr std::uint64_t largeFile = std::uint64_t{8} << 20;
+
+/// Held while a large file is copied or compared.
+std::unique_lock<std::mutex> turnFor(const Status& status) {
+    static std::mutex turn;
+    return status.size < largeFile ? std::unique_lock<std::mutex>() : std::unique_lock(turn);
+}
 
 /// Files below this size are searched for holes only when they hold fewer blocks than bytes.
 constexpr std::uint64_t smallFile = std::uint64_t{1} << 16;
@@ -64,11 +76,57 @@ void writeFully(int fd, std::span<const std::byte> from, std::uint64_t offset) {
 
 } // namespace
 
+struct alignas(unit) FileContents::Buffer {
+    std::byte bytes[bufferSize];
+};
+
+/// Reads the copy past the system's cache, where its file system can do that: what is compared then
+/// comes from there for certain, and no pages have to be made to be read once.
+class FileContents::CopyReader {
+public:
+    CopyReader(int fd, std::uint64_t size) noexcept : fd_(fd), flags_(fcntl(fd, F_GETFL)) {
+        direct_ = size >= worthwhile && flags_ >= 0 && fcntl(fd, F_SETFL, flags_ | O_DIRECT) == 0;
+    }
+    CopyReader(const CopyReader&) = delete;
+    CopyReader& operator=(const CopyReader&) = delete;
+    ~CopyReader() { useCache(); }
+
+    /// As `readFully`; `into` lies at the start of a Buffer.
+    std::size_t read(std::span<std::byte> into, std::uint64_t offset) {
+        if (direct_ && offset % unit == 0) {
+            const std::size_t units = (into.size() + unit - 1) / unit * unit;
+            const ssize_t count = pread(fd_, into.data(), units, static_cast<off_t>(offset));
+            if (count >= static_cast<ssize_t>(into.size())) return into.size();
+        }
+        useCache(); // whatever went wrong either does so again, or was about reading directly
+        return readFully(Side::destination, fd_, into, offset);
+    }
+
+private:
+    static constexpr std::uint64_t worthwhile = std::uint64_t{1} << 18;
+
+    void useCache() noexcept {
+        if (std::exchange(direct_, false)) fcntl(fd_, F_SETFL, flags_);
+    }
+
+    int fd_;
+    int flags_;
+    bool direct_ = false;
+};
+
 FileContents::FileContents()
-    : first_(std::make_unique<std::byte[]>(bufferSize)),
-      second_(std::make_unique<std::byte[]>(bufferSize)) {}
+    : first_(std::make_unique_for_overwrite<Buffer>()),
+      second_(std::make_unique_for_overwrite<Buffer>()) {}
+
+FileContents::~FileContents() = default;
+
+FileContents& FileContents::ofThisThread() {
+    thread_local FileContents contents;
+    return contents;
+}
 
 void FileContents::copy(int source, int copy, const Status& original) {
+    const auto turn = turnFor(original);
     const std::uint64_t size = original.size;
     if (!mayHaveHoles(original)) return copyRange(source, copy, 0, size);
     std::uint64_t end = 0;
@@ -87,7 +145,7 @@ void FileContents::copy(int source, int copy, const Status& original) {
 void FileContents::copyRange(int source, int copy, std::uint64_t from, std::uint64_t to) {
     while (from < to) {
         const std::size_t length = std::min<std::uint64_t>(bufferSize, to - from);
-        const std::span<std::byte> buffer(first_.get(), length);
+        const std::span<std::byte> buffer(first_->bytes, length);
         if (readFully(Side::source, source, buffer, from) != length) throw Difference::changed();
         writeFully(copy, buffer, from);
         from += length;
@@ -95,26 +153,29 @@ void FileContents::copyRange(int source, int copy, std::uint64_t from, std::uint
 }
 
 void FileContents::compare(int source, int copy, const Status& original) {
+    const auto turn = turnFor(original);
     const std::uint64_t size = original.size;
-    if (!mayHaveHoles(original)) return compareRange(source, copy, 0, size);
+    CopyReader reader(copy, size);
+    if (!mayHaveHoles(original)) return compareRange(source, reader, 0, size);
     for (std::uint64_t at = 0; at < size;) {
         const std::uint64_t start = std::min(nextData(Side::source, source, at, size),
                                              nextData(Side::destination, copy, at, size));
         if (start == size) break;
         const std::uint64_t end = std::max(nextHole(Side::source, source, start, size),
                                            nextHole(Side::destination, copy, start, size));
-        compareRange(source, copy, start, end);
+        compareRange(source, reader, start, end);
         at = end;
     }
 }
 
-void FileContents::compareRange(int source, int copy, std::uint64_t from, std::uint64_t to) {
+void FileContents::compareRange(int source, CopyReader& copy, std::uint64_t from,
+                                std::uint64_t to) {
     while (from < to) {
         const std::size_t length = std::min<std::uint64_t>(bufferSize, to - from);
-        const std::span<std::byte> original(first_.get(), length);
-        const std::span<std::byte> written(second_.get(), length);
+        const std::span<std::byte> original(first_->bytes, length);
+        const std::span<std::byte> written(second_->bytes, length);
         if (readFully(Side::source, source, original, from) != length) throw Difference::changed();
-        if (readFully(Side::destination, copy, written, from) != length ||
+        if (copy.read(written, from) != length ||
             std::memcmp(original.data(), written.data(), length) != 0) {
             throw Difference("contents differ in the copy");
         }

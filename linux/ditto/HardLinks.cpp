@@ -15,8 +15,9 @@ EntryIdentity identityOf(const Status& status) {
 } // namespace
 
 bool LinkMaker::link(const Entry& entry) {
+    if (entry.status.links < 2) return false;
     const auto found = files_.find(identityOf(entry.status));
-    if (entry.status.links < 2 || found == files_.end()) return false;
+    if (found == files_.end()) return false;
 
     // A path of any length is walked in pieces that the kernel takes.
     FileDescriptor piece;
@@ -49,9 +50,11 @@ bool LinkChecker::check(const Entry& entry, const Status& copy) {
         if (copy.links != 1) throw Difference("has links in the copy that the original has not");
         return false;
     }
+    const std::lock_guard lock(mutex_);
     const auto [at, first] = files_.try_emplace(
         identityOf(entry.status), Seen{copy.inode, copy.links, 0, std::string(entry.path)});
     ++at->second.names;
+    if (entry.path < at->second.path) at->second.path = entry.path;
     if (at->second.copyInode != copy.inode) throw Difference("is not linked in the copy");
     return !first;
 }

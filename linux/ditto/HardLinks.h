@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <map>
+#include <mutex>
 #include <string>
 #include <utility>
 
@@ -11,7 +12,8 @@
 using EntryIdentity = std::pair<dev_t, std::uint64_t>;
 
 /// Copies files with several names once and links the further names. Only files whose link count
-/// is above one are remembered, and only until their last name was seen.
+/// is above one are remembered, and only until their last name was seen. For such files, `link` and
+/// what follows up to `copied` is for one thread at a time; for others both do nothing.
 class LinkMaker {
 public:
     /// `destination` is the root of the copy, borrowed.
@@ -33,7 +35,8 @@ private:
     std::map<EntryIdentity, Copied> files_; ///< by the original
 };
 
-/// Looks whether the copies are linked to each other exactly as the originals are.
+/// Looks whether the copies are linked to each other exactly as the originals are. `check` may be
+/// called by several threads.
 class LinkChecker {
 public:
     /// To be called for each entry that is no directory; `copy` is the status of its copy. True
@@ -48,7 +51,8 @@ private:
         std::uint64_t copyInode;
         std::uint64_t copyLinks;
         std::uint64_t names;
-        std::string path; ///< of the first name, for the message
+        std::string path; ///< the least, for the message
     };
+    std::mutex mutex_;
     std::map<EntryIdentity, Seen> files_; ///< by the original
 };

@@ -6,6 +6,7 @@ constexpr gid_t unchangedGroup = static_cast<gid_t>(-1);
 } // namespace
 
 void Ownership::apply(const Node& copy, const Status& original, const Status& now) {
+    const std::lock_guard lock(mutex_);
     if (now.owner != original.owner && !refusedOwners_.contains(original.owner) &&
         !copy.setOwner(original.owner, unchangedGroup)) {
         refusedOwners_.insert(original.owner);

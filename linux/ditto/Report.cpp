@@ -69,6 +69,7 @@ void Report::problem(std::string_view path, std::string_view text) {
 }
 
 void Report::note(std::string_view path, std::string_view text) {
+    const std::lock_guard lock(writing_);
     out_ << "ditto: " << printable(path) << ": " << text << '\n';
 }
 

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
+#include <mutex>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -8,6 +10,7 @@
 /// The messages of one run, a line each, in the form "ditto: PATH: TEXT".
 ///
 /// Only the first `printedProblems` problems are printed; `finish` tells how many more there were.
+/// Several threads may report.
 class Report {
 public:
     static constexpr std::size_t printedProblems = 20;
@@ -24,7 +27,8 @@ public:
 
 private:
     std::ostream& out_;
-    std::size_t problems_ = 0;
+    std::mutex writing_;
+    std::atomic<std::size_t> problems_ = 0;
 };
 
 /// `name` fit for one line on a terminal: control and direction characters, bytes that are no

@@ -51,7 +51,9 @@ private:
 } // namespace
 
 void SourceRecord::add(std::uint64_t pathHash, const Status& status) {
-    entries_.emplace_back(pathHash, digestOf(status));
+    const std::uint64_t digest = digestOf(status);
+    const std::lock_guard lock(adding_);
+    entries_.emplace_back(pathHash, digest);
 }
 
 void SourceRecord::finish() {

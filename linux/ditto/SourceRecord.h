@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 /// change. The time of last access changes by reading.
 class SourceRecord {
 public:
+    /// May be called by several threads.
     void add(std::uint64_t pathHash, const Status& status);
     /// To be called once, after the last `add` and before the first `check`.
     void finish();
@@ -25,6 +27,7 @@ public:
 
 private:
     using Kept = std::pair<std::uint64_t, std::uint64_t>; ///< path hash and digest
+    std::mutex adding_;
     std::vector<Kept> entries_;
 };
 

@@ -1,6 +1,7 @@
 #include "linux/ditto/TreeComparer.h"
 
 #include "linux/ditto/DirectoryListing.h"
+#include "linux/ditto/FileContents.h"
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -60,6 +61,18 @@ void TreeComparer::reportExtras(const Entry& entry, std::vector<std::string> nam
 
 void TreeComparer::file(const Entry& entry) {
     expected_.record.check(entry);
+    try {
+        compare(entry);
+    } catch (const Difference&) {
+        // The source may have changed since the walk looked at it, and the copy be good.
+        const Status now = statusAt(Side::source, entry.source, entry.name);
+        expected_.record.check({entry.name, entry.path, entry.belowRoot, entry.pathHash, now,
+                                entry.source, entry.destination});
+        throw;
+    }
+}
+
+void TreeComparer::compare(const Entry& entry) {
     if (entry.status.isSocket()) return;
     const Status copy = statusOfCopy(entry);
     compareStatus(entry.status, copy);
@@ -76,7 +89,7 @@ void TreeComparer::compareRegular(const Entry& entry, const Status& copy) {
     // Advice only: where pages cannot be dropped, the copy is compared from memory.
     posix_fadvise(written.get(), 0, 0, POSIX_FADV_DONTNEED);
     compareAttributes(Node(Side::source, source.get()), Node(Side::destination, written.get()));
-    contents_.compare(source.get(), written.get(), entry.status);
+    FileContents::ofThisThread().compare(source.get(), written.get(), entry.status);
 }
 
 void TreeComparer::compareNamed(const Entry& entry, const Status& copy) {

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "linux/ditto/Attributes.h"
-#include "linux/ditto/FileContents.h"
 #include "linux/ditto/HardLinks.h"
 #include "linux/ditto/Ownership.h"
 #include "linux/ditto/SourceRecord.h"
 #include "linux/ditto/TreeWalk.h"
 
+#include <atomic>
 #include <set>
 #include <string>
 
@@ -38,6 +38,7 @@ public:
     bool wroteCopy() const noexcept { return wroteCopy_; }
 
 private:
+    void compare(const Entry& entry);
     void compareRegular(const Entry& entry, const Status& copy);
     void compareNamed(const Entry& entry, const Status& copy);
     void compareStatus(const Status& original, const Status& copy) const;
@@ -46,7 +47,6 @@ private:
 
     Expectations expected_;
     Report& report_;
-    FileContents contents_;
     LinkChecker links_;
-    bool wroteCopy_ = false;
+    std::atomic<bool> wroteCopy_ = false;
 };

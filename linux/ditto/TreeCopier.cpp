@@ -1,5 +1,7 @@
 #include "linux/ditto/TreeCopier.h"
 
+#include "linux/ditto/FileContents.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -48,6 +50,8 @@ void TreeCopier::leave(const Entry& entry) {
 }
 
 void TreeCopier::file(const Entry& entry) {
+    std::unique_lock linking(linking_, std::defer_lock);
+    if (entry.status.links > 1) linking.lock();
     if (entry.status.isSocket()) {
         // It belongs to a process, not to the user's data: a new one would lead nowhere.
         report_.note(entry.path, "is a socket and was not copied");
@@ -69,7 +73,7 @@ void TreeCopier::copyRegular(const Entry& entry) {
     // only be set on a file that its owner may write.
     const mode_t needed = attributes.empty() ? 0 : S_IWUSR;
     FileDescriptor copy = createCopy(entry, (original.mode & 0777) | needed);
-    contents_.copy(source.get(), copy.get(), original);
+    FileContents::ofThisThread().copy(source.get(), copy.get(), original);
     applyMetadata(Node(Side::destination, copy.get()), attributes, original);
     if (!copy.close()) fail(Side::destination, "cannot be written");
 }

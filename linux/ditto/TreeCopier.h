@@ -1,11 +1,12 @@
 #pragma once
 
 #include "linux/ditto/Attributes.h"
-#include "linux/ditto/FileContents.h"
 #include "linux/ditto/HardLinks.h"
 #include "linux/ditto/Ownership.h"
 #include "linux/ditto/SourceRecord.h"
 #include "linux/ditto/TreeWalk.h"
+
+#include <mutex>
 
 /// Makes the copy: every entry of the source is created in the destination, where nothing of that
 /// name may exist yet, and gets the original's metadata.
@@ -33,6 +34,6 @@ private:
     SourceRecord& record_;
     Ownership& ownership_;
     Report& report_;
-    FileContents contents_;
+    std::mutex linking_; ///< held while a file of several names is copied or linked
     LinkMaker links_;
 };

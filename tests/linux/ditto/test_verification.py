@@ -307,7 +307,7 @@ class ChangedWhileCopying(DittoTest):
         def change():
             os.rename(self.path("m/d"), self.path("elsewhere"))
 
-        result = self.ditto_stopped("pwrite64:when=1", change)
+        result = self.ditto_stopped("getdents64:when=1", change, only=self.path("m/" + deep))
         self.assertEqual(result.returncode, 1)
         self.assertIn(b"moved while it was being copied", result.stderr)
 
