@@ -1,10 +1,13 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
 #include <sys/types.h>
 #include <system_error>
 #include <vector>
@@ -61,6 +64,34 @@ std::optional<std::string> volumeName(const std::filesystem::path& path);
 /// inside it, a symbolic link to a folder. A trailing slash makes no difference. Throws
 /// `std::system_error` when the system does not tell what is mounted.
 bool isPackageOrVolumeRoot(const std::filesystem::path& path);
+
+/// Of the contents.
+timespec modificationTime(const struct stat& status) noexcept;
+/// Of the contents or of what is kept about them.
+timespec changeTime(const struct stat& status) noexcept;
+
+/// True when something is mounted on the open directory, be it of the file system above it.
+bool isMountRoot(int directory) noexcept;
+
+/// Tells of files whether somebody has them open for writing, or mapped, as far as the system lets
+/// us know: it says no of files it tells nothing about, as on some network drives. Looking disturbs
+/// nobody. May be used by one thread at a time.
+class WriterCheck {
+public:
+    /// Throws `std::system_error` when the system does not tell at all.
+    WriterCheck();
+    /// `file` is a regular file, opened for reading only.
+    bool isOpenForWriting(int file) const;
+
+private:
+    struct FileIdentity {
+        dev_t device;
+        ino_t inode;
+        auto operator<=>(const FileIdentity&) const = default;
+    };
+    /// As of the construction, in order; unused where the system can be asked file by file.
+    std::vector<FileIdentity> openForWriting_;
+};
 
 /// Returns when the file's or directory's data is on the disk. Throws `std::system_error`.
 void fullSync(int fd);

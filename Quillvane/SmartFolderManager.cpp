@@ -68,11 +68,14 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
             endBusy();
             recoveryKeyToShow_ = std::move(creation->result.recoveryKey);
             emit recoveryKeyToShowChanged();
-            setSuccessMessage(
+            QString message =
                 "Smart folder created:\n" +
                 QString::fromStdString(creation->result.container.filename().string()) +
                 "\n\nIt now looks like a folder: double-click, enter your password, and it opens "
-                "in place — then closes itself.");
+                "in place — then closes itself.";
+            const std::string& leftBehind = creation->result.leftBehind;
+            if (!leftBehind.empty()) message += "\n\n" + QString::fromStdString(leftBehind);
+            setSuccessMessage(message);
         });
 }
 

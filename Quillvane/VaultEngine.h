@@ -30,6 +30,9 @@ struct LockResult {
     Path container;
     /// Grouped Base32 text, to be shown to the user once.
     Secret recoveryKey;
+    /// A sentence about what stays in the folder because it came at the last moment and is not in
+    /// the item; empty when the folder is gone.
+    std::string leftBehind;
 };
 
 /// What opening an item yields; kept to close the volume later.
@@ -48,9 +51,10 @@ struct SmartMount {
 };
 
 /// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
-/// until the original begins to be deleted. Throws `VaultError`, `RecoveryError` (wrapFailed),
-/// `ProcessLaunchError`, `OperationCancelled`, and `std::system_error` when a key file cannot be
-/// written.
+/// until the original begins to be deleted. A folder that changes meanwhile is a failure
+/// (verificationFailed) and stays; so does one in which another program writes to a file. Throws
+/// `VaultError`, `RecoveryError` (wrapFailed), `ProcessLaunchError`, `OperationCancelled`, and
+/// `std::system_error` when a key file cannot be written.
 LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
                 Filesystem filesystem, const ProgressCallback& progress,
                 Cancellation* cancellation = nullptr);

@@ -4,10 +4,13 @@
 #include "DurableFile.h"
 #include "ErrorText.h"
 #include "Fatal.h"
+#include "FileDescriptor.h"
+#include "FolderExamination.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
 #include "OperationProgress.h"
 #include "Platform.h"
+#include "RecordedRemoval.h"
 #include "SecureRandom.h"
 #include "TreeRemoval.h"
 #include "VaultError.h"
@@ -15,6 +18,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <fcntl.h>
+#include <optional>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -22,6 +27,10 @@
 // the folder is deleted; the image takes its final name. The image always has a key file beside it
 // by the time the folder goes: under the working name first, under the final name before it gets
 // that name. So whatever ends the operation, the folder is there or its password opens the image.
+//
+// The folder's entries are recorded before they are copied and looked at once more before the first
+// is deleted: what looks the same at both moments is what was copied and compared in between. Then
+// each is deleted only if it still looks so. What came later stays, and the user is told.
 
 namespace VaultEngine {
 namespace {
@@ -75,7 +84,8 @@ public:
           passwordData_(passwordData(VaultKeys::imagePassphrase(vaultKey))),
           record_(std::move(record)), filesystem_(filesystem), progress_(progress, cancellation) {}
 
-    Path run() {
+    /// What stays of the folder, for the user.
+    std::string run() {
         checkFolder();
         const std::int64_t bytes = measure();
         createImage(bytes);
@@ -84,8 +94,9 @@ public:
         deleteOriginal();
         moveImage();
         progress_.report(1.0, "Done. Your folder is now protected.");
-        return target_;
+        return leftovers_.description();
     }
+    const Path& target() const noexcept { return target_; }
 
 private:
     void checkFolder() {
@@ -98,6 +109,15 @@ private:
         if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
         requireUsableName(target_);
         requireUsableName(KeyStore::path(target_));
+        holdFolder();
+    }
+
+    void holdFolder() {
+        try {
+            held_.emplace(folder_);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::createFailed(errorText(error));
+        }
     }
 
     /// Bytes in the folder, for which there is room on the volume as far as it tells.
@@ -109,6 +129,7 @@ private:
         const std::int64_t available = availableCapacity(parent_);
         if (available >= 1 && available < needed)
             throw VaultError::insufficientSpace(needed, available);
+        recorded_ = FolderExamination::record(*held_, progress_.cancellation());
         return bytes;
     }
 
@@ -126,6 +147,7 @@ private:
             removeImage();
             throw VaultError::createFailed(trimmed(result.stderrString()));
         }
+        madeImage_.reset(::open(image_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     }
 
     void fillImage(std::int64_t bytes) {
@@ -177,6 +199,7 @@ private:
             progress_.stopIfCancelled();
             syncImage();
             KeyStore::write(record_, image_);
+            takeLastLook();
             progress_.stopIfCancelled();
         } catch (...) {
             KeyStore::remove(image_);
@@ -193,10 +216,22 @@ private:
         }
     }
 
+    /// After this there is no way back.
+    void takeLastLook() {
+        FolderExamination::requireUnchanged(*held_, recorded_, progress_.cancellation());
+        struct stat made {};
+        struct stat found {};
+        if (::fstat(madeImage_.get(), &made) != 0 || ::lstat(image_.c_str(), &found) != 0 ||
+            made.st_dev != found.st_dev || made.st_ino != found.st_ino)
+            throw VaultError::verificationFailed("\"" + image_.filename().string() +
+                                                 "\" was exchanged for another file.");
+        if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
+    }
+
     void deleteOriginal() {
         progress_.report(0.93, "Deleting the original folder…");
         try {
-            TreeRemoval::remove(folder_);
+            leftovers_ = RecordedRemoval::remove(*held_, recorded_);
         } catch (const fs::filesystem_error&) {
             throw VaultError::deleteFailed(folder_.string(), image_.string());
         }
@@ -266,6 +301,10 @@ private:
     Path image_;
     Secret passwordData_;
     KeyMetadata record_;
+    std::optional<HeldFolder> held_;
+    FolderRecord recorded_;    ///< of the folder, as it was before it was copied
+    FileDescriptor madeImage_; ///< the image as it was made
+    RecordedRemoval::Leftovers leftovers_;
     Filesystem filesystem_;
     OperationProgress progress_;
 };
@@ -284,8 +323,9 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
         throw VaultError::sourceIsPackageOrHidden();
     LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
                             cancellation);
-    Path container = operation.run();
-    return {std::move(container), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup)};
+    std::string leftBehind = operation.run();
+    return {operation.target(), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup),
+            std::move(leftBehind)};
 }
 
 } // namespace VaultEngine
