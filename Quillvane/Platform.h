@@ -70,6 +70,10 @@ timespec modificationTime(const struct stat& status) noexcept;
 /// Of the contents or of what is kept about them.
 timespec changeTime(const struct stat& status) noexcept;
 
+/// Keeps the open image from being attached for writing as long as the descriptor is open; false
+/// when it is attached so already. Where the system does not tell, it is as if it were not.
+bool reserveImage(int image) noexcept;
+
 /// True when something is mounted on the open directory, be it of the file system above it.
 bool isMountRoot(int directory) noexcept;
 

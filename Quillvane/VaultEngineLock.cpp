@@ -4,8 +4,8 @@
 #include "DurableFile.h"
 #include "ErrorText.h"
 #include "Fatal.h"
-#include "FileDescriptor.h"
 #include "FolderExamination.h"
+#include "HeldFile.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
 #include "OperationProgress.h"
@@ -18,7 +18,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <fcntl.h>
 #include <optional>
 #include <sys/stat.h>
 #include <system_error>
@@ -147,7 +146,12 @@ private:
             removeImage();
             throw VaultError::createFailed(trimmed(result.stderrString()));
         }
-        madeImage_.reset(::open(image_.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        try {
+            madeImage_ = HeldFile(image_);
+        } catch (const fs::filesystem_error& error) {
+            removeImage();
+            throw VaultError::createFailed(errorText(error));
+        }
     }
 
     void fillImage(std::int64_t bytes) {
@@ -219,10 +223,7 @@ private:
     /// After this there is no way back.
     void takeLastLook() {
         FolderExamination::requireUnchanged(*held_, recorded_, progress_.cancellation());
-        struct stat made {};
-        struct stat found {};
-        if (::fstat(madeImage_.get(), &made) != 0 || ::lstat(image_.c_str(), &found) != 0 ||
-            made.st_dev != found.st_dev || made.st_ino != found.st_ino)
+        if (!madeImage_.isAt(image_))
             throw VaultError::verificationFailed("\"" + image_.filename().string() +
                                                  "\" was exchanged for another file.");
         if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
@@ -302,8 +303,8 @@ private:
     Secret passwordData_;
     KeyMetadata record_;
     std::optional<HeldFolder> held_;
-    FolderRecord recorded_;    ///< of the folder, as it was before it was copied
-    FileDescriptor madeImage_; ///< the image as it was made
+    FolderRecord recorded_; ///< of the folder, as it was before it was copied
+    HeldFile madeImage_;    ///< the image as it was made
     RecordedRemoval::Leftovers leftovers_;
     Filesystem filesystem_;
     OperationProgress progress_;

@@ -15,6 +15,14 @@ timespec changeTime(const struct stat& status) noexcept {
     return status.st_ctim;
 }
 
+bool reserveImage(int image) noexcept {
+    // The volume's server holds a lock for writing on all of its image.
+    struct flock range {};
+    range.l_type = F_RDLCK;
+    range.l_whence = SEEK_SET;
+    return ::fcntl(image, F_OFD_SETLK, &range) == 0 || (errno != EAGAIN && errno != EACCES);
+}
+
 bool isMountRoot(int directory) noexcept {
     struct statx status {};
     return ::statx(directory, "", AT_EMPTY_PATH, 0, &status) == 0 &&

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <libproc.h>
+#include <sys/file.h>
 #include <sys/proc_info.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -41,6 +42,10 @@ timespec modificationTime(const struct stat& status) noexcept {
 
 timespec changeTime(const struct stat& status) noexcept {
     return status.st_ctimespec;
+}
+
+bool reserveImage(int image) noexcept {
+    return ::flock(image, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 
 bool isMountRoot(int) noexcept {
