@@ -1,6 +1,8 @@
 #include "Quillvane/VaultKeys.h"
 #include "Quillvane/Base32.h"
+#include "Quillvane/Cancellation.h"
 #include "Quillvane/KeyStore.h"
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultEngine.h"
 #include "Quillvane/VaultError.h"
@@ -162,6 +164,20 @@ TEST_F(VaultKeysTest, StopsTheProgramAtImpossibleIterationCounts) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     rewrite([](KeyMetadata& metadata) { metadata.iterations = -1; });
     EXPECT_EXIT(VaultEngine::vaultKey(item, password("right")), testing::ExitedWithCode(134), "");
+}
+
+TEST_F(VaultKeysTest, AHostileIterationCountCanBeCancelled) {
+    rewrite([](KeyMetadata& metadata) { metadata.iterations = 4294967295; });
+    const std::string before = readFile(keyFile);
+    Cancellation cancellation;
+    cancellation.request();
+    EXPECT_THROW(VaultEngine::vaultKey(item, password("right"), &cancellation), OperationCancelled);
+    EXPECT_THROW(VaultEngine::passphrase(item, password("right"), &cancellation),
+                 OperationCancelled);
+    for (const Credential& current : {password("right"), recoveryKey(keyAsBase32)})
+        EXPECT_THROW(VaultEngine::changePassword(item, current, secret("new"), &cancellation),
+                     OperationCancelled);
+    EXPECT_EQ(readFile(keyFile), before);
 }
 
 TEST(RecoveryKey, IsReadInAnyCaseAndGrouping) {
