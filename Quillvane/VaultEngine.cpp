@@ -18,6 +18,16 @@ std::optional<KeyMetadata> keyRecord(const Path& container) {
     return text ? KeyMetadata::decode(*text) : std::nullopt;
 }
 
+/// A key file belongs to an image. Where there is nothing at all it may have come first.
+void requireImage(const Path& item) {
+    std::error_code error;
+    const auto entry = std::filesystem::symlink_status(item, error);
+    if (!std::filesystem::exists(entry)) return;
+    const auto status = std::filesystem::status(item, error);
+    if (!std::filesystem::exists(status)) throw VaultError::sourceMissing();
+    if (!std::filesystem::is_regular_file(status)) throw VaultError::notAQuillvane();
+}
+
 void requirePassword(const Secret& password) {
     if (password.empty()) throw VaultError::emptyPassword();
 }
@@ -76,6 +86,7 @@ void changePassword(const Path& container, const Credential& current, const Secr
                     const Cancellation* cancellation) {
     requirePassword(newPassword);
     const Path item = itemPath(container);
+    requireImage(item);
     const Secret key = vaultKey(item, current, cancellation);
     KeyStore::write(VaultKeys::seal(key, newPassword, cancellation), item);
 }

@@ -71,8 +71,9 @@ Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
 /// Seals the item's vault key again under `newPassword`. `cancellation` is honoured while the keys
-/// are derived. Throws `VaultError`, `RecoveryError`, `OperationCancelled`, and `std::system_error`
-/// when the key file cannot be written; the old one then stays whole.
+/// are derived. Throws `VaultError` (emptyPassword; notAQuillvane for what is no file;
+/// sourceMissing for a link to nothing), `RecoveryError`, `OperationCancelled`, and
+/// `std::system_error` when the key file cannot be written; the old one then stays whole.
 void changePassword(const Path& container, const Credential& current, const Secret& newPassword,
                     const Cancellation* cancellation = nullptr);
 

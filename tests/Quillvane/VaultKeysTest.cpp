@@ -235,6 +235,22 @@ TEST_F(VaultKeysTest, ARecoveryKeyIsTakenUnseenWhenThePasswordIsChanged) {
     EXPECT_EQ(KeyFileReader::vaultKey(readFile(keyFile), "new"), std::string(20, '\0'));
 }
 
+TEST_F(VaultKeysTest, WhatIsNoFileGetsNoKeyFile) {
+    KeyStore::remove(item);
+    fs::create_directory(item);
+    const auto change = [&] {
+        VaultEngine::changePassword(item, recoveryKey(keyAsBase32), secret("new"));
+    };
+    EXPECT_EQ(vaultError(change), VaultError::Case::notAQuillvane);
+    fs::remove(item);
+    fs::create_symlink("missing", item);
+    EXPECT_EQ(vaultError(change), VaultError::Case::sourceMissing);
+    EXPECT_FALSE(fs::exists(keyFile));
+    writeFile(folder / "missing", "image");
+    change();
+    EXPECT_TRUE(fs::exists(keyFile)) << "beside a link to an image";
+}
+
 TEST_F(VaultKeysTest, FailedChangesLeaveTheKeyFileUntouched) {
     const std::string before = readFile(keyFile);
     EXPECT_EQ(vaultError([&] { VaultEngine::changePassword(item, password(""), secret("")); }),
