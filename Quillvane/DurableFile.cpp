@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -135,13 +136,19 @@ private:
     bool inPlace_ = false;
 };
 
-/// What has a target's name before it is replaced. It is kept open, and so it is there as long as
-/// the object lives.
+/// What has a target's name before it is replaced, to be put back. It is not kept open: network
+/// drives would rename an open file out of the way first, and a crash could leave none.
 class Former {
 public:
-    explicit Former(const Path& target)
-        : fd_(::open(target.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
-          wasThere_(fd_ || errno != ENOENT) {}
+    explicit Former(const Path& target) {
+        const FileDescriptor fd(
+            ::open(target.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        wasThere_ = fd || errno != ENOENT;
+        struct stat status {};
+        if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+        mode_ = status.st_mode & 0777;
+        contents_ = readAll(fd);
+    }
 
     /// Gives the target its contents again. What was no file, or could not be read, is gone.
     void putBack(const Path& target) const {
@@ -149,29 +156,30 @@ public:
             if (::unlink(target.c_str()) != 0) fail("cannot remove", target);
             return;
         }
-        struct stat status {};
-        if (!fd_ || ::fstat(fd_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+        if (!contents_) return;
         Temporary file(directoryOf(target));
-        copyTo(file, target);
+        file.write(*contents_);
         // Synced like any other: the new contents are, and only as much may take their place.
-        file.takePlaceOf(target, status.st_mode & 0777);
+        file.takePlaceOf(target, mode_);
     }
 
 private:
-    void copyTo(Temporary& file, const Path& target) const {
+    static std::optional<std::string> readAll(const FileDescriptor& fd) {
+        std::string all;
         std::array<char, 1 << 16> piece{};
         while (true) {
-            const ssize_t got = ::read(fd_.get(), piece.data(), piece.size());
-            if (got == 0) return;
+            const ssize_t got = ::read(fd.get(), piece.data(), piece.size());
+            if (got == 0) return all;
             if (got > 0)
-                file.write({piece.data(), static_cast<std::size_t>(got)});
+                all.append(piece.data(), static_cast<std::size_t>(got));
             else if (errno != EINTR)
-                fail("cannot read", target);
+                return std::nullopt;
         }
     }
 
-    FileDescriptor fd_;
-    bool wasThere_;
+    bool wasThere_ = false;
+    mode_t mode_ = 0;
+    std::optional<std::string> contents_;
 };
 
 /// Best effort: the error that made it necessary is the one to tell.

@@ -10,8 +10,9 @@ namespace DurableFile {
 
 /// Replaces `target` whole: readers, and a crash, see the old contents or the new. On failure the
 /// old file has its contents and mode, or there is none if there was none, and nothing is left
-/// beside it. Only when the disk refuses even that, after it took the new file, does the new one
-/// stay.
+/// beside it. Only when the disk refuses even that, after it took the new file, or when the old one
+/// was a link or could not be read, does the new one stay. The old contents are held in memory
+/// meanwhile: for small files.
 void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
 /// Removes a file; done as well when it is not there.
 void remove(const std::filesystem::path& file);

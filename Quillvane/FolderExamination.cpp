@@ -2,6 +2,7 @@
 
 #include "OperationCancelled.h"
 #include "Platform.h"
+#include "PrintableText.h"
 #include "TreeWalk.h"
 #include "VaultEngine.h"
 #include "VaultError.h"
@@ -17,7 +18,7 @@ namespace fs = std::filesystem;
 constexpr const char* whileProtecting = " while the folder was being protected.";
 
 std::string inQuotes(const fs::path& path) {
-    return "\"" + path.string() + "\"";
+    return "\"" + printable(path.string()) + "\"";
 }
 
 /// Visits every entry once and makes sure that nobody is writing to a file.
@@ -34,21 +35,21 @@ protected:
                                                  whileProtecting);
         }
     }
-    virtual void entry(std::uint64_t hash, const fs::path& path, const struct stat& status) = 0;
+    virtual void entry(const std::string& name, const struct stat& status) = 0;
 
 private:
     void file(int directory, const std::string& name, const struct stat& status) final {
         stopIfCancelled();
         if (depth() == 0 && VaultEngine::systemVolumeItems().contains(name)) return;
-        entry(pathHash(name), pathOf(name), status);
+        entry(name, status);
         if (S_ISREG(status.st_mode)) requireNoWriter(directory, name);
     }
     void enter(int, const std::string& name, const struct stat& status) final {
         stopIfCancelled();
-        if (depth() < 0 && !folder_.is(status))
+        if (depth() >= 0) return entry(name, status);
+        if (!folder_.is(status))
             throw VaultError::verificationFailed(
                 inQuotes(name) + " was exchanged for another folder" + whileProtecting);
-        entry(pathHash(name), pathOf(name), status);
     }
     void failed(const std::string&, int) final {}
 
@@ -79,8 +80,8 @@ public:
     }
 
 private:
-    void entry(std::uint64_t hash, const fs::path&, const struct stat& status) override {
-        record_.add(hash, status);
+    void entry(const std::string& name, const struct stat& status) override {
+        record_.add(pathHash(name), status);
     }
 
     FolderRecord record_;
@@ -99,15 +100,17 @@ public:
     }
 
 private:
-    void entry(std::uint64_t hash, const fs::path& path, const struct stat& status) override {
+    void entry(const std::string& name, const struct stat& status) override {
         ++seen_;
-        switch (record_.verdict(hash, status)) {
+        switch (record_.verdict(pathHash(name), status)) {
         case FolderRecord::Verdict::asRecorded:
             return;
         case FolderRecord::Verdict::changed:
-            throw VaultError::verificationFailed(inQuotes(path) + " changed" + whileProtecting);
+            throw VaultError::verificationFailed(inQuotes(pathOf(name)) + " changed" +
+                                                 whileProtecting);
         case FolderRecord::Verdict::unknown:
-            throw VaultError::verificationFailed(inQuotes(path) + " appeared" + whileProtecting);
+            throw VaultError::verificationFailed(inQuotes(pathOf(name)) + " appeared" +
+                                                 whileProtecting);
         }
     }
 

@@ -6,10 +6,11 @@
 
 /// Makes sure that a folder does not change between two moments.
 ///
-/// Entries at the top with names that systems give to files of their own (`systemVolumeItems`) are
-/// left out: they may change at any time. What cannot be read is left out, too; it cannot be copied
-/// either. Both functions throw `VaultError` (verificationFailed) with the reason for the user,
-/// also when a file is open for writing in another program, and `OperationCancelled`.
+/// Files at the top with names that systems give to their own (`systemVolumeItems`) are left out:
+/// they may come and change at any time. So are the folder's own times. What cannot be read is left
+/// out, too; it cannot be copied either. Both functions throw `VaultError` (verificationFailed)
+/// with the reason for the user, also when a file is open for writing in another program, and
+/// `OperationCancelled`.
 namespace FolderExamination {
 
 /// What the folder's entries look like now. `cancellation` may be null.

@@ -5,6 +5,7 @@
 #include "OperationCancelled.h"
 
 #include <openssl/core_names.h>
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <openssl/params.h>
 
@@ -35,6 +36,9 @@ void require(bool succeeded) {
 class KeyedHash {
 public:
     explicit KeyedHash(std::span<const std::uint8_t> key) {
+        // Before 3.0.3, beginning the next text did nothing: the hashes were wrong.
+        constexpr unsigned long firstSound = 0x30000030;
+        require(OpenSSL_version_num() >= firstSound);
         const std::unique_ptr<EVP_MAC, Release> mac(EVP_MAC_fetch(nullptr, "HMAC", nullptr));
         require(mac != nullptr);
         context_.reset(EVP_MAC_CTX_new(mac.get()));

@@ -74,12 +74,17 @@ timespec changeTime(const struct stat& status) noexcept;
 /// when it is attached so already. Where the system does not tell, it is as if it were not.
 bool reserveImage(int image) noexcept;
 
+/// True when the file system of the open file or directory is the kernel's own, on this computer's
+/// disks: neither a network drive nor one in user space.
+bool isLocal(int fd) noexcept;
+
 /// True when something is mounted on the open directory, be it of the file system above it.
 bool isMountRoot(int directory) noexcept;
 
-/// Tells of files whether somebody has them open for writing, or mapped, as far as the system lets
-/// us know: it says no of files it tells nothing about, as on some network drives. Looking disturbs
-/// nobody. May be used by one thread at a time.
+/// Tells of files whether somebody has them open for writing, as far as the system lets us know: it
+/// says no of files it tells nothing about, as on network drives. On Linux it sees mapped files,
+/// too, and a program that opens the file in that very moment and will not wait is refused once; on
+/// macOS it sees the state at its construction. May be used by one thread at a time.
 class WriterCheck {
 public:
     /// Throws `std::system_error` when the system does not tell at all.

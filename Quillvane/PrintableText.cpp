@@ -30,8 +30,9 @@ Character firstCharacter(std::string_view text) {
 
 /// Characters that could move the cursor, colour the terminal or reverse the text after them.
 bool isUnprintable(std::uint32_t code) {
-    return code < 0x20 || (code >= 0x7f && code < 0xa0) || (code >= 0x200e && code <= 0x200f) ||
-           (code >= 0x2028 && code <= 0x202e) || (code >= 0x2066 && code <= 0x2069);
+    return code < 0x20 || (code >= 0x7f && code < 0xa0) || code == 0x61c ||
+           (code >= 0x200e && code <= 0x200f) || (code >= 0x2028 && code <= 0x202e) ||
+           (code >= 0x2066 && code <= 0x2069);
 }
 
 void appendByte(std::string& out, char byte) {

@@ -1,10 +1,12 @@
 #include "RecordedRemoval.h"
 
 #include "Platform.h"
+#include "PrintableText.h"
 #include "TreeWalk.h"
 #include "VaultEngine.h"
 
 #include <cerrno>
+#include <exception>
 #include <fcntl.h>
 #include <system_error>
 
@@ -15,32 +17,42 @@ using Verdict = FolderRecord::Verdict;
 
 class Removal final : public TreeWalk {
 public:
-    Removal(const HeldFolder& folder, const FolderRecord& record)
-        : folder_(folder), record_(record) {}
+    Removal(const HeldFolder& folder, const FolderRecord& record, Leftovers& leftovers)
+        : folder_(folder), record_(record), leftovers_(leftovers),
+          // Elsewhere a file that was open just before is not deleted but renamed.
+          looksForWriters_(Platform::isLocal(folder.parent())) {}
 
-    Leftovers run() {
+    void run() {
         struct stat status {};
         const std::string& name = folder_.name();
         // A folder that is gone may have been renamed, and be somewhere in the clear.
         if (::fstatat(folder_.parent(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
             throwFailure(name, errno);
-        if (folder_.is(status))
+        try {
             walk(folder_.parent(), name);
-        else
+        } catch (const Exchanged&) {
             keep(name);
-        return std::move(leftovers_);
+        }
     }
 
 private:
+    /// Another folder is in the place of the one to be deleted.
+    class Exchanged : public std::exception {};
+
     void file(int directory, const std::string& name, const struct stat& status) override {
         const bool ofSystem = depth() == 0 && VaultEngine::systemVolumeItems().contains(name);
         if (!ofSystem && !isStillAsRecorded(directory, name, status)) return keep(name);
-        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) failed(name, errno);
+        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT)
+            throwFailure(name, errno);
     }
 
     void enter(int directory, const std::string& name, const struct stat& status) override {
-        if (!isRecorded(name, status)) {
-            if (depth() < 0) throwFailure(name, ESTALE);
+        const auto level = static_cast<std::size_t>(depth() + 1);
+        keptBefore_.resize(level + 1);
+        keptBefore_[level] = leftovers_.count;
+        entersRecorded_ = isRecorded(name, status);
+        if (!entersRecorded_) {
+            if (level == 0) throw Exchanged();
             return;
         }
         const mode_t mode = status.st_mode & 07777;
@@ -55,20 +67,16 @@ private:
         const bool there = ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0;
         if (there && !isRecorded(name, status)) return keep(name);
         if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
-        if (errno != ENOTEMPTY && errno != EEXIST) failed(name, errno);
-        if (leftovers_.count == 0) keep(name); // something came after the directory was listed
+        if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name, errno);
+        // Unless what is in it was kept, something came after the directory was listed.
+        if (leftovers_.count == keptBefore_[static_cast<std::size_t>(depth() + 1)]) keep(name);
     }
 
     void failed(const std::string& name, int errorNumber) override {
-        switch (errorNumber) {
-        case ENOENT:
-            return;
-        case EXDEV:  // mounted meanwhile
-        case ESTALE: // exchanged meanwhile
-            return keep(name);
-        default:
-            throwFailure(name, errorNumber);
-        }
+        if (errorNumber == ENOENT) return;
+        // Mounted or exchanged meanwhile, or a folder that came meanwhile and is closed to us.
+        if (errorNumber == EXDEV || errorNumber == ESTALE || !entersRecorded_) return keep(name);
+        throwFailure(name, errorNumber);
     }
 
     [[noreturn]] void throwFailure(const std::string& name, int errorNumber) const {
@@ -83,7 +91,7 @@ private:
 
     bool isStillAsRecorded(int directory, const std::string& name, struct stat status) const {
         if (!isRecorded(name, status)) return false;
-        if (!S_ISREG(status.st_mode)) return true;
+        if (!S_ISREG(status.st_mode) || !looksForWriters_) return true;
         const FileDescriptor opened(::openat(
             directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
         if (!opened) return errno == ENOENT; // gone meanwhile: nothing to keep
@@ -98,8 +106,11 @@ private:
 
     const HeldFolder& folder_;
     const FolderRecord& record_;
+    Leftovers& leftovers_;
+    bool looksForWriters_;
+    bool entersRecorded_ = true;          ///< the directory that is being entered, or was last
+    std::vector<std::size_t> keptBefore_; ///< by depth, how much was kept before a directory
     Platform::WriterCheck writers_;
-    Leftovers leftovers_;
 };
 
 } // namespace
@@ -107,14 +118,15 @@ private:
 std::string Leftovers::description() const {
     if (count == 0) return {};
     std::string names;
-    for (const std::string& name : first) names += (names.empty() ? "\"" : ", \"") + name + "\"";
+    for (const std::string& name : first)
+        names += (names.empty() ? "\"" : ", \"") + printable(name) + "\"";
     if (count > first.size()) names += " and " + std::to_string(count - first.size()) + " more";
     return "Not deleted, because it was added or changed at the last moment: " + names +
-           ". It is not in the protected item.";
+           ". The protected item may lack its last changes.";
 }
 
-Leftovers remove(const HeldFolder& folder, const FolderRecord& record) {
-    return Removal(folder, record).run();
+void remove(const HeldFolder& folder, const FolderRecord& record, Leftovers& leftovers) {
+    Removal(folder, record, leftovers).run();
 }
 
 } // namespace RecordedRemoval

@@ -23,10 +23,11 @@ struct Leftovers {
 };
 
 /// Deletes the folder entry by entry, each only if it is as recorded at that moment and nobody has
-/// it open for writing; entries at the top with names that systems give to files of their own go in
-/// any case. Follows no link and enters nothing that is mounted inside. Makes folders of the user
-/// writable where it must. Throws `std::filesystem::filesystem_error` with the path of what the
-/// system did not let go; what came before is gone then.
-Leftovers remove(const HeldFolder& folder, const FolderRecord& record);
+/// it open for writing; files at the top with names that systems give to their own go in any case.
+/// Follows no link and enters nothing that is mounted inside. Makes folders of the user writable
+/// where it must. What stays is added to `leftovers`, also when it throws
+/// `std::filesystem::filesystem_error` with the path of what the system did not let go, or
+/// `std::system_error`; what came before is gone then.
+void remove(const HeldFolder& folder, const FolderRecord& record, Leftovers& leftovers);
 
 } // namespace RecordedRemoval

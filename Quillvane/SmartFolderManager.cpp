@@ -70,11 +70,14 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
             emit recoveryKeyToShowChanged();
             QString message =
                 "Smart folder created:\n" +
-                QString::fromStdString(creation->result.container.filename().string()) +
-                "\n\nIt now looks like a folder: double-click, enter your password, and it opens "
-                "in place — then closes itself.";
+                QString::fromStdString(creation->result.container.filename().string()) + "\n\n";
             const std::string& leftBehind = creation->result.leftBehind;
-            if (!leftBehind.empty()) message += "\n\n" + QString::fromStdString(leftBehind);
+            if (leftBehind.empty())
+                message += "It now looks like a folder: double-click, enter your password, and it "
+                           "opens in place — then closes itself.";
+            else
+                message += QString::fromStdString(leftBehind) +
+                           "\nMove it elsewhere, then the smart folder can be opened in place.";
             setSuccessMessage(message);
         });
 }

@@ -232,9 +232,10 @@ private:
     void deleteOriginal() {
         progress_.report(0.93, "Deleting the original folder…");
         try {
-            leftovers_ = RecordedRemoval::remove(*held_, recorded_);
-        } catch (const fs::filesystem_error&) {
-            throw VaultError::deleteFailed(folder_.string(), image_.string());
+            RecordedRemoval::remove(*held_, recorded_, leftovers_);
+        } catch (const std::system_error&) {
+            throw VaultError::deleteFailed(folder_.string(), image_.string(),
+                                           leftovers_.description());
         }
     }
 

@@ -137,17 +137,25 @@ private:
 
     void deleteItem() {
         progress_.report(0.95, "Deleting the encrypted item…");
-        // A newer version may have been put there, by a program that keeps computers in step.
-        if (fs::exists(item_) && !held_.isAt(item_))
-            throw VaultError::deleteFailed(item_.string(), "It was exchanged for another file.");
-        if (!Platform::reserveImage(held_.fd()))
-            throw VaultError::deleteFailed(item_.string(), "It was opened again.");
+        requireSameItem();
         try {
             TreeRemoval::remove(item_);
         } catch (const fs::filesystem_error& error) {
             throw VaultError::deleteFailed(item_.string(), errorText(error));
         }
         removeKeyFile();
+    }
+
+    /// What came meanwhile is not in the folder, and nobody may be told to delete it.
+    void requireSameItem() {
+        const std::string name = "\"" + item_.filename().string() + "\"";
+        // A program that keeps computers in step may have put a newer one there.
+        if (fs::exists(item_) && !held_.isAt(item_))
+            throw VaultError::extractFailed(name + " was exchanged for another file meanwhile. It "
+                                                   "stays, and so does the folder.");
+        if (!Platform::reserveImage(held_.fd()))
+            throw VaultError::extractFailed(
+                name + " was opened again meanwhile. It stays, and so does the folder.");
     }
 
     void removeKeyFile() {

@@ -40,10 +40,12 @@ VaultError VaultError::detachFailed(const std::string& detail) {
     return {Case::detachFailed, "Couldn't eject the volume.\n" + detail};
 }
 
-VaultError VaultError::deleteFailed(const std::string& original, const std::string& vault) {
+VaultError VaultError::deleteFailed(const std::string& original, const std::string& vault,
+                                    const std::string& leftBehind) {
     return {Case::deleteFailed, "Your data is safe in the vault (" + vault +
                                     "), but the original folder \"" + original +
-                                    "\" couldn't be deleted. Delete it manually."};
+                                    "\" couldn't be deleted. Delete it manually." +
+                                    (leftBehind.empty() ? "" : "\nBut first: " + leftBehind)};
 }
 
 VaultError VaultError::renameFailed(const std::string& detail) {

@@ -38,7 +38,9 @@ public:
     static VaultError copyFailed(const std::string& detail);
     static VaultError verificationFailed(const std::string& detail);
     static VaultError detachFailed(const std::string& detail);
-    static VaultError deleteFailed(const std::string& original, const std::string& vault);
+    /// `leftBehind` is what must not be deleted, a sentence; empty when there is nothing.
+    static VaultError deleteFailed(const std::string& original, const std::string& vault,
+                                   const std::string& leftBehind = {});
     static VaultError renameFailed(const std::string& detail);
     static VaultError targetFolderExists(const std::string& name);
     static VaultError extractFailed(const std::string& detail);

@@ -2,10 +2,31 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace Platform {
+namespace {
+
+/// True for network drives, whose servers refuse leases for reasons of their own.
+bool isRemote(int fd) noexcept {
+    struct statfs found {};
+    if (::fstatfs(fd, &found) != 0) return true;
+    switch (static_cast<std::uint32_t>(found.f_type)) {
+    case NFS_SUPER_MAGIC:
+    case SMB_SUPER_MAGIC:
+    case SMB2_SUPER_MAGIC:
+    case CIFS_SUPER_MAGIC:
+        return true;
+    default:
+        return false;
+    }
+}
+
+} // namespace
 
 timespec modificationTime(const struct stat& status) noexcept {
     return status.st_mtim;
@@ -23,6 +44,11 @@ bool reserveImage(int image) noexcept {
     return ::fcntl(image, F_OFD_SETLK, &range) == 0 || (errno != EAGAIN && errno != EACCES);
 }
 
+bool isLocal(int fd) noexcept {
+    struct statfs found {};
+    return ::fstatfs(fd, &found) == 0 && found.f_type != FUSE_SUPER_MAGIC && !isRemote(fd);
+}
+
 bool isMountRoot(int directory) noexcept {
     struct statx status {};
     return ::statx(directory, "", AT_EMPTY_PATH, 0, &status) == 0 &&
@@ -35,7 +61,7 @@ bool WriterCheck::isOpenForWriting(int file) const {
     // A read lease is refused while there is a writer. Whoever opens the file in the moment that we
     // hold one waits that long, and we get a signal: one that is ignored by default.
     if (::fcntl(file, F_SETSIG, SIGURG) != 0) return false;
-    if (::fcntl(file, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN;
+    if (::fcntl(file, F_SETLEASE, F_RDLCK) != 0) return errno == EAGAIN && !isRemote(file);
     ::fcntl(file, F_SETLEASE, F_UNLCK);
     return false;
 }

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <libproc.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/proc_info.h>
 #include <sys/stat.h>
 #include <system_error>
@@ -46,6 +47,11 @@ timespec changeTime(const struct stat& status) noexcept {
 
 bool reserveImage(int image) noexcept {
     return ::flock(image, LOCK_SH | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+bool isLocal(int fd) noexcept {
+    struct statfs found {};
+    return ::fstatfs(fd, &found) == 0 && (found.f_flags & MNT_LOCAL) != 0;
 }
 
 bool isMountRoot(int) noexcept {

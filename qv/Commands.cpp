@@ -65,6 +65,7 @@ void lock(const Arguments& arguments) {
             [&](const Progress& progress) { display.show(progress); },
             &Interruption::cancellation());
     }
+    if (!result.leftBehind.empty()) printMessage(result.leftBehind);
     try {
         printResult({result.container.native(), result.recoveryKey.text()});
     } catch (const std::system_error& error) {
@@ -73,7 +74,6 @@ void lock(const Arguments& arguments) {
                                  "one.\n" +
                                  errorText(error));
     }
-    if (!result.leftBehind.empty()) printMessage(result.leftBehind);
 }
 
 void open(const Arguments& arguments) {

@@ -97,8 +97,11 @@ public:
             const std::size_t units = (into.size() + unit - 1) / unit * unit;
             const ssize_t count = pread(fd_, into.data(), units, static_cast<off_t>(offset));
             if (count >= static_cast<ssize_t>(into.size())) return into.size();
+            // The cache must not hide that the disk has lost what was written.
+            if (count < 0 && errno != EINVAL && errno != EINTR)
+                fail(Side::destination, "cannot be read back");
         }
-        useCache(); // whatever went wrong either does so again, or was about reading directly
+        useCache(); // the end of the file, or a file system that takes such reading amiss
         return readFully(Side::destination, fd_, into, offset);
     }
 

@@ -10,7 +10,7 @@ namespace {
 
 constexpr mode_t whileIncomplete = 0700;
 
-/// Opens the original and makes sure that it is what was examined by name just before.
+/// Opens the original and makes sure that it is what was examined by name before.
 FileDescriptor openOriginal(const Entry& entry, Status& status) {
     // Without O_NONBLOCK, a FIFO put in the file's place would block for ever.
     FileDescriptor file = openToRead(Side::source, entry.source, entry.name, O_NONBLOCK);

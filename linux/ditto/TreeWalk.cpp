@@ -71,7 +71,7 @@ void TreeWalk::reportFailure(std::string_view path, const char* text, bool endsC
     const std::lock_guard lock(failing_);
     if (ended_) return;
     report_.problem(path, text);
-    ended_ = endsCopy;
+    if (endsCopy) ended_ = true;
 }
 
 void TreeWalk::step(const std::string& name) {

@@ -84,7 +84,7 @@ bool detachByServer(const MountEntry& volume, const Server& server, bool force) 
     try {
         connection = connectControl(server.address);
     } catch (const std::system_error&) {
-        return false; // another network namespace
+        return false; // another network namespace, or another user's server
     }
     if (!sendPacket(connection.get(), force ? requestDetachForce : requestDetach)) return false;
     const std::string reply = receivePacket(connection.get()).value_or("");

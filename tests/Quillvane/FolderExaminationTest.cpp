@@ -88,8 +88,13 @@ TEST_F(FolderExaminationTest, NoticesThatTheFolderIsGone) {
               "Something in \"Docs\" was removed or renamed while the folder was being protected.");
 }
 
-TEST_F(FolderExaminationTest, FilesOfTheSystemAtTheTopMayChange) {
-    writeFile(docs / ".DS_Store", "1");
+TEST_F(FolderExaminationTest, NoticesWhatComesAtTheTop) {
+    EXPECT_EQ(noticed([&] { writeFile(docs / "new\nname", ""); }),
+              "\"Docs/new\\nname\" appeared while the folder was being protected.");
+}
+
+TEST_F(FolderExaminationTest, FilesOfTheSystemAtTheTopMayComeAndChange) {
+    EXPECT_EQ(noticed([&] { writeFile(docs / ".DS_Store", "1"); }), "");
     EXPECT_EQ(noticed([&] { writeFile(docs / ".DS_Store", "22"); }), "");
     writeFile(docs / "a/.DS_Store", "1");
     EXPECT_EQ(noticed([&] { writeFile(docs / "a/.DS_Store", "22"); }),

@@ -31,7 +31,9 @@ protected:
         const HeldFolder held(docs);
         const FolderRecord record = FolderExamination::record(held, nullptr);
         change();
-        return RecordedRemoval::remove(held, record);
+        Leftovers leftovers;
+        RecordedRemoval::remove(held, record, leftovers);
+        return leftovers;
     }
 
     TemporaryFolder parent;
@@ -85,7 +87,7 @@ TEST_F(RecordedRemovalTest, KeepsAFileThatSomebodyWritesTo) {
     EXPECT_EQ(readFile(docs / "a/b/deep"), "deep");
     EXPECT_EQ(left.description(),
               "Not deleted, because it was added or changed at the last moment: "
-              "\"Docs/a/b/deep\". It is not in the protected item.");
+              "\"Docs/a/b/deep\". The protected item may lack its last changes.");
     ::close(writer);
 }
 
@@ -95,7 +97,8 @@ TEST_F(RecordedRemovalTest, NamesSomeAndCountsTheRest) {
             writeFile(docs / ("a/new " + std::to_string(number)), "");
     });
     EXPECT_EQ(left.first.size(), Leftovers::namedEntries);
-    EXPECT_TRUE(left.description().ends_with("\" and 2 more. It is not in the protected item."));
+    EXPECT_TRUE(left.description().ends_with(
+        "\" and 2 more. The protected item may lack its last changes."));
 }
 
 TEST_F(RecordedRemovalTest, KeepsAFolderInItsPlace) {
@@ -112,6 +115,39 @@ TEST_F(RecordedRemovalTest, AFolderThatIsGoneIsAFailure) {
     EXPECT_THROW(removeAfter([this] { fs::rename(docs, parent / "elsewhere"); }),
                  fs::filesystem_error);
     EXPECT_EQ(readFile(parent / "elsewhere/file"), "contents");
+}
+
+TEST_F(RecordedRemovalTest, AFolderThatCameAndIsClosedToUsStays) {
+    EXPECT_TRUE(asOrdinaryUser(parent.path(), [&] {
+        const fs::path own = parent / "own";
+        fs::create_directory(own);
+        writeFile(own / "file", "x");
+        const HeldFolder held(own);
+        const FolderRecord record = FolderExamination::record(held, nullptr);
+        fs::create_directory(own / "closed");
+        fs::permissions(own / "closed", fs::perms::none);
+        Leftovers leftovers;
+        RecordedRemoval::remove(held, record, leftovers);
+        return leftovers.first == std::vector<std::string>{"own/closed"} &&
+               !fs::exists(own / "file");
+    }));
+}
+
+TEST_F(RecordedRemovalTest, WhatWasKeptIsToldOfAFailureToo) {
+    EXPECT_TRUE(asOrdinaryUser(parent.path(), [&] {
+        const fs::path own = parent / "own";
+        fs::create_directories(own / "a");
+        writeFile(own / "a/file", "x");
+        const HeldFolder held(own);
+        const FolderRecord record = FolderExamination::record(held, nullptr);
+        writeFile(own / "new", "");
+        fs::remove(own / "a/file");
+        fs::permissions(parent.path(), fs::perms::owner_read | fs::perms::owner_exec);
+        Leftovers leftovers;
+        RecordedRemoval::remove(held, record, leftovers);
+        fs::permissions(parent.path(), fs::perms::owner_all);
+        return leftovers.first == std::vector<std::string>{"own/new"} && !fs::exists(own / "a");
+    }));
 }
 
 TEST_F(RecordedRemovalTest, EmptiesNothingThatIsMountedInside) {
@@ -141,7 +177,9 @@ TEST_F(RecordedRemovalTest, MakesFoldersWritable) {
         fs::permissions(own / "read only", fs::perms::owner_read | fs::perms::owner_exec);
         const HeldFolder held(own);
         const FolderRecord record = FolderExamination::record(held, nullptr);
-        return RecordedRemoval::remove(held, record).count == 0 && !fs::exists(own);
+        Leftovers leftovers;
+        RecordedRemoval::remove(held, record, leftovers);
+        return leftovers.count == 0 && !fs::exists(own);
     }));
 }
 
@@ -152,8 +190,9 @@ TEST_F(RecordedRemovalTest, TellsWhatTheSystemKeeps) {
         const HeldFolder held(own);
         const FolderRecord record = FolderExamination::record(held, nullptr);
         fs::permissions(parent.path(), fs::perms::owner_read | fs::perms::owner_exec);
+        Leftovers leftovers;
         try {
-            RecordedRemoval::remove(held, record);
+            RecordedRemoval::remove(held, record, leftovers);
         } catch (const fs::filesystem_error& error) {
             fs::permissions(parent.path(), fs::perms::owner_all);
             return error.path1() == "own" && error.code() == std::errc::permission_denied;

@@ -229,7 +229,10 @@ TEST_F(RemoveTest, ANewerItemPutInItsPlaceIsNotDeleted) {
         writeFile(parent / "newer", "newer image");
         fs::rename(parent / "newer", item);
     };
-    EXPECT_EQ(removeError().kind(), Case::deleteFailed);
+    EXPECT_EQ(removeError().errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\n"
+              "\"My Docs.quillvane\" was exchanged for another file meanwhile. It stays, and so "
+              "does the folder.");
     EXPECT_EQ(readFile(item), "newer image");
     EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
     EXPECT_EQ(readFile(docs / "file"), "contents");
@@ -243,7 +246,10 @@ TEST_F(RemoveTest, AnItemThatWasOpenedAgainIsNotDeleted) {
         range.l_type = F_WRLCK;
         ASSERT_EQ(::fcntl(server.get(), F_OFD_SETLK, &range), 0);
     };
-    EXPECT_EQ(removeError().kind(), Case::deleteFailed);
+    EXPECT_EQ(removeError().errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\n"
+              "\"My Docs.quillvane\" was opened again meanwhile. It stays, and so does the "
+              "folder.");
     EXPECT_EQ(readFile(item), "image");
     EXPECT_EQ(readFile(docs / "file"), "contents");
 }
