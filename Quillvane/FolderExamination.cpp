@@ -40,13 +40,13 @@ protected:
 private:
     void file(int directory, const std::string& name, const struct stat& status) final {
         stopIfCancelled();
-        if (depth() == 0 && VaultEngine::systemVolumeItems().contains(name)) return;
+        if (depth() == 1 && VaultEngine::systemVolumeItems().contains(name)) return;
         entry(name, status);
         if (S_ISREG(status.st_mode)) requireNoWriter(directory, name);
     }
     void enter(int, const std::string& name, const struct stat& status) final {
         stopIfCancelled();
-        if (depth() >= 0) return entry(name, status);
+        if (depth() > 0) return entry(name, status);
         if (!folder_.is(status))
             throw VaultError::verificationFailed(
                 inQuotes(name) + " was exchanged for another folder" + whileProtecting);

@@ -40,19 +40,18 @@ private:
     class Exchanged : public std::exception {};
 
     void file(int directory, const std::string& name, const struct stat& status) override {
-        const bool ofSystem = depth() == 0 && VaultEngine::systemVolumeItems().contains(name);
+        const bool ofSystem = depth() == 1 && VaultEngine::systemVolumeItems().contains(name);
         if (!ofSystem && !isStillAsRecorded(directory, name, status)) return keep(name);
         if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT)
             throwFailure(name, errno);
     }
 
     void enter(int directory, const std::string& name, const struct stat& status) override {
-        const auto level = static_cast<std::size_t>(depth() + 1);
-        keptBefore_.resize(level + 1);
-        keptBefore_[level] = leftovers_.count;
+        keptBefore_.resize(depth() + 1);
+        keptBefore_.back() = leftovers_.count;
         entersRecorded_ = isRecorded(name, status);
         if (!entersRecorded_) {
-            if (level == 0) throw Exchanged();
+            if (depth() == 0) throw Exchanged();
             return;
         }
         const mode_t mode = status.st_mode & 07777;
@@ -69,7 +68,7 @@ private:
         if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
         if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name, errno);
         // Unless what is in it was kept, something came after the directory was listed.
-        if (leftovers_.count == keptBefore_[static_cast<std::size_t>(depth() + 1)]) keep(name);
+        if (leftovers_.count == keptBefore_[depth()]) keep(name);
     }
 
     void failed(const std::string& name, int errorNumber) override {
@@ -85,7 +84,7 @@ private:
     }
 
     bool isRecorded(const std::string& name, const struct stat& status) const {
-        if (depth() < 0) return folder_.is(status);
+        if (depth() == 0) return folder_.is(status);
         return record_.verdictWhileDeleting(pathHash(name), status) == Verdict::asRecorded;
     }
 

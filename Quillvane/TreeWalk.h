@@ -47,8 +47,8 @@ protected:
     /// Stands for the path of an entry of the current directory below the root; the same in every
     /// walk.
     std::uint64_t pathHash(const std::string& name) const;
-    /// How many directories the current one lies below the root; -1 for the root's own calls.
-    int depth() const noexcept { return static_cast<int>(levels_.size()) - 1; }
+    /// 0 for the calls about the root itself, 1 for its entries, and so on.
+    std::size_t depth() const noexcept { return levels_.size(); }
 
 private:
     struct Level {

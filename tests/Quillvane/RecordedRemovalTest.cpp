@@ -136,17 +136,20 @@ TEST_F(RecordedRemovalTest, AFolderThatCameAndIsClosedToUsStays) {
 TEST_F(RecordedRemovalTest, WhatWasKeptIsToldOfAFailureToo) {
     EXPECT_TRUE(asOrdinaryUser(parent.path(), [&] {
         const fs::path own = parent / "own";
-        fs::create_directories(own / "a");
-        writeFile(own / "a/file", "x");
+        fs::create_directory(own);
+        writeFile(own / "file", "x");
         const HeldFolder held(own);
         const FolderRecord record = FolderExamination::record(held, nullptr);
         writeFile(own / "new", "");
-        fs::remove(own / "a/file");
         fs::permissions(parent.path(), fs::perms::owner_read | fs::perms::owner_exec);
         Leftovers leftovers;
-        RecordedRemoval::remove(held, record, leftovers);
-        fs::permissions(parent.path(), fs::perms::owner_all);
-        return leftovers.first == std::vector<std::string>{"own/new"} && !fs::exists(own / "a");
+        try {
+            RecordedRemoval::remove(held, record, leftovers);
+        } catch (const fs::filesystem_error&) {
+            fs::permissions(parent.path(), fs::perms::owner_all);
+            return leftovers.first == std::vector<std::string>{"own/new"};
+        }
+        return false;
     }));
 }
 
