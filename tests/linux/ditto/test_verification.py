@@ -200,6 +200,12 @@ class DamagedCopy(DittoTest):
         result = self.ditto_with_faults("pread64:error=EIO:when=1", only=self.copied("a"))
         self.assert_fails(result, "ditto: Docs/a: cannot be read back: Input/output error")
 
+    def test_read_back_of_a_large_file_that_fails_once(self):
+        # It is read past the cache, which must not stand in for the disk.
+        self.write("large", os.urandom(1 << 20))
+        result = self.ditto_with_faults("pread64:error=EIO:when=1", only=self.copied("large"))
+        self.assert_fails(result, "ditto: Docs/large: cannot be read back: Input/output error")
+
 
 class ChangedAfterCopying(DittoTest):
     def setUp(self):
