@@ -11,16 +11,20 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
+class OperationNote;
+
 /// The operations on protected items.
 ///
 /// All are synchronous, keep no state and may run on any thread; a window's would freeze. They fail
-/// with `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled` or
-/// `std::filesystem::filesystem_error`; each function says which.
+/// with `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled`,
+/// `InterruptedWorkError`, `OperationNoteError` or `std::filesystem::filesystem_error`; each
+/// function says which.
 namespace VaultEngine {
 
 using Path = std::filesystem::path;
@@ -30,7 +34,12 @@ struct LockResult {
     Path container;
     /// Grouped Base32 text, to be shown to the user once.
     Secret recoveryKey;
+    /// Tells later that the recovery key may not have been shown, unless `recoveryKeyShown` ends
+    /// it.
+    std::shared_ptr<OperationNote> note;
 };
+/// To be called when the user has seen the recovery key, or can see it now.
+void recoveryKeyShown(const LockResult& result) noexcept;
 
 /// What opening an item yields; kept to close the volume later.
 struct OpenResult {
@@ -48,9 +57,10 @@ struct SmartMount {
 };
 
 /// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
-/// until the original begins to be deleted. Throws `VaultError`, `RecoveryError` (wrapFailed),
-/// `ProcessLaunchError`, `OperationCancelled`, and `std::system_error` when a key file cannot be
-/// written.
+/// until the original begins to be deleted. What an interrupted attempt left is cleared away
+/// before; `InterruptedWorkError` when that had begun to delete the original. Throws `VaultError`,
+/// `RecoveryError` (wrapFailed), `ProcessLaunchError`, `OperationCancelled`, `OperationNoteError`
+/// with nothing changed, and `std::system_error` when a key file cannot be written.
 LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
                 Filesystem filesystem, const ProgressCallback& progress,
                 Cancellation* cancellation = nullptr);
@@ -61,8 +71,9 @@ OpenResult open(const Path& imageURL, const Credential& credential,
                 const ProgressCallback& progress);
 
 /// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
-/// is honoured until the item begins to be deleted. Throws what `open` throws, and
-/// `OperationCancelled`.
+/// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
+/// away before, or finished where only the item was left to delete. Throws what `open` throws,
+/// `OperationCancelled`, `InterruptedWorkError`, and `OperationNoteError` with nothing changed.
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 

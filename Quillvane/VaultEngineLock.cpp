@@ -4,8 +4,10 @@
 #include "DurableFile.h"
 #include "ErrorText.h"
 #include "Fatal.h"
+#include "InterruptedWork.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
+#include "OperationNote.h"
 #include "OperationProgress.h"
 #include "Platform.h"
 #include "SecureRandom.h"
@@ -15,6 +17,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -78,16 +81,35 @@ public:
     Path run() {
         checkFolder();
         const std::int64_t bytes = measure();
-        createImage(bytes);
-        fillImage(bytes);
-        secureImage();
-        deleteOriginal();
-        moveImage();
+        beginNote();
+        try {
+            createImage(bytes);
+            fillImage(bytes);
+            secureImage();
+            deleteOriginal();
+            moveImage();
+        } catch (...) {
+            InterruptedWork::settle(*note_);
+            throw;
+        }
         progress_.report(1.0, "Done. Your folder is now protected.");
         return target_;
     }
 
+    const std::shared_ptr<OperationNote>& note() const noexcept { return note_; }
+
 private:
+    void beginNote() {
+        progress_.stopIfCancelled();
+        OperationNote::Contents contents;
+        contents.operation = OperationNote::Operation::protect;
+        contents.directory = parent_;
+        contents.folder = folder_.filename();
+        contents.item = target_.filename();
+        contents.image = image_.filename();
+        note_ = std::make_shared<OperationNote>(OperationNote::begin(std::move(contents)));
+    }
+
     void checkFolder() {
         progress_.stopIfCancelled();
         progress_.report(0.02, "Checking the folder…");
@@ -178,11 +200,20 @@ private:
             syncImage();
             KeyStore::write(record_, image_);
             progress_.stopIfCancelled();
+            noteDeletion();
         } catch (...) {
             KeyStore::remove(image_);
             removeImage();
             throw;
         }
+    }
+
+    /// From here on the folder is no longer taken for whole.
+    void noteDeletion() {
+        struct stat image {};
+        if (::lstat(image_.c_str(), &image) != 0)
+            throw VaultError::copyFailed(systemErrorText(errno));
+        note_->reach(OperationNote::Step::deleting, image.st_ino);
     }
 
     void syncImage() {
@@ -216,6 +247,15 @@ private:
         }
         if (!hasKeyFile) writeKeyFile();
         removeWorkingKeyFile();
+        noteEnd();
+    }
+
+    void noteEnd() {
+        try {
+            note_->reach(OperationNote::Step::done);
+        } catch (const fs::filesystem_error&) {
+            return; // the item, with the inode that was noted, says the same
+        }
     }
 
     /// So that the image is never without a key file under its new name. What goes wrong here is
@@ -267,6 +307,7 @@ private:
     Secret passwordData_;
     KeyMetadata record_;
     Filesystem filesystem_;
+    std::shared_ptr<OperationNote> note_;
     OperationProgress progress_;
 };
 
@@ -282,10 +323,16 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
     const Path folder = itemPath(folderURL);
     if (folder == folder.root_path() || Platform::isPackageOrVolumeRoot(folder))
         throw VaultError::sourceIsPackageOrHidden();
+    InterruptedWork::makeWayToProtect(folder);
     LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
                             cancellation);
     Path container = operation.run();
-    return {std::move(container), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup)};
+    return {std::move(container), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup),
+            operation.note()};
+}
+
+void recoveryKeyShown(const LockResult& result) noexcept {
+    if (result.note) result.note->remove();
 }
 
 } // namespace VaultEngine

@@ -17,6 +17,7 @@ CONTENT = "content that must not be seen by anybody"
 MADE = re.compile(r'open(?:at)?\((?:AT_FDCWD<[^>]*>, |\d+<([^>]*)>, )?"([^"]*)", '
                   r"[^)]*(?:O_CREAT|__O_TMPFILE)[^)]*\) = \d")
 IMAGE = r"\.Quillvane-[-0-9A-F]{36}\.sparseimage"
+NOTE = r"\.local/state/quillvane/operations/[0-9a-f]{32}\.note"
 KEY_FILE = r"\.quillvane-[0-9a-f]{16}\.tmp"  # takes its name when it is whole
 
 
@@ -45,7 +46,8 @@ class FilesMadeTest(items.ItemCase):
     def assertOnlyMade(self, made, *patterns):
         """Every file was made in `work` under such a name, or by the tools among themselves."""
         places = [f"{re.escape(str(self.work))}/{pattern}" for pattern in patterns]
-        places += [f"{re.escape(str(self.runtime))}/quillvane/.*", "/dev/null"]
+        places += [f"{re.escape(str(self.home))}/{NOTE}",
+                   f"{re.escape(str(self.runtime))}/quillvane/.*", "/dev/null"]
         self.assertEqual([], [path for path in made
                               if not any(re.fullmatch(place, path) for place in places)])
 

@@ -87,7 +87,8 @@ class Case(unittest.TestCase):
         self.work.mkdir()
         self.environment = {
             name: value for name, value in os.environ.items()
-            if name not in ("DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS")
+            if name not in ("DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS",
+                            "XDG_STATE_HOME")
         }
         self.environment |= {
             "HOME": str(self.home), "XDG_RUNTIME_DIR": str(self.runtime), "LC_ALL": "C.UTF-8",
