@@ -221,7 +221,7 @@ private:
         throw InterruptedWorkError(
             inQuotes(contents_.folder) +
             " holds what is not so in the encrypted copy: " + namesOf(differences) +
-            (contents_.step(Step::deleting)
+            (note_.contents().step(Step::deleting)
                  ? ". Move it to another folder, then finish."
                  : ". Undo this, which keeps the folder, and protect it again."));
     }
