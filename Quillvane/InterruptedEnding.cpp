@@ -170,7 +170,7 @@ private:
         constexpr std::chrono::milliseconds pause{50};
         constexpr int mostPauses = 200;
         for (int i = 0; i < mostPauses; ++i) {
-            if (const auto place = Platform::mountPointOfImage(image)) detach(*place, force);
+            detach(image, force);
             if (!Platform::isImageInUse(image)) return;
             std::this_thread::sleep_for(pause);
         }
@@ -178,13 +178,17 @@ private:
                                    " is still in use. Try again a little later.");
     }
 
-    void detach(const std::string& place, Force force) const {
-        if (force == Force::yes) {
-            VaultEngine::detach({{}, place});
-        } else if (ProcessRunner::run(Platform::tools().hdiutil, {"detach", place}).exitCode != 0) {
+    /// It may be closing by itself at this moment.
+    void detach(const Path& image, Force force) const {
+        const auto place = Platform::mountPointOfImage(image);
+        if (!place) return;
+        const Path& tool = Platform::tools().hdiutil;
+        if (ProcessRunner::run(tool, {"detach", *place}).exitCode == 0) return;
+        if (force == Force::yes)
+            ProcessRunner::run(tool, {"detach", "-force", *place});
+        else if (Platform::mountPointOfImage(image))
             throw InterruptedWorkError(inQuotes(contents_.item) +
                                        " is open and in use. Close it, then try again.");
-        }
     }
 
     /// Undoes a protection before its point of no return. The image goes first: its key file alone

@@ -241,6 +241,7 @@ bool finishNeedsSecret(const Found& found) {
 }
 
 bool undoNeedsSecret(const Found& found) {
+    const Path directory = found.contents.directory;
     switch (found.state) {
     case State::deleting:
     case State::unnamed:
@@ -248,7 +249,9 @@ bool undoNeedsSecret(const Found& found) {
     case State::restored:
         return true;
     case State::incomplete:
-        return !VaultEngine::isDirectoryEmpty(found.contents.directory / found.contents.folder);
+        // As long as the item is open the folder may still be filled.
+        return !VaultEngine::isDirectoryEmpty(directory / found.contents.folder) ||
+               Platform::mountPointOfImage(directory / found.contents.item);
     default:
         return false;
     }

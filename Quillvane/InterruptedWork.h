@@ -68,6 +68,7 @@ std::string text(const Found& found);
 /// What the user would call it by: the folder, the item, or a working image alone.
 Path place(const Found& found);
 bool canBeEnded(const Found& found) noexcept;
+/// Both throw like `stateOf`.
 bool finishNeedsSecret(const Found& found);
 bool undoNeedsSecret(const Found& found);
 

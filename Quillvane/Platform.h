@@ -1,6 +1,8 @@
 #pragma once
 
+#include <compare>
 #include <cstdint>
+#include <ctime>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -63,6 +65,38 @@ std::optional<std::string> volumeName(const std::filesystem::path& path);
 /// `std::system_error` when the system does not tell what is mounted.
 bool isPackageOrVolumeRoot(const std::filesystem::path& path);
 
+/// Of the contents.
+timespec modificationTime(const struct stat& status) noexcept;
+/// Of the contents or of what is kept about them.
+timespec changeTime(const struct stat& status) noexcept;
+
+/// Keeps the open image from being attached for writing as long as the descriptor is open; false
+/// when it is attached so already. Where the system does not tell, it is as if it were not.
+bool reserveImage(int image) noexcept;
+
+/// True when something is mounted on the open directory, be it of the file system above it.
+bool isMountRoot(int directory) noexcept;
+
+/// Tells of files whether somebody has them open for writing, or mapped, as far as the system lets
+/// us know: it says no of files it tells nothing about, as on some network drives. Looking disturbs
+/// nobody. May be used by one thread at a time.
+class WriterCheck {
+public:
+    /// Throws `std::system_error` when the system does not tell at all.
+    WriterCheck();
+    /// `file` is a regular file, opened for reading only.
+    bool isOpenForWriting(int file) const;
+
+private:
+    struct FileIdentity {
+        dev_t device;
+        ino_t inode;
+        auto operator<=>(const FileIdentity&) const = default;
+    };
+    /// As of the construction, in order; unused where the system can be asked file by file.
+    std::vector<FileIdentity> openForWriting_;
+};
+
 /// Returns when the file's or directory's data is on the disk. Throws `std::system_error`.
 void fullSync(int fd);
 /// Returns when `folder`, just filled by the copy tool, is on the disk with all its contents and
@@ -77,8 +111,6 @@ std::filesystem::path stateDirectory();
 /// no operation runs.
 void setStateDirectory(std::filesystem::path directory);
 
-/// When a file's contents changed last.
-timespec modificationTime(const struct stat& status);
 /// Gives a file another name in the same directory, and fails where there is something by that name
 /// already; where the file system cannot see to that, something that appears in the very moment is
 /// replaced. Throws `std::filesystem::filesystem_error`.

@@ -70,11 +70,14 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
             emit recoveryKeyToShowChanged();
             offMain([creation] { VaultEngine::recoveryKeyShown(creation->result); },
                     [](const std::exception_ptr&) {});
-            setSuccessMessage(
+            QString message =
                 "Smart folder created:\n" +
                 QString::fromStdString(creation->result.container.filename().string()) +
                 "\n\nIt now looks like a folder: double-click, enter your password, and it opens "
-                "in place — then closes itself.");
+                "in place — then closes itself.";
+            const std::string& leftBehind = creation->result.leftBehind;
+            if (!leftBehind.empty()) message += "\n\n" + QString::fromStdString(leftBehind);
+            setSuccessMessage(message);
         });
 }
 

@@ -1,5 +1,7 @@
 #include "TreeWalk.h"
 
+#include "Platform.h"
+
 #include <cerrno>
 #include <dirent.h>
 #include <fcntl.h>
@@ -9,6 +11,15 @@
 #include <utility>
 
 namespace {
+
+/// 64 bits of FNV-1a over the names on the way, each ended by a zero byte, which no name contains.
+constexpr std::uint64_t rootHash = 0xcbf29ce484222325;
+
+std::uint64_t hashBelow(std::uint64_t parent, std::string_view name) {
+    constexpr std::uint64_t prime = 0x100000001b3;
+    for (const char c : name) parent = (parent ^ static_cast<unsigned char>(c)) * prime;
+    return parent * prime;
+}
 
 constexpr int openFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -43,8 +54,14 @@ std::filesystem::path TreeWalk::pathOf(const std::string& name) const {
     return path / name;
 }
 
-void TreeWalk::walk(const std::filesystem::path& root) {
-    descend(root.string());
+std::uint64_t TreeWalk::pathHash(const std::string& name) const {
+    if (levels_.empty()) return rootHash;
+    return hashBelow(levels_.back().pathHash, name);
+}
+
+void TreeWalk::walk(int parent, const std::string& root) {
+    outside_ = parent;
+    descend(root);
     while (!levels_.empty()) {
         auto& left = levels_.back().directoriesLeft;
         if (left.empty()) {
@@ -57,21 +74,28 @@ void TreeWalk::walk(const std::filesystem::path& root) {
     }
 }
 
+int TreeWalk::currentDirectory() const noexcept {
+    return levels_.empty() ? outside_ : current_.get();
+}
+
 void TreeWalk::descend(const std::string& name) {
-    const int parent = levels_.empty() ? AT_FDCWD : current_.get();
-    struct stat status {};
-    if (::fstatat(parent, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0)
+    const int parent = currentDirectory();
+    struct stat seen {};
+    if (::fstatat(parent, name.c_str(), &seen, AT_SYMLINK_NOFOLLOW) != 0)
         return failed(name, errno);
-    if (!levels_.empty() && status.st_dev != levels_.back().device) return failed(name, EXDEV);
-    enter(parent, name, status);
+    if (!levels_.empty() && seen.st_dev != levels_.back().device) return failed(name, EXDEV);
+    enter(parent, name, seen);
     FileDescriptor directory(::openat(parent, name.c_str(), openFlags));
+    struct stat opened {};
     // Without the right to search there would be no way back either.
-    if (!directory || ::fstat(directory.get(), &status) != 0 ||
+    if (!directory || ::fstat(directory.get(), &opened) != 0 ||
         ::faccessat(directory.get(), ".", X_OK, AT_EACCESS) != 0)
         return failed(name, errno);
-    if (!levels_.empty() && status.st_dev != levels_.back().device) return failed(name, EXDEV);
+    if (opened.st_dev != seen.st_dev || opened.st_ino != seen.st_ino) return failed(name, ESTALE);
+    if (!levels_.empty() && Platform::isMountRoot(directory.get())) return failed(name, EXDEV);
+    const std::uint64_t hash = pathHash(name);
     current_ = std::move(directory);
-    levels_.push_back({name, status.st_dev, status.st_ino, {}});
+    levels_.push_back({name, opened.st_dev, opened.st_ino, hash, {}});
     visitEntries();
 }
 
@@ -95,7 +119,7 @@ void TreeWalk::ascend() {
     levels_.pop_back();
     if (levels_.empty()) {
         current_.reset();
-        return leave(AT_FDCWD, name);
+        return leave(outside_, name);
     }
     FileDescriptor parent(::openat(current_.get(), "..", openFlags));
     struct stat status {};

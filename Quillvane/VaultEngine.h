@@ -34,6 +34,9 @@ struct LockResult {
     Path container;
     /// Grouped Base32 text, to be shown to the user once.
     Secret recoveryKey;
+    /// A sentence about what stays in the folder because it came at the last moment and is not in
+    /// the item; empty when the folder is gone.
+    std::string leftBehind;
     /// Tells later that the recovery key may not have been shown, unless `recoveryKeyShown` ends
     /// it.
     std::shared_ptr<OperationNote> note;
@@ -58,9 +61,11 @@ struct SmartMount {
 
 /// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
 /// until the original begins to be deleted. What an interrupted attempt left is cleared away
-/// before; `InterruptedWorkError` when that had begun to delete the original. Throws `VaultError`,
-/// `RecoveryError` (wrapFailed), `ProcessLaunchError`, `OperationCancelled`, `OperationNoteError`
-/// with nothing changed, and `std::system_error` when a key file cannot be written.
+/// before; `InterruptedWorkError` when that had begun to delete the original. A folder that changes
+/// meanwhile is a failure (verificationFailed) and stays; so does one in which another program
+/// writes to a file. Throws `VaultError`, `RecoveryError` (wrapFailed), `ProcessLaunchError`,
+/// `OperationCancelled`, `OperationNoteError` with nothing changed, and `std::system_error` when a
+/// key file cannot be written.
 LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
                 Filesystem filesystem, const ProgressCallback& progress,
                 Cancellation* cancellation = nullptr);

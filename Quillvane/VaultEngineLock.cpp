@@ -4,12 +4,15 @@
 #include "DurableFile.h"
 #include "ErrorText.h"
 #include "Fatal.h"
+#include "FolderExamination.h"
+#include "HeldFile.h"
 #include "InterruptedWork.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
 #include "OperationNote.h"
 #include "OperationProgress.h"
 #include "Platform.h"
+#include "RecordedRemoval.h"
 #include "SecureRandom.h"
 #include "TreeRemoval.h"
 #include "VaultError.h"
@@ -18,6 +21,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <optional>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -25,6 +29,10 @@
 // the folder is deleted; the image takes its final name. The image always has a key file beside it
 // by the time the folder goes: under the working name first, under the final name before it gets
 // that name. So whatever ends the operation, the folder is there or its password opens the image.
+//
+// The folder's entries are recorded before they are copied and looked at once more before the first
+// is deleted: what looks the same at both moments is what was copied and compared in between. Then
+// each is deleted only if it still looks so. What came later stays, and the user is told.
 
 namespace VaultEngine {
 namespace {
@@ -78,7 +86,8 @@ public:
           passwordData_(passwordData(VaultKeys::imagePassphrase(vaultKey))),
           record_(std::move(record)), filesystem_(filesystem), progress_(progress, cancellation) {}
 
-    Path run() {
+    /// What stays of the folder, for the user.
+    std::string run() {
         checkFolder();
         const std::int64_t bytes = measure();
         beginNote();
@@ -93,8 +102,9 @@ public:
             throw;
         }
         progress_.report(1.0, "Done. Your folder is now protected.");
-        return target_;
+        return leftovers_.description();
     }
+    const Path& target() const noexcept { return target_; }
 
     const std::shared_ptr<OperationNote>& note() const noexcept { return note_; }
 
@@ -120,6 +130,15 @@ private:
         if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
         requireUsableName(target_);
         requireUsableName(KeyStore::path(target_));
+        holdFolder();
+    }
+
+    void holdFolder() {
+        try {
+            held_.emplace(folder_);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::createFailed(errorText(error));
+        }
     }
 
     /// Bytes in the folder, for which there is room on the volume as far as it tells.
@@ -131,6 +150,7 @@ private:
         const std::int64_t available = availableCapacity(parent_);
         if (available >= 1 && available < needed)
             throw VaultError::insufficientSpace(needed, available);
+        recorded_ = FolderExamination::record(*held_, progress_.cancellation());
         return bytes;
     }
 
@@ -147,6 +167,12 @@ private:
         if (result.exitCode != 0) {
             removeImage();
             throw VaultError::createFailed(trimmed(result.stderrString()));
+        }
+        try {
+            madeImage_ = HeldFile(image_);
+        } catch (const fs::filesystem_error& error) {
+            removeImage();
+            throw VaultError::createFailed(errorText(error));
         }
     }
 
@@ -199,6 +225,7 @@ private:
             progress_.stopIfCancelled();
             syncImage();
             KeyStore::write(record_, image_);
+            takeLastLook();
             progress_.stopIfCancelled();
             noteDeletion();
         } catch (...) {
@@ -224,10 +251,19 @@ private:
         }
     }
 
+    /// After this there is no way back.
+    void takeLastLook() {
+        FolderExamination::requireUnchanged(*held_, recorded_, progress_.cancellation());
+        if (!madeImage_.isAt(image_))
+            throw VaultError::verificationFailed("\"" + image_.filename().string() +
+                                                 "\" was exchanged for another file.");
+        if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
+    }
+
     void deleteOriginal() {
         progress_.report(0.93, "Deleting the original folder…");
         try {
-            TreeRemoval::remove(folder_);
+            leftovers_ = RecordedRemoval::remove(*held_, recorded_);
         } catch (const fs::filesystem_error&) {
             throw VaultError::deleteFailed(folder_.string(), image_.string());
         }
@@ -306,6 +342,10 @@ private:
     Path image_;
     Secret passwordData_;
     KeyMetadata record_;
+    std::optional<HeldFolder> held_;
+    FolderRecord recorded_; ///< of the folder, as it was before it was copied
+    HeldFile madeImage_;    ///< the image as it was made
+    RecordedRemoval::Leftovers leftovers_;
     Filesystem filesystem_;
     std::shared_ptr<OperationNote> note_;
     OperationProgress progress_;
@@ -326,9 +366,9 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
     InterruptedWork::makeWayToProtect(folder);
     LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
                             cancellation);
-    Path container = operation.run();
-    return {std::move(container), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup),
-            operation.note()};
+    std::string leftBehind = operation.run();
+    return {operation.target(), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup),
+            std::move(leftBehind), operation.note()};
 }
 
 void recoveryKeyShown(const LockResult& result) noexcept {

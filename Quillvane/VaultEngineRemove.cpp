@@ -1,6 +1,8 @@
 #include "VaultEngine.h"
 
+#include "DurableFile.h"
 #include "ErrorText.h"
+#include "HeldFile.h"
 #include "InterruptedWork.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
@@ -53,6 +55,15 @@ private:
         if (!fs::exists(item_, error)) throw VaultError::sourceMissing();
         if (fs::exists(fs::symlink_status(folder_, error)))
             throw VaultError::targetFolderExists(folder_.filename().string());
+        holdItem();
+    }
+
+    void holdItem() {
+        try {
+            held_ = HeldFile(item_);
+        } catch (const fs::filesystem_error&) {
+            return; // it cannot be attached either, and the tool says why
+        }
     }
 
     MountInfo mountItem(const Credential& credential) {
@@ -153,16 +164,31 @@ private:
 
     void deleteItem() {
         progress_.report(0.95, "Deleting the encrypted item…");
+        // A newer version may have been put there, by a program that keeps computers in step.
+        if (fs::exists(item_) && !held_.isAt(item_))
+            throw VaultError::deleteFailed(item_.string(), "It was exchanged for another file.");
+        if (!Platform::reserveImage(held_.fd()))
+            throw VaultError::deleteFailed(item_.string(), "It was opened again.");
         try {
             TreeRemoval::remove(item_);
         } catch (const fs::filesystem_error& error) {
             throw VaultError::deleteFailed(item_.string(), errorText(error));
+        }
+        removeKeyFile();
+    }
+
+    void removeKeyFile() {
+        try {
+            DurableFile::syncDirectory(item_.parent_path());
+        } catch (const fs::filesystem_error&) {
+            return; // after a crash the item may be back: keep its key
         }
         KeyStore::remove(item_);
     }
 
     Path item_;
     Path folder_;
+    HeldFile held_; ///< the item as it was found
     bool created_ = false;
     std::optional<OperationNote> note_;
     OperationProgress progress_;

@@ -225,6 +225,8 @@ void VaultViewModel::finishLock(const VaultEngine::LockResult& result) {
     recoveryKeyToShow = textOf(result.recoveryKey);
     successMessage =
         "Locked. Your folder is protected:\n" + QString::fromStdString(result.container.string());
+    if (!result.leftBehind.empty())
+        successMessage += "\n\n" + QString::fromStdString(result.leftBehind);
     emit formChanged();
     emit stateChanged();
 }

@@ -36,10 +36,6 @@ void syncCopiedFolder(const std::filesystem::path& folder) {
     DurableFile::syncDirectory(folder.parent_path());
 }
 
-timespec modificationTime(const struct stat& status) {
-    return status.st_mtim;
-}
-
 void renameWithoutReplacing(const std::filesystem::path& from, const std::filesystem::path& to) {
     if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return;
     std::error_code error(errno, std::generic_category());

@@ -100,10 +100,6 @@ void syncCopiedFolder(const fs::path& folder) {
         throw std::system_error(errno, std::generic_category(), "sync_volume_np");
 }
 
-timespec modificationTime(const struct stat& status) {
-    return status.st_mtimespec;
-}
-
 void renameWithoutReplacing(const fs::path& from, const fs::path& to) {
     if (::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL) == 0) return;
     std::error_code error = lastError();

@@ -63,6 +63,7 @@ void lock(const Arguments& arguments) {
                                  "one.\n" +
                                  errorText(error));
     }
+    if (!result.leftBehind.empty()) printMessage(result.leftBehind);
 }
 
 void open(const Arguments& arguments) {

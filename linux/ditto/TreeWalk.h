@@ -67,6 +67,8 @@ public:
 private:
     /// A directory that is not finished.
     struct Folder {
+        Folder(const Status& found, std::uint64_t hash) : status(found), pathHash(hash) {}
+
         Status status;
         std::uint64_t pathHash;
         std::string path;                       ///< set when the walk leaves the directory

@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include <csignal>
+#include <fstream>
 #include <optional>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -53,6 +54,57 @@ TEST_F(LockFailureTest, TheSourceMustBeAPlainFolder) {
         EXPECT_TRUE(reports.empty()) << "told before the first report";
     }
     EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(LockFailureTest, AFolderThatChangesBeforeItIsDeletedStays) {
+    actions["Ejecting the vault…"] = [this] { writeFile(docs / "inner/deep", "saved just now"); };
+    const VaultError error = lockError();
+    EXPECT_EQ(error.errorDescription(),
+              "Data verification failed. Your original folder was left untouched.\n"
+              "\"My Docs/inner/deep\" changed while the folder was being protected.");
+    EXPECT_EQ(names(), std::vector<std::string>{"My Docs"});
+    EXPECT_EQ(readFile(docs / "inner/deep"), "saved just now");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+}
+
+TEST_F(LockFailureTest, AFolderPutInItsPlaceIsNotDeleted) {
+    actions["Ejecting the vault…"] = [this] {
+        fs::rename(docs, parent / "elsewhere");
+        fs::create_directory(docs);
+        writeFile(docs / "other", "x");
+    };
+    EXPECT_EQ(lockError().errorDescription(),
+              "Data verification failed. Your original folder was left untouched.\n"
+              "\"My Docs\" was exchanged for another folder while the folder was being "
+              "protected.");
+    EXPECT_EQ(names(), (std::vector<std::string>{"My Docs", "elsewhere"}));
+    EXPECT_EQ(readFile(docs / "other"), "x");
+}
+
+TEST_F(LockFailureTest, AFileThatSomebodyWritesToStopsItAtOnce) {
+    std::ofstream writer(docs / "file", std::ios::app);
+    EXPECT_EQ(lockError().errorDescription(),
+              "Data verification failed. Your original folder was left untouched.\n"
+              "\"My Docs/file\" is open for writing in another program.");
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
+}
+
+TEST_F(LockFailureTest, AnImagePutInTheWorkingImagesPlaceIsNotTrusted) {
+    actions["Ejecting the vault…"] = [this] {
+        fs::remove(workingImage());
+        writeFile(workingImage(), "another");
+    };
+    EXPECT_EQ(lockError().kind(), Case::verificationFailed);
+    expectUntouched();
+}
+
+TEST_F(LockFailureTest, AnItemThatAppearsBeforeTheOriginalGoesStopsIt) {
+    actions["Ejecting the vault…"] = [this] { writeFile(target, "another item"); };
+    EXPECT_EQ(lockError().kind(), Case::alreadyLocked);
+    EXPECT_EQ(readFile(target), "another item");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(names(), (std::vector<std::string>{"My Docs", "My Docs.quillvane"}));
 }
 
 TEST_F(LockFailureTest, AnythingAtTheTargetStopsIt) {

@@ -146,6 +146,28 @@ TEST_F(LockTest, SystemFilesNeedNotArrive) {
     EXPECT_FALSE(fs::exists(docs));
 }
 
+TEST_F(LockTest, WhatComesAtTheLastMomentStays) {
+    actions["Deleting the original folder…"] = [this] {
+        writeFile(docs / "inner/late", "new");
+        writeFile(docs / "file", "saved");
+    };
+    const auto result = lock();
+    EXPECT_EQ(readFile(docs / "inner/late"), "new");
+    EXPECT_EQ(readFile(docs / "file"), "saved");
+    EXPECT_FALSE(fs::exists(docs / "inner/deep"));
+    EXPECT_FALSE(fs::exists(docs / ".hidden file"));
+    EXPECT_EQ(readFile(target), "image");
+    EXPECT_THAT(result.leftBehind,
+                testing::MatchesRegex("Not deleted, because it was added or changed at the last "
+                                      "moment: .*. It is not in the protected item."));
+    EXPECT_THAT(result.leftBehind, testing::HasSubstr("\"My Docs/file\""));
+    EXPECT_THAT(result.leftBehind, testing::HasSubstr("\"My Docs/inner/late\""));
+}
+
+TEST_F(LockTest, NothingIsSaidWhenNothingStays) {
+    EXPECT_EQ(lock().leftBehind, "");
+}
+
 TEST_F(LockTest, WhatAppearsAtTheTargetMeanwhileGivesWay) {
     actions["Finalizing the encrypted item…"] = [this] {
         fs::create_directory(target);

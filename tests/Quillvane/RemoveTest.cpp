@@ -1,3 +1,4 @@
+#include "Quillvane/FileDescriptor.h"
 #include "Quillvane/KeyStore.h"
 #include "Quillvane/OperationCancelled.h"
 #include "Quillvane/OperationNote.h"
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <fcntl.h>
 #include <map>
 #include <memory>
 
@@ -247,6 +249,30 @@ TEST_F(RemoveTest, WhatCannotBeNotedIsNotBegun) {
     EXPECT_THROW(remove(), OperationNoteError);
     EXPECT_TRUE(tools.calls().empty());
     expectUntouched();
+}
+
+TEST_F(RemoveTest, ANewerItemPutInItsPlaceIsNotDeleted) {
+    actions["Ejecting the item…"] = [this] {
+        writeFile(parent / "newer", "newer image");
+        fs::rename(parent / "newer", item);
+    };
+    EXPECT_EQ(removeError().kind(), Case::deleteFailed);
+    EXPECT_EQ(readFile(item), "newer image");
+    EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+}
+
+TEST_F(RemoveTest, AnItemThatWasOpenedAgainIsNotDeleted) {
+    FileDescriptor server;
+    actions["Deleting the encrypted item…"] = [&] {
+        server.reset(::open(item.c_str(), O_RDWR | O_CLOEXEC));
+        struct flock range {};
+        range.l_type = F_WRLCK;
+        ASSERT_EQ(::fcntl(server.get(), F_OFD_SETLK, &range), 0);
+    };
+    EXPECT_EQ(removeError().kind(), Case::deleteFailed);
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
 }
 
 TEST_F(RemoveTest, CancellingAtAnyStepBeforeTheDeletionUndoesEverything) {

@@ -32,6 +32,8 @@ class InterruptedTest(kills.KillCase):
     def end(self, verb, path):
         """Finishes or undoes what there is to be; what is there in the end, and nothing else."""
         result = self.qv(verb, path)
+        if "The item is gone already" in result.stderr:
+            result = self.qv("finish", path)
         if result.returncode != 0:
             self.assertIn(NOTHING, result.stderr)
             self.assertEqual(1, result.returncode)
@@ -120,7 +122,7 @@ class InterruptedTest(kills.KillCase):
     def testEndingIsInterruptedInItsTurn(self):
         self.startWithFolder()
         self.stopAtUnlink("lock", "Docs")
-        for number in (3, 9, 20):
+        for number in (3, 9, 6):
             status, _ = self.faulty(f"unlinkat:signal=KILL:when={number}", "finish", "Docs",
                                     children=False)
             self.assertEqual(-signal.SIGKILL, status)

@@ -26,7 +26,7 @@ REMOVE = {
 # The same for qv's main thread alone, as soon as it has come so far.
 QV_PROTECT = {
     "fsync": (1, 6, 6), "rename": (1, 3, 3), "unlink": (1, 1, 1), "unlinkat": (1, 17, 4),
-    "openat": (18, 39, 4), "close": (20, 61, 3), "newfstatat": (30, 92, 4), "write": (1, 18, 3),
+    "openat": (18, 80, 6), "close": (20, 100, 4), "newfstatat": (30, 160, 6), "write": (1, 18, 3),
 }
 QV_REMOVE = {
     "fsync": (1, 2, 2), "mkdir": (1, 1, 1), "unlinkat": (1, 1, 1), "unlink": (1, 1, 1),
