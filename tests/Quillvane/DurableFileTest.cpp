@@ -3,29 +3,84 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <utility>
+#include <vector>
+
+namespace {
+
+/// Called once, before the next sync of a file.
+std::function<void()> beforeSync;
+
+} // namespace
+
+// These stand before the system's own in the whole program.
+extern "C" {
+int fsync(int fd) {
+    if (beforeSync) std::exchange(beforeSync, nullptr)();
+    return static_cast<int>(::syscall(SYS_fsync, fd));
+}
+}
 
 namespace {
 
 namespace fs = std::filesystem;
 
-TEST(DurableFile, ReplacesContentsAndSetsTheMode) {
-    const TemporaryFolder folder;
-    writeFile(folder / "file", "old");
-    DurableFile::replace(folder / "file", "new", 0640);
-    EXPECT_EQ(readFile(folder / "file"), "new");
-    struct stat status {};
-    ASSERT_EQ(::stat((folder / "file").c_str(), &status), 0);
-    EXPECT_EQ(status.st_mode & 07777U, 0640U);
+class DurableFileTest : public testing::Test {
+protected:
+    ~DurableFileTest() override { beforeSync = nullptr; }
+
+    static mode_t modeOf(const fs::path& path) {
+        struct stat status {};
+        return ::stat(path.c_str(), &status) == 0 ? status.st_mode & 07777U : 0;
+    }
+    std::vector<std::string> names() const {
+        std::vector<std::string> found;
+        for (const auto& entry : fs::directory_iterator(folder.path()))
+            found.push_back(entry.path().filename());
+        std::ranges::sort(found);
+        return found;
+    }
+    /// The one file that is there for a moment.
+    fs::path temporary() const {
+        for (const std::string& name : names())
+            if (name.starts_with(".quillvane-")) return folder / name;
+        throw std::logic_error("there is no temporary file");
+    }
+
+    TemporaryFolder folder;
+    fs::path file = folder / "file";
+};
+
+TEST_F(DurableFileTest, ReplacesContentsAndSetsTheMode) {
+    writeFile(file, "old");
+    DurableFile::replace(file, "new", 0640);
+    EXPECT_EQ(readFile(file), "new");
+    EXPECT_EQ(modeOf(file), 0640U);
+    EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
-TEST(DurableFile, AFullDiskLeavesTheOldFileAndNothingElse) {
-    const TemporaryFolder folder;
-    writeFile(folder / "file", "old");
+TEST_F(DurableFileTest, WritesUnderANameThatIsNewEachTime) {
+    std::set<std::string> seen;
+    for (int i = 0; i < 3; ++i) {
+        beforeSync = [&] { seen.insert(temporary().filename()); };
+        DurableFile::replace(file, "new", 0600);
+    }
+    EXPECT_EQ(seen.size(), 3U);
+}
+
+TEST_F(DurableFileTest, AFullDiskLeavesTheOldFileAndNothingElse) {
+    writeFile(file, "old");
     const std::string tooMuch(8192, 'x');
     const pid_t child = ::fork();
     if (child == 0) {
@@ -34,7 +89,7 @@ TEST(DurableFile, AFullDiskLeavesTheOldFileAndNothingElse) {
         const rlimit limit{4096, 4096};
         ::setrlimit(RLIMIT_FSIZE, &limit);
         try {
-            DurableFile::replace(folder / "file", tooMuch, 0600);
+            DurableFile::replace(file, tooMuch, 0600);
         } catch (const fs::filesystem_error& error) {
             ::_exit(error.code() == std::errc::file_too_large ? 0 : 2);
         }
@@ -43,12 +98,11 @@ TEST(DurableFile, AFullDiskLeavesTheOldFileAndNothingElse) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-    EXPECT_EQ(readFile(folder / "file"), "old");
-    EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1);
+    EXPECT_EQ(readFile(file), "old");
+    EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
-TEST(DurableFile, TellsWhatCannotBeSynced) {
-    const TemporaryFolder folder;
+TEST_F(DurableFileTest, TellsWhatCannotBeSynced) {
     EXPECT_THROW(DurableFile::syncFile(folder / "missing"), fs::filesystem_error);
     EXPECT_THROW(DurableFile::syncDirectory(folder / "missing"), fs::filesystem_error);
     EXPECT_NO_THROW(DurableFile::syncDirectory(folder.path()));
