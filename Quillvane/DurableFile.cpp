@@ -4,6 +4,7 @@
 #include "Platform.h"
 #include "SecureRandom.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -16,6 +17,11 @@ namespace {
 
 using Path = std::filesystem::path;
 
+constexpr std::string_view temporaryPrefix = ".quillvane-";
+constexpr std::string_view temporarySuffix = ".tmp";
+constexpr std::string_view hexDigits = "0123456789abcdef";
+constexpr std::size_t randomBytes = 8;
+
 [[noreturn]] void fail(const char* what, const Path& path) {
     throw std::filesystem::filesystem_error(what, path,
                                             std::error_code(errno, std::generic_category()));
@@ -26,26 +32,14 @@ Path directoryOf(const Path& file) {
 }
 
 // Short and independent of the target's name, which may be as long as names can be.
-Path temporaryBeside(const Path& target) {
-    const Secret random = SecureRandom::bytes(8);
-    std::string name = ".quillvane-";
+std::string temporaryName() {
+    const Secret random = SecureRandom::bytes(randomBytes);
+    std::string name(temporaryPrefix);
     for (const std::uint8_t byte : random.bytes()) {
-        constexpr char digits[] = "0123456789abcdef";
-        name += digits[byte >> 4];
-        name += digits[byte & 15];
+        name += hexDigits[byte >> 4];
+        name += hexDigits[byte & 15];
     }
-    return directoryOf(target) / (name + ".tmp");
-}
-
-void writeAll(int fd, std::string_view contents, const Path& path) {
-    while (!contents.empty()) {
-        const ssize_t written = ::write(fd, contents.data(), contents.size());
-        if (written >= 0) {
-            contents.remove_prefix(static_cast<std::size_t>(written));
-        } else if (errno != EINTR) {
-            fail("cannot write", path);
-        }
-    }
+    return name.append(temporarySuffix);
 }
 
 void sync(int fd, const Path& path) {
@@ -56,38 +50,139 @@ void sync(int fd, const Path& path) {
     }
 }
 
-void syncAt(const Path& path, int flags) {
-    const FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags));
-    if (!fd) fail("cannot open", path);
-    sync(fd.get(), path);
+FileDescriptor openDirectory(const Path& directory) {
+    FileDescriptor fd(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!fd) fail("cannot open", directory);
+    return fd;
+}
+
+void syncNames(const FileDescriptor& directory, const Path& path) {
+    try {
+        sync(directory.get(), path);
+    } catch (const std::filesystem::filesystem_error& error) {
+        // EINVAL: the file system has no need to sync directories.
+        if (error.code() != std::errc::invalid_argument) throw;
+    }
+}
+
+/// A file that is being written beside its target; removed in the end unless it took its place.
+class Temporary {
+public:
+    explicit Temporary(const Path& directory)
+        : path_(directory / temporaryName()),
+          fd_(::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)) {
+        if (!fd_) fail("cannot create", path_);
+    }
+    ~Temporary() {
+        if (!inPlace_) ::unlink(path_.c_str());
+    }
+    Temporary(const Temporary&) = delete;
+    Temporary& operator=(const Temporary&) = delete;
+
+    void write(std::string_view contents) {
+        while (!contents.empty()) {
+            const ssize_t written = ::write(fd_.get(), contents.data(), contents.size());
+            if (written >= 0) {
+                contents.remove_prefix(static_cast<std::size_t>(written));
+            } else if (errno != EINTR) {
+                fail("cannot write", path_);
+            }
+        }
+    }
+
+    void takePlaceOf(const Path& target, mode_t mode) {
+        if (::fchmod(fd_.get(), mode) != 0) fail("cannot set the mode", path_);
+        sync(fd_.get(), path_);
+        if (::rename(path_.c_str(), target.c_str()) != 0) fail("cannot replace", target);
+        inPlace_ = true;
+    }
+
+    bool isAt(const Path& target) const {
+        struct stat here {};
+        struct stat there {};
+        return ::fstat(fd_.get(), &here) == 0 && ::lstat(target.c_str(), &there) == 0 &&
+               here.st_dev == there.st_dev && here.st_ino == there.st_ino;
+    }
+
+private:
+    Path path_;
+    FileDescriptor fd_;
+    bool inPlace_ = false;
+};
+
+/// What has a target's name before it is replaced. It is kept open, and so it is there as long as
+/// the object lives.
+class Former {
+public:
+    explicit Former(const Path& target)
+        : fd_(::open(target.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)),
+          wasThere_(fd_ || errno != ENOENT) {}
+
+    /// Gives the target its contents again. What was no file, or could not be read, is gone.
+    void putBack(const Path& target) const {
+        if (!wasThere_) {
+            if (::unlink(target.c_str()) != 0) fail("cannot remove", target);
+            return;
+        }
+        struct stat status {};
+        if (!fd_ || ::fstat(fd_.get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+        Temporary file(directoryOf(target));
+        copyTo(file, target);
+        // Synced like any other: the new contents are, and only as much may take their place.
+        file.takePlaceOf(target, status.st_mode & 0777);
+    }
+
+private:
+    void copyTo(Temporary& file, const Path& target) const {
+        std::array<char, 1 << 16> piece{};
+        while (true) {
+            const ssize_t got = ::read(fd_.get(), piece.data(), piece.size());
+            if (got == 0) return;
+            if (got > 0)
+                file.write({piece.data(), static_cast<std::size_t>(got)});
+            else if (errno != EINTR)
+                fail("cannot read", target);
+        }
+    }
+
+    FileDescriptor fd_;
+    bool wasThere_;
+};
+
+/// Best effort: the error that made it necessary is the one to tell.
+void takeBack(const Temporary& file, const Former& former, const Path& target) {
+    try {
+        if (file.isAt(target)) former.putBack(target);
+    } catch (const std::filesystem::filesystem_error&) {
+        return;
+    }
 }
 
 } // namespace
 
 void replace(const Path& target, std::string_view contents, mode_t mode) {
-    const Path temporary = temporaryBeside(target);
-    FileDescriptor fd(
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!fd) fail("cannot create", temporary);
+    const Path parent = directoryOf(target);
+    const FileDescriptor directory = openDirectory(parent);
+    const Former former(target);
+    Temporary file(parent);
+    file.write(contents);
+    file.takePlaceOf(target, mode);
     try {
-        writeAll(fd.get(), contents, temporary);
-        if (::fchmod(fd.get(), mode) != 0) fail("cannot set the mode", temporary);
-        sync(fd.get(), temporary);
-        fd.reset();
-        if (::rename(temporary.c_str(), target.c_str()) != 0) fail("cannot replace", target);
-    } catch (...) {
-        ::unlink(temporary.c_str());
+        syncNames(directory, parent);
+    } catch (const std::filesystem::filesystem_error&) {
+        takeBack(file, former, target);
         throw;
     }
-    syncDirectory(directoryOf(target));
 }
 
 void syncFile(const Path& file) {
-    syncAt(file, O_NOFOLLOW);
+    const FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) fail("cannot open", file);
+    sync(fd.get(), file);
 }
 
 void syncDirectory(const Path& directory) {
-    syncAt(directory, O_DIRECTORY);
+    syncNames(openDirectory(directory), directory);
 }
 
 } // namespace DurableFile

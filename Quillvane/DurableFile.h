@@ -9,7 +9,9 @@
 namespace DurableFile {
 
 /// Replaces `target` whole: readers, and a crash, see the old contents or the new. On failure the
-/// old file is untouched and nothing is left beside it.
+/// old file has its contents and mode, or there is none if there was none, and nothing is left
+/// beside it. Only when the disk refuses even that, after it took the new file, does the new one
+/// stay.
 void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
 void syncFile(const std::filesystem::path& file);
 /// Makes the names in the directory durable.

@@ -1,9 +1,11 @@
 #include "Quillvane/DurableFile.h"
+#include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <functional>
 #include <set>
@@ -19,14 +21,25 @@
 
 namespace {
 
+/// What syncing a directory fails with; 0 when it does not.
+int directorySyncError = 0;
 /// Called once, before the next sync of a file.
 std::function<void()> beforeSync;
+
+bool isDirectory(int fd) {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISDIR(status.st_mode);
+}
 
 } // namespace
 
 // These stand before the system's own in the whole program.
 extern "C" {
 int fsync(int fd) {
+    if (isDirectory(fd) && directorySyncError != 0) {
+        errno = directorySyncError;
+        return -1;
+    }
     if (beforeSync) std::exchange(beforeSync, nullptr)();
     return static_cast<int>(::syscall(SYS_fsync, fd));
 }
@@ -38,7 +51,10 @@ namespace fs = std::filesystem;
 
 class DurableFileTest : public testing::Test {
 protected:
-    ~DurableFileTest() override { beforeSync = nullptr; }
+    ~DurableFileTest() override {
+        directorySyncError = 0;
+        beforeSync = nullptr;
+    }
 
     static mode_t modeOf(const fs::path& path) {
         struct stat status {};
@@ -106,6 +122,47 @@ TEST_F(DurableFileTest, TellsWhatCannotBeSynced) {
     EXPECT_THROW(DurableFile::syncFile(folder / "missing"), fs::filesystem_error);
     EXPECT_THROW(DurableFile::syncDirectory(folder / "missing"), fs::filesystem_error);
     EXPECT_NO_THROW(DurableFile::syncDirectory(folder.path()));
+    directorySyncError = EIO;
+    EXPECT_THROW(DurableFile::syncDirectory(folder.path()), fs::filesystem_error);
+}
+
+TEST_F(DurableFileTest, ADirectoryThatCannotBeSyncedGetsTheOldFileBack) {
+    const std::string old(200'000, 'o');
+    writeFile(file, old);
+    fs::permissions(file, static_cast<fs::perms>(0640));
+    directorySyncError = EIO;
+    EXPECT_THROW(DurableFile::replace(file, "new", 0600), fs::filesystem_error);
+    EXPECT_TRUE(readFile(file) == old);
+    EXPECT_EQ(modeOf(file), 0640U);
+    EXPECT_EQ(names(), std::vector<std::string>{"file"});
+}
+
+TEST_F(DurableFileTest, ADirectoryThatCannotBeSyncedKeepsNoNewFile) {
+    directorySyncError = EIO;
+    EXPECT_THROW(DurableFile::replace(file, "new", 0600), fs::filesystem_error);
+    EXPECT_TRUE(names().empty());
+}
+
+TEST_F(DurableFileTest, ADirectoryWithoutNeedOfASyncIsSynced) {
+    directorySyncError = EINVAL;
+    EXPECT_NO_THROW(DurableFile::replace(file, "new", 0600));
+    EXPECT_EQ(readFile(file), "new");
+    EXPECT_NO_THROW(DurableFile::syncDirectory(folder.path()));
+}
+
+TEST_F(DurableFileTest, ADirectoryThatCannotBeOpenedKeepsTheOldFile) {
+    EXPECT_TRUE(asOrdinaryUser(folder.path(), [&] {
+        writeFile(file, "old");
+        fs::permissions(folder.path(), fs::perms::owner_write | fs::perms::owner_exec);
+        bool refused = false;
+        try {
+            DurableFile::replace(file, "new", 0600);
+        } catch (const fs::filesystem_error& error) {
+            refused = error.code() == std::errc::permission_denied;
+        }
+        fs::permissions(folder.path(), fs::perms::owner_all);
+        return refused && readFile(file) == "old" && names() == std::vector<std::string>{"file"};
+    }));
 }
 
 } // namespace
