@@ -175,6 +175,13 @@ void replace(const Path& target, std::string_view contents, mode_t mode) {
     }
 }
 
+void remove(const Path& file) {
+    const Path parent = directoryOf(file);
+    const FileDescriptor directory = openDirectory(parent);
+    if (::unlink(file.c_str()) != 0 && errno != ENOENT) fail("cannot remove", file);
+    syncNames(directory, parent);
+}
+
 void syncFile(const Path& file) {
     const FileDescriptor fd(::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
     if (!fd) fail("cannot open", file);

@@ -13,6 +13,8 @@ namespace DurableFile {
 /// beside it. Only when the disk refuses even that, after it took the new file, does the new one
 /// stay.
 void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
+/// Removes a file; done as well when it is not there.
+void remove(const std::filesystem::path& file);
 void syncFile(const std::filesystem::path& file);
 /// Makes the names in the directory durable.
 void syncDirectory(const std::filesystem::path& directory);

@@ -93,11 +93,6 @@ bool canBeListed(const std::string& name) {
     return name.find('\n') == std::string::npos;
 }
 
-void removeList(const Path& file, const Path& directory) {
-    if (::unlink(file.c_str()) != 0) fail("cannot remove the hidden list", errno);
-    DurableFile::syncDirectory(directory);
-}
-
 /// Keeps other runs of ours from editing meanwhile. Any program may hold such a lock, for as long
 /// as it likes, and some file systems know none: no reason to leave the item visible, or hidden.
 void lockForAWhile(int directory) {
@@ -162,7 +157,7 @@ void set(const Path& item, bool hidden) {
     if (hidden)
         DurableFile::replace(file, with(list, name), list ? list->mode : newListMode);
     else if (text.ends_with('\n') && rest.empty())
-        removeList(file, directory);
+        DurableFile::remove(file);
     else
         shorten(file, *list, rest);
 }

@@ -148,6 +148,7 @@ TEST_F(DurableFileTest, ADirectoryWithoutNeedOfASyncIsSynced) {
     EXPECT_NO_THROW(DurableFile::replace(file, "new", 0600));
     EXPECT_EQ(readFile(file), "new");
     EXPECT_NO_THROW(DurableFile::syncDirectory(folder.path()));
+    EXPECT_NO_THROW(DurableFile::remove(file));
 }
 
 TEST_F(DurableFileTest, ADirectoryThatCannotBeOpenedKeepsTheOldFile) {
@@ -163,6 +164,17 @@ TEST_F(DurableFileTest, ADirectoryThatCannotBeOpenedKeepsTheOldFile) {
         fs::permissions(folder.path(), fs::perms::owner_all);
         return refused && readFile(file) == "old" && names() == std::vector<std::string>{"file"};
     }));
+}
+
+TEST_F(DurableFileTest, RemovesAFileAndIsContentWithoutOne) {
+    writeFile(file, "");
+    DurableFile::remove(file);
+    EXPECT_TRUE(names().empty());
+    EXPECT_NO_THROW(DurableFile::remove(file));
+    directorySyncError = EIO;
+    EXPECT_THROW(DurableFile::remove(file), fs::filesystem_error) << "it may come back";
+    fs::create_directory(file);
+    EXPECT_THROW(DurableFile::remove(file), fs::filesystem_error);
 }
 
 } // namespace
