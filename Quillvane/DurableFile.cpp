@@ -9,8 +9,14 @@
 #include <cstdio>
 #include <fcntl.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <system_error>
+
+// A file is replaced by a temporary one that takes its name. The writer holds a lock on it from its
+// first moment to its last, so that one without a lock was left behind by a program that was
+// killed, and may go. Its name is random and never used again: whoever comes too late to remove it
+// removes nothing else.
 
 namespace DurableFile {
 namespace {
@@ -42,6 +48,14 @@ std::string temporaryName() {
     return name.append(temporarySuffix);
 }
 
+bool isTemporaryName(std::string_view name) {
+    if (!name.starts_with(temporaryPrefix) || !name.ends_with(temporarySuffix)) return false;
+    name.remove_prefix(temporaryPrefix.size());
+    name.remove_suffix(temporarySuffix.size());
+    return name.size() == 2 * randomBytes &&
+           name.find_first_not_of(hexDigits) == std::string_view::npos;
+}
+
 void sync(int fd, const Path& path) {
     try {
         Platform::fullSync(fd);
@@ -68,10 +82,13 @@ void syncNames(const FileDescriptor& directory, const Path& path) {
 /// A file that is being written beside its target; removed in the end unless it took its place.
 class Temporary {
 public:
-    explicit Temporary(const Path& directory)
-        : path_(directory / temporaryName()),
-          fd_(::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)) {
-        if (!fd_) fail("cannot create", path_);
+    explicit Temporary(const Path& directory) {
+        do {
+            path_ = directory / temporaryName();
+            fd_.reset(
+                ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+            if (!fd_) fail("cannot create", path_);
+        } while (!isKept());
     }
     ~Temporary() {
         if (!inPlace_) ::unlink(path_.c_str());
@@ -105,6 +122,14 @@ public:
     }
 
 private:
+    /// False when a `removeAbandoned` came between the file's creation and its lock. Where the
+    /// file system knows no locks, nobody gets one to remove it.
+    bool isKept() const {
+        if (::flock(fd_.get(), LOCK_EX | LOCK_NB) != 0) return errno != EWOULDBLOCK;
+        struct stat status {};
+        return ::lstat(path_.c_str(), &status) == 0;
+    }
+
     Path path_;
     FileDescriptor fd_;
     bool inPlace_ = false;
@@ -158,6 +183,16 @@ void takeBack(const Temporary& file, const Former& former, const Path& target) {
     }
 }
 
+void removeIfAbandoned(const Path& file) noexcept {
+    const FileDescriptor fd(
+        ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    struct stat status {};
+    const bool ours = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
+                      status.st_uid == ::geteuid();
+    // A shared lock does for an end to the writer's, and is to be had on a file opened to be read.
+    if (ours && ::flock(fd.get(), LOCK_SH | LOCK_NB) == 0) ::unlink(file.c_str());
+}
+
 } // namespace
 
 void replace(const Path& target, std::string_view contents, mode_t mode) {
@@ -180,6 +215,13 @@ void remove(const Path& file) {
     const FileDescriptor directory = openDirectory(parent);
     if (::unlink(file.c_str()) != 0 && errno != ENOENT) fail("cannot remove", file);
     syncNames(directory, parent);
+}
+
+void removeAbandoned(const Path& directory) noexcept {
+    std::error_code error; // what cannot be listed has nothing that could be removed
+    std::filesystem::directory_iterator entry(directory, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error))
+        if (isTemporaryName(entry->path().filename().native())) removeIfAbandoned(entry->path());
 }
 
 void syncFile(const Path& file) {

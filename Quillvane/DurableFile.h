@@ -4,7 +4,7 @@
 #include <string_view>
 #include <sys/types.h>
 
-/// Files that are on the disk when the call returns. All throw
+/// Files that are on the disk when the call returns. All but `removeAbandoned` throw
 /// `std::filesystem::filesystem_error`.
 namespace DurableFile {
 
@@ -15,6 +15,9 @@ namespace DurableFile {
 void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
 /// Removes a file; done as well when it is not there.
 void remove(const std::filesystem::path& file);
+/// Removes the temporary files of `replace` that a killed program of this user has left in the
+/// directory. Those that are being written stay. Best effort.
+void removeAbandoned(const std::filesystem::path& directory) noexcept;
 void syncFile(const std::filesystem::path& file);
 /// Makes the names in the directory durable.
 void syncDirectory(const std::filesystem::path& directory);

@@ -42,6 +42,7 @@ std::optional<std::string> read(const std::filesystem::path& container) {
 
 void write(const KeyMetadata& metadata, const std::filesystem::path& container) {
     constexpr mode_t ownerOnly = 0600;
+    DurableFile::removeAbandoned(container.parent_path());
     DurableFile::replace(path(container), metadata.encode(), ownerOnly);
     setHidden(container, true);
 }

@@ -15,8 +15,9 @@ std::filesystem::path path(const std::filesystem::path& container);
 /// The key file's text; nothing when it cannot be read for any reason, or is no regular file, or
 /// is far larger than a key file can be.
 std::optional<std::string> read(const std::filesystem::path& container);
-/// Replaces the key file whole: on the disk when this returns, untouched when it throws
-/// `std::system_error`. Then hides it, as far as that works.
+/// Replaces the key file whole: on the disk when this returns, as it was when it throws
+/// `std::system_error`. Then hides it, as far as that works. Also removes what killed programs left
+/// behind in the directory (`DurableFile::removeAbandoned`).
 void write(const KeyMetadata& metadata, const std::filesystem::path& container);
 /// Gives the key file of `from` to `to`, which needs no room on the disk; false when it cannot.
 bool move(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;

@@ -148,6 +148,7 @@ void set(const Path& item, bool hidden) {
     const FileDescriptor lock(::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock) fail("cannot open the directory", errno);
     lockForAWhile(lock.get());
+    DurableFile::removeAbandoned(directory);
 
     const Path file = directory / ".hidden";
     const std::optional<List> list = read(file);

@@ -1,4 +1,5 @@
 #include "Quillvane/DurableFile.h"
+#include "Quillvane/FileDescriptor.h"
 #include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -7,10 +8,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -25,6 +28,8 @@ namespace {
 int directorySyncError = 0;
 /// Called once, before the next sync of a file.
 std::function<void()> beforeSync;
+/// Called once, before the next lock of a file.
+std::function<void()> beforeLock;
 
 bool isDirectory(int fd) {
     struct stat status {};
@@ -43,17 +48,25 @@ int fsync(int fd) {
     if (beforeSync) std::exchange(beforeSync, nullptr)();
     return static_cast<int>(::syscall(SYS_fsync, fd));
 }
+
+int flock(int fd, int operation) noexcept {
+    if (beforeLock) std::exchange(beforeLock, nullptr)();
+    return static_cast<int>(::syscall(SYS_flock, fd, operation));
+}
 }
 
 namespace {
 
 namespace fs = std::filesystem;
 
+constexpr const char* abandonedName = ".quillvane-0123456789abcdef.tmp";
+
 class DurableFileTest : public testing::Test {
 protected:
     ~DurableFileTest() override {
         directorySyncError = 0;
         beforeSync = nullptr;
+        beforeLock = nullptr;
     }
 
     static mode_t modeOf(const fs::path& path) {
@@ -175,6 +188,69 @@ TEST_F(DurableFileTest, RemovesAFileAndIsContentWithoutOne) {
     EXPECT_THROW(DurableFile::remove(file), fs::filesystem_error) << "it may come back";
     fs::create_directory(file);
     EXPECT_THROW(DurableFile::remove(file), fs::filesystem_error);
+}
+
+TEST_F(DurableFileTest, WhatAKilledProgramLeftIsRemoved) {
+    writeFile(folder / abandonedName, "half a fi");
+    DurableFile::removeAbandoned(folder.path());
+    EXPECT_TRUE(names().empty());
+    EXPECT_NO_THROW(DurableFile::removeAbandoned(folder / "missing"));
+}
+
+TEST_F(DurableFileTest, NothingElseIsTakenForAbandoned) {
+    for (const char* name :
+         {".quillvane-0123456789abcde.tmp", ".quillvane-0123456789abcdef0.tmp",
+          ".quillvane-0123456789abcdeg.tmp", ".quillvane-0123456789ABCDEF.tmp",
+          ".quillvane-0123456789abcdef.tmp~", "quillvane-0123456789abcdef.tmp", ".quillvane-.tmp"})
+        writeFile(folder / name, "");
+    fs::create_directory(folder / ".quillvane-000000000000000d.tmp");
+    fs::create_symlink("file", folder / ".quillvane-000000000000000e.tmp");
+    ASSERT_EQ(::mkfifo((folder / ".quillvane-000000000000000f.tmp").c_str(), 0600), 0);
+    const auto before = names();
+    DurableFile::removeAbandoned(folder.path());
+    EXPECT_EQ(names(), before);
+}
+
+TEST_F(DurableFileTest, WhatAnotherUserIsWritingIsNotOurs) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to give a file away";
+    writeFile(folder / abandonedName, "");
+    ASSERT_EQ(::chown((folder / abandonedName).c_str(), nobody, nobody), 0);
+    DurableFile::removeAbandoned(folder.path());
+    EXPECT_EQ(names(), std::vector<std::string>{abandonedName});
+}
+
+TEST_F(DurableFileTest, WhatIsBeingWrittenIsNotTakenForAbandoned) {
+    bool looked = false;
+    beforeSync = [&] {
+        looked = fs::exists(temporary());
+        DurableFile::removeAbandoned(folder.path());
+    };
+    DurableFile::replace(file, "new", 0600);
+    EXPECT_TRUE(looked);
+    EXPECT_EQ(readFile(file), "new");
+}
+
+TEST_F(DurableFileTest, ATemporaryFileThatIsRemovedBeforeItsLockIsMadeAgain) {
+    beforeLock = [&] { fs::remove(temporary()); };
+    DurableFile::replace(file, "new", 0600);
+    EXPECT_FALSE(beforeLock) << "there was no lock";
+    EXPECT_EQ(readFile(file), "new");
+    EXPECT_EQ(names(), std::vector<std::string>{"file"});
+}
+
+TEST_F(DurableFileTest, ATemporaryFileThatAnotherLocksFirstIsLeftToIt) {
+    FileDescriptor other;
+    fs::path first;
+    beforeLock = [&] {
+        first = temporary();
+        other.reset(::open(first.c_str(), O_RDONLY | O_CLOEXEC));
+        EXPECT_EQ(::flock(other.get(), LOCK_SH | LOCK_NB), 0);
+    };
+    DurableFile::replace(file, "new", 0600);
+    EXPECT_FALSE(beforeLock) << "there was no lock";
+    EXPECT_EQ(readFile(file), "new");
+    fs::remove(first); // which the other one is about to do
+    EXPECT_EQ(names(), std::vector<std::string>{"file"});
 }
 
 } // namespace

@@ -170,6 +170,12 @@ TEST_F(HiddenListTest, DoesNotWaitLongForAnotherProgramsLock) {
     EXPECT_TRUE(Platform::isHidden(item));
 }
 
+TEST_F(HiddenListTest, RemovesWhatAKilledProgramLeftBesideIt) {
+    writeFile(folder / ".quillvane-0123456789abcdef.tmp", "Docs é.qui");
+    EXPECT_FALSE(Platform::setHidden(item, false)) << "it was not hidden yet";
+    EXPECT_FALSE(fs::exists(folder / ".quillvane-0123456789abcdef.tmp"));
+}
+
 TEST_F(HiddenListTest, LosesALineOnAFullDiskToo) {
     const fs::path disk = folder / "disk";
     fs::create_directory(disk);

@@ -41,6 +41,13 @@ TEST(KeyStore, ReplacesTheFileWholeAndLeavesNothingElse) {
     EXPECT_TRUE(Platform::isHidden(KeyStore::path(item)));
 }
 
+TEST(KeyStore, RemovesWhatAKilledProgramLeftBesideIt) {
+    const TemporaryFolder folder;
+    writeFile(folder / ".quillvane-0123456789abcdef.tmp", "half a fi");
+    KeyStore::write(record(""), folder / "a");
+    EXPECT_EQ(entries(folder.path()), 1U);
+}
+
 TEST(KeyStore, IsForItsOwnerOnly) {
     const TemporaryFolder folder;
     KeyStore::write(record(""), folder / "a");
