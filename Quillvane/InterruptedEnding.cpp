@@ -12,6 +12,7 @@
 #include "VaultError.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <sys/stat.h>
 #include <system_error>
@@ -42,13 +43,6 @@ std::string namesOf(const Differences& differences) {
     }
     const std::size_t others = differences.count - differences.first.size();
     return others == 0 ? text : text + " and " + std::to_string(others) + " more";
-}
-
-void unlinkDurably(const Path& file) {
-    if (::unlink(file.c_str()) != 0 && errno != ENOENT)
-        throw fs::filesystem_error("cannot remove", file,
-                                   std::error_code(errno, std::generic_category()));
-    DurableFile::syncDirectory(file.parent_path());
 }
 
 /// The volume in an image while the object lives.
@@ -115,8 +109,8 @@ public:
         case State::restored:
             return deleteItem();
         case State::keyFileLeft:
-            unlinkDurably(KeyStore::path(item_));
-            note_.remove();
+            DurableFile::remove(KeyStore::path(item_));
+            endNote();
             return {folder_, {}};
         default:
             return forget();
@@ -136,7 +130,7 @@ public:
             return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
         case State::opened:
             closeVolume(item_, Force::no);
-            note_.remove();
+            endNote();
             return {item_, {}};
         case State::incomplete:
         case State::restored:
@@ -155,9 +149,14 @@ private:
         return *credential_;
     }
 
+    void endNote() {
+        DurableFile::removeAbandoned(contents_.directory);
+        note_.remove();
+    }
+
     /// Nothing is left that could be ended.
     Outcome forget() {
-        note_.remove();
+        endNote();
         return {{}, "There is nothing left to be ended; it won't be told again."};
     }
 
@@ -195,10 +194,10 @@ private:
     /// is found again by its name.
     void dropImage() {
         closeVolume(image_, Force::yes);
-        unlinkDurably(image_);
+        DurableFile::remove(image_);
         KeyStore::remove(image_);
         DurableFile::syncDirectory(contents_.directory);
-        note_.remove();
+        endNote();
     }
 
     void deleteOriginal(State state) {
@@ -252,7 +251,7 @@ private:
     Outcome endNamed() {
         KeyStore::remove(image_);
         DurableFile::syncDirectory(contents_.directory);
-        note_.remove();
+        endNote();
         return {item_, "Your password opens " + inQuotes(contents_.item) +
                            ". To get a recovery key, remove the protection and protect the "
                            "folder again."};
@@ -266,9 +265,9 @@ private:
 
     Outcome deleteItem() {
         closeVolume(item_, Force::no);
-        unlinkDurably(item_);
-        unlinkDurably(KeyStore::path(item_));
-        note_.remove();
+        DurableFile::remove(item_);
+        DurableFile::remove(KeyStore::path(item_));
+        endNote();
         return {folder_, {}};
     }
 
@@ -286,7 +285,7 @@ private:
             volume.close();
         }
         DurableFile::syncDirectory(contents_.directory);
-        note_.remove();
+        endNote();
         if (left.count == 0) return {item_, {}};
         return {item_, inQuotes(contents_.folder) +
                            " still holds what is not so in the item: " + namesOf(left) + "."};
