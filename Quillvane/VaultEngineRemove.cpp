@@ -71,7 +71,14 @@ private:
         const Secret line = passwordData(passphrase(item_, credential));
         progress_.stopIfCancelled();
         beginNote();
-        return attach(item_, line, /*browsable=*/false);
+        try {
+            return attach(item_, line, /*browsable=*/false);
+        } catch (...) {
+            // A volume that is open all the same is not ours.
+            note_->remove();
+            note_.reset();
+            throw;
+        }
     }
 
     void beginNote() {
