@@ -176,6 +176,7 @@ void SmartFolderManager::endMove() {
 void SmartFolderManager::closeAllSynchronouslyBestEffort() {
     // What is under way would otherwise go on without us, and an opened folder stay open.
     if (creation_) creation_->request();
+    cancelOpening();
     tasks_.finish();
     const std::vector<Active> entries = active();
     for (const Active& asked : entries) {

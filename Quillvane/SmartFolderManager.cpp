@@ -93,6 +93,7 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
     beginBusy("Opening " + QString::fromStdString(record.name) + " in place…");
     managed_.insert(record.mountPath);
     opening_.push_back(record);
+    if (!openings_) openings_ = std::make_shared<Cancellation>();
     persistAndTell();
     struct Opening {
         Credential credential;
@@ -100,7 +101,10 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
     };
     const auto opening = std::make_shared<Opening>(Opening{std::move(credential), {}});
     offMain(
-        [opening, item] { opening->mount = VaultEngine::openAsFolder(item, opening->credential); },
+        [opening, item, cancellation = openings_] {
+            opening->mount =
+                VaultEngine::openAsFolder(item, opening->credential, cancellation.get());
+        },
         [this, opening, record](const std::exception_ptr& error) {
             std::erase(opening_, record);
             if (error) {
@@ -110,9 +114,16 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
             } else {
                 opened(opening->mount);
             }
-            if (opening_.empty()) closeWhenOpened_.reset();
+            if (opening_.empty()) {
+                closeWhenOpened_.reset();
+                openings_.reset();
+            }
             endMove();
         });
+}
+
+void SmartFolderManager::cancelOpening() {
+    if (openings_) openings_->request();
 }
 
 void SmartFolderManager::opened(const VaultEngine::SmartMount& mount) {

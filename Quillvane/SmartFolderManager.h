@@ -71,6 +71,9 @@ public:
     void createSmartFolder(const Path& folder, Secret password, Secret confirm);
     /// Opens the item in place.
     void activate(const Path& locked, Credential credential);
+    /// Gives up what is being opened as long as its key is derived, for which a hostile key file
+    /// may ask for an hour; what has come further is opened.
+    void cancelOpening();
     /// Closes one folder; silently when `automatic`. A folder in use stays open and is tried again
     /// after a full time-out. `reason` changes nothing here.
     void attemptClose(const Active& asked, bool automatic = false,
@@ -159,5 +162,6 @@ private:
     std::set<std::string> managed_;     ///< every mount path that was in `active_` once
     std::optional<QString> closeWhenOpened_;
     std::shared_ptr<Cancellation> creation_;
+    std::shared_ptr<Cancellation> openings_; ///< of all that is being opened; null if nothing is
     bool powerOffWaits_ = false;
 };

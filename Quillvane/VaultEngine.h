@@ -70,10 +70,11 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
                 Filesystem filesystem, const ProgressCallback& progress,
                 Cancellation* cancellation = nullptr);
 
-/// Mounts the item as a browsable volume and shows it. Throws `VaultError`, `RecoveryError`,
-/// `ProcessLaunchError`, and `PropertyListError` when the disk-image tool answers nonsense.
+/// Mounts the item as a browsable volume and shows it. `cancellation` is honoured while the key is
+/// derived. Throws `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled`,
+/// and `PropertyListError` when the disk-image tool answers nonsense.
 OpenResult open(const Path& imageURL, const Credential& credential,
-                const ProgressCallback& progress);
+                const ProgressCallback& progress, const Cancellation* cancellation = nullptr);
 
 /// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
 /// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
@@ -82,9 +83,12 @@ OpenResult open(const Path& imageURL, const Credential& credential,
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
-/// Seals the item's vault key again under `newPassword`. Throws `VaultError`, `RecoveryError`, and
+/// Seals the item's vault key again under `newPassword`. `cancellation` is honoured while the keys
+/// are derived. Throws `VaultError` (emptyPassword; notAQuillvane for what is no file;
+/// sourceMissing for a link to nothing), `RecoveryError`, `OperationCancelled`, and
 /// `std::system_error` when the key file cannot be written; the old one then stays whole.
-void changePassword(const Path& container, const Credential& current, const Secret& newPassword);
+void changePassword(const Path& container, const Credential& current, const Secret& newPassword,
+                    const Cancellation* cancellation = nullptr);
 
 /// Mounts the item on the folder of its name beside it, which is made if it is not there, and shows
 /// it. Nothing is left of an attempt that fails. Throws `VaultError` (sourceMissing,
@@ -92,9 +96,10 @@ void changePassword(const Path& container, const Credential& current, const Secr
 /// when the folder cannot be made or the system does not tell what is mounted.
 SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase);
 /// Hides the item with its key file and opens it in place; shows them again when that fails and no
-/// volume is there. Throws what `passphrase` throws, with nothing touched, and what
-/// `activateInPlace` throws.
-SmartMount openAsFolder(const Path& container, const Credential& credential);
+/// volume is there. `cancellation` is honoured while the key is derived. Throws what `passphrase`
+/// throws, with nothing touched, and what `activateInPlace` throws.
+SmartMount openAsFolder(const Path& container, const Credential& credential,
+                        const Cancellation* cancellation = nullptr);
 /// Ejects the volume mounted at `mountPath`, never by force, and removes the folder if nothing is
 /// in it; done as well when another program has just ejected it. The item stays hidden;
 /// `recoverIfOrphaned` shows it. Throws `VaultError` (detachBusy, detachFailed) and
@@ -106,12 +111,15 @@ void recoverIfOrphaned(const Path& container, const std::string& mountPath) noex
 /// True when file managers leave the item out.
 bool isHidden(const Path& url);
 
-/// The item's 20-byte vault key. With a recovery key the key file is not read. Throws
-/// `VaultError` (emptyPassword) and `RecoveryError`.
-Secret vaultKey(const Path& container, const Credential& credential);
+/// The item's 20-byte vault key. With a recovery key the key file is not read. With a password it
+/// takes as long as the key file asks for, unless it is cancelled. Throws `VaultError`
+/// (emptyPassword), `RecoveryError` and `OperationCancelled`.
+Secret vaultKey(const Path& container, const Credential& credential,
+                const Cancellation* cancellation = nullptr);
 /// The text that opens the item's image. Without a readable key file it is the password itself:
 /// older items were encrypted with it. Throws like `vaultKey`.
-Secret passphrase(const Path& container, const Credential& credential);
+Secret passphrase(const Path& container, const Credential& credential,
+                  const Cancellation* cancellation = nullptr);
 /// The passphrase as the disk-image tool reads it from its standard input.
 Secret passwordData(const Secret& passphrase);
 

@@ -118,9 +118,10 @@ SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase) {
     return {folder.filename(), item, folder};
 }
 
-SmartMount openAsFolder(const Path& container, const Credential& credential) {
+SmartMount openAsFolder(const Path& container, const Credential& credential,
+                        const Cancellation* cancellation) {
     const Path item = itemPath(container);
-    const Secret text = passphrase(item, credential);
+    const Secret text = passphrase(item, credential, cancellation);
     const bool wasHidden = isHidden(item);
     setHidden(item, true);
     try {

@@ -359,7 +359,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
     if (password.empty()) throw VaultError::emptyPassword();
     if (!(password == confirmPassword)) throw VaultError::passwordMismatch();
     const Secret vaultKey = SecureRandom::bytes(VaultKeys::vaultKeyBytes);
-    KeyMetadata record = VaultKeys::seal(vaultKey, password);
+    KeyMetadata record = VaultKeys::seal(vaultKey, password, cancellation);
     const Path folder = itemPath(folderURL);
     if (folder == folder.root_path() || Platform::isPackageOrVolumeRoot(folder))
         throw VaultError::sourceIsPackageOrHidden();

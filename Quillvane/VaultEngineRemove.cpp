@@ -68,7 +68,7 @@ private:
 
     MountInfo mountItem(const Credential& credential) {
         progress_.report(0.15, "Opening the item…");
-        const Secret line = passwordData(passphrase(item_, credential));
+        const Secret line = passwordData(passphrase(item_, credential, progress_.cancellation()));
         progress_.stopIfCancelled();
         beginNote();
         try {

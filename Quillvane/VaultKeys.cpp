@@ -29,10 +29,10 @@ Secret fromRecoveryKey(const Secret& text) {
     return *key;
 }
 
-KeyMetadata seal(const Secret& vaultKey, const Secret& password) {
+KeyMetadata seal(const Secret& vaultKey, const Secret& password, const Cancellation* cancellation) {
     const Secret salt = SecureRandom::bytes(saltBytes);
-    const Secret key =
-        KDF::pbkdf2(password, salt.bytes(), KeyMetadata::currentIterations, keyEncryptionKeyBytes);
+    const Secret key = KDF::pbkdf2(password, salt.bytes(), KeyMetadata::currentIterations,
+                                   keyEncryptionKeyBytes, cancellation);
     const auto wrapped = SealedBox::seal(key, vaultKey);
     if (!wrapped) throw RecoveryError(RecoveryError::Case::wrapFailed);
     KeyMetadata metadata;
@@ -41,11 +41,13 @@ KeyMetadata seal(const Secret& vaultKey, const Secret& password) {
     return metadata;
 }
 
-Secret unseal(const KeyMetadata& metadata, const Secret& password) {
+Secret unseal(const KeyMetadata& metadata, const Secret& password,
+              const Cancellation* cancellation) {
     const auto salt = Base64::decode(metadata.salt);
     const auto wrapped = Base64::decode(metadata.wrapped);
     if (!salt || !wrapped) throw RecoveryError(RecoveryError::Case::metadataCorrupt);
-    const Secret key = KDF::pbkdf2(password, *salt, metadata.iterations, keyEncryptionKeyBytes);
+    const Secret key =
+        KDF::pbkdf2(password, *salt, metadata.iterations, keyEncryptionKeyBytes, cancellation);
     std::optional<Secret> vaultKey = SealedBox::open(key, *wrapped);
     if (!vaultKey) throw RecoveryError(RecoveryError::Case::wrongPassword);
     return *vaultKey;

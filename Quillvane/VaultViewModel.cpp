@@ -117,9 +117,10 @@ void VaultViewModel::performOpen() {
         std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}, std::nullopt});
     beginBusy(QStringLiteral("Opening…"));
     perform(
-        [open, report = reporter()] {
+        [open, report = reporter(), cancellation = cancellation_] {
             try {
-                open->result = VaultEngine::open(open->image, open->credential, report);
+                open->result =
+                    VaultEngine::open(open->image, open->credential, report, cancellation.get());
             } catch (const VaultError& error) {
                 if (error.kind() != VaultError::Case::attachFailed) throw;
                 open->elsewhere = mountPointOf(open->image);
@@ -170,8 +171,9 @@ void VaultViewModel::performChangePassword() {
         Change{filePath(changeImageURL), changeCredential(), secretOf(changeNewPassword)});
     beginBusy(QStringLiteral("Changing password…"));
     perform(
-        [change] {
-            VaultEngine::changePassword(change->item, change->current, change->newPassword);
+        [change, cancellation = cancellation_] {
+            VaultEngine::changePassword(change->item, change->current, change->newPassword,
+                                        cancellation.get());
         },
         [this] { finishChange(); });
 }

@@ -88,8 +88,11 @@ bool isPackageOrVolumeRoot(const fs::path& path) {
 }
 
 void fullSync(int fd) {
-    // Not every file system knows the full flush through the drive's cache.
     if (::fcntl(fd, F_FULLFSYNC) == 0) return;
+    // Not every file system knows the full flush through the drive's cache. Any other failure is
+    // one of the disk, which a second attempt might not tell.
+    if (errno != ENOTSUP && errno != EINVAL && errno != ENOTTY && errno != EINTR)
+        throw std::system_error(errno, std::generic_category(), "F_FULLFSYNC");
     while (::fsync(fd) != 0)
         if (errno != EINTR) throw std::system_error(errno, std::generic_category(), "fsync");
 }

@@ -72,8 +72,9 @@ void open(const Arguments& arguments) {
     VaultEngine::OpenResult result;
     {
         ProgressDisplay display;
-        result = VaultEngine::open(item, credential,
-                                   [&](const Progress& progress) { display.show(progress); });
+        result = VaultEngine::open(
+            item, credential, [&](const Progress& progress) { display.show(progress); },
+            &Interruption::cancellation());
     }
     if (Interruption::cancellation().requested()) {
         VaultEngine::detach(result.mountInfo);
@@ -161,7 +162,7 @@ void change(const Arguments& arguments) {
     source.reset(); // the terminal is as it was while the keys are derived
     if (secret.password.empty()) throw VaultError::emptyPassword();
     if (!(secret.password == secret.confirmation)) throw VaultError::passwordMismatch();
-    VaultEngine::changePassword(item, current, secret.password);
+    VaultEngine::changePassword(item, current, secret.password, &Interruption::cancellation());
 }
 
 } // namespace

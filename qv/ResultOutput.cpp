@@ -1,5 +1,7 @@
 #include "qv/ResultOutput.h"
 
+#include "Quillvane/PrintableText.h"
+
 #include <cerrno>
 #include <poll.h>
 #include <system_error>
@@ -37,6 +39,6 @@ bool canPrint(int stream) {
 
 void printMessage(const std::string& text) {
     if (!canPrint(STDERR_FILENO)) return; // nobody reads; there is more important work to do
-    const std::string line = text + "\n";
+    const std::string line = printableLines(text) + "\n";
     [[maybe_unused]] const ssize_t written = write(STDERR_FILENO, line.data(), line.size());
 }

@@ -9,7 +9,8 @@
 /// a text may be a secret.
 void printResult(std::initializer_list<std::string_view> lines);
 
-/// Writes the text and a line feed to standard error, for people. Whoever has closed it does not
+/// Writes the text and a line feed to standard error, for people: what is in it of other people's
+/// names cannot command the terminal (`printableLines`). Whoever has closed it does not
 /// want to know: what cannot be written at once is dropped.
 void printMessage(const std::string& text);
 

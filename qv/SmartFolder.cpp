@@ -49,11 +49,12 @@ public:
         goOn();
     }
 
-    /// Closes the folder, at once or as soon as it is open. With `atAnyRate` the program ends
-    /// thereafter even if the folder stays open.
+    /// Closes the folder, at once or as soon as it is open, if it is not too early to open it at
+    /// all. With `atAnyRate` the program ends thereafter even if the folder stays open.
     void stop(bool atAnyRate) {
         stopAsked_ = true;
         endAtAnyRate_ = endAtAnyRate_ || atAnyRate;
+        manager_.cancelOpening();
         goOn();
     }
 

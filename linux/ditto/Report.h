@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <mutex>
 #include <ostream>
-#include <string>
 #include <string_view>
 
 /// The messages of one run, a line each, in the form "ditto: PATH: TEXT".
@@ -30,7 +29,3 @@ private:
     std::mutex writing_;
     std::atomic<std::size_t> problems_ = 0;
 };
-
-/// `name` fit for one line on a terminal: control and direction characters, bytes that are no
-/// UTF-8, and the backslash are written as escapes ("\n", "\x1b", "\\").
-std::string printable(std::string_view name);

@@ -1,5 +1,6 @@
 #include "linux/ditto/TreeComparer.h"
 
+#include "Quillvane/PrintableText.h"
 #include "linux/ditto/DirectoryListing.h"
 #include "linux/ditto/FileContents.h"
 

@@ -55,11 +55,17 @@ FileDescriptor newSocket(int flags) {
     return fd;
 }
 
-bool mayAsk(int fd) {
+/// The user at the other end; nobody when the system does not tell.
+std::optional<uid_t> peerOf(int fd) {
     ucred peer{};
     socklen_t length = sizeof peer;
-    return ::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) == 0 &&
-           (peer.uid == ::geteuid() || peer.uid == 0);
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0) return std::nullopt;
+    return peer.uid;
+}
+
+bool mayAsk(int fd) {
+    const auto user = peerOf(fd);
+    return user == ::geteuid() || user == uid_t{0};
 }
 
 } // namespace
@@ -84,6 +90,10 @@ FileDescriptor connectControl(const ControlAddress& address) {
     FileDescriptor fd = newSocket(0);
     const AbstractAddress server(address);
     if (::connect(fd.get(), server.get(), server.length) != 0) throwErrno("connect");
+    if (peerOf(fd.get()) != ::geteuid()) {
+        errno = EPERM;
+        throwErrno("the server is another user's");
+    }
     return fd;
 }
 

@@ -22,7 +22,8 @@ private:
     FileDescriptor fd_;
 };
 
-/// A connection to the server at `address`. Throws `std::system_error`.
+/// A connection to the server at `address`, which must be the user's own: the address may come from
+/// a file system that somebody else serves. Throws `std::system_error`.
 FileDescriptor connectControl(const ControlAddress& address);
 /// Whether the packet was sent.
 bool sendPacket(int fd, const std::string& packet) noexcept;

@@ -1,5 +1,6 @@
 #include "InPlaceFixture.h"
 
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/RecoveryError.h"
 #include "tests/support/FuseMount.h"
 #include "tests/support/OrdinaryUser.h"
@@ -240,6 +241,16 @@ TEST_F(InPlaceTest, AWrongCredentialTouchesNothing) {
     EXPECT_THROW(openAsFolder("wrong"), RecoveryError);
     EXPECT_EQ(failureKind([&] { openAsFolder(""); }), Case::emptyPassword);
     EXPECT_THROW(VaultEngine::openAsFolder(item, Credential::recoveryKey(Secret())), RecoveryError);
+    EXPECT_EQ(entries(), closed);
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(InPlaceTest, CancelledWhileTheKeyIsDerivedItTouchesNothing) {
+    Cancellation cancellation;
+    cancellation.request();
+    EXPECT_THROW(VaultEngine::openAsFolder(
+                     item, Credential::password(Secret(std::string_view("right"))), &cancellation),
+                 OperationCancelled);
     EXPECT_EQ(entries(), closed);
     EXPECT_TRUE(tools.calls().empty());
 }

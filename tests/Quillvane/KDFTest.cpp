@@ -1,9 +1,13 @@
 #include "Quillvane/KDF.h"
+#include "Quillvane/Cancellation.h"
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/SecureRandom.h"
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace {
 
@@ -36,6 +40,34 @@ TEST(KDF, TakesEmptyInputs) {
               "f135c27993baf98773c5cdb40a5706ce6a345cde61b000a67858650cd6a324d7");
     EXPECT_EQ(pbkdf2("password", "", 1, 32),
               "c1232f10f62715fda06ae7c0a2037ca19b33cf103b727ba56d870c11f290a2ab");
+}
+
+TEST(KDF, CutsTheLastBlock) {
+    const std::string whole = pbkdf2("passwd", "salt", 2, 64);
+    EXPECT_EQ(pbkdf2("passwd", "salt", 2, 33), whole.substr(0, 66));
+    EXPECT_EQ(pbkdf2("passwd", "salt", 2, 0), "");
+}
+
+TEST(KDF, ALongPasswordIsHashedFirst) {
+    EXPECT_EQ(pbkdf2(std::string(100, 'p'), "salt", 5000, 32),
+              "52a363419224dfb1c05683d854acfc2026371db44dbf60f4a477194229dc5f59");
+}
+
+TEST(KDF, EndsSoonAfterARequest) {
+    using namespace std::chrono_literals;
+    Cancellation cancellation;
+    std::chrono::steady_clock::time_point requested;
+    std::thread user([&] {
+        std::this_thread::sleep_for(50ms);
+        requested = std::chrono::steady_clock::now();
+        cancellation.request();
+    });
+    EXPECT_THROW(KDF::pbkdf2(Secret(std::string_view("p")), Secret(8).bytes(), 4294967295, 32,
+                             &cancellation),
+                 OperationCancelled);
+    const auto end = std::chrono::steady_clock::now();
+    user.join();
+    EXPECT_LT(end - requested, 5s);
 }
 
 TEST(KDFDeathTest, StopsAtIterationCountsOutOfRange) {

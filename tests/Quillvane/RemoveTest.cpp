@@ -288,6 +288,18 @@ TEST_F(RemoveTest, CancellingAtAnyStepBeforeTheDeletionUndoesEverything) {
     EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
 }
 
+TEST_F(RemoveTest, CancellingEndsAHostileKeyDerivation) {
+    auto record = KeyMetadata::decode(keyFileText);
+    ASSERT_TRUE(record.has_value());
+    record->iterations = 4294967295;
+    KeyStore::write(*record, item);
+    keyFileText = record->encode();
+    actions["Opening the item…"] = [this] { cancellation->request(); };
+    EXPECT_THROW(remove(), OperationCancelled);
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
+}
+
 TEST_F(RemoveTest, CancellingEndsTheCopyAtOnce) {
     tools.play("ditto", "", "exec sleep 60");
     actions["Extracting contents… "] = [this] { cancellation->request(); };

@@ -1,6 +1,8 @@
 #include "Quillvane/VaultKeys.h"
 #include "Quillvane/Base32.h"
+#include "Quillvane/Cancellation.h"
 #include "Quillvane/KeyStore.h"
+#include "Quillvane/OperationCancelled.h"
 #include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultEngine.h"
 #include "Quillvane/VaultError.h"
@@ -164,6 +166,20 @@ TEST_F(VaultKeysTest, StopsTheProgramAtImpossibleIterationCounts) {
     EXPECT_EXIT(VaultEngine::vaultKey(item, password("right")), testing::ExitedWithCode(134), "");
 }
 
+TEST_F(VaultKeysTest, AHostileIterationCountCanBeCancelled) {
+    rewrite([](KeyMetadata& metadata) { metadata.iterations = 4294967295; });
+    const std::string before = readFile(keyFile);
+    Cancellation cancellation;
+    cancellation.request();
+    EXPECT_THROW(VaultEngine::vaultKey(item, password("right"), &cancellation), OperationCancelled);
+    EXPECT_THROW(VaultEngine::passphrase(item, password("right"), &cancellation),
+                 OperationCancelled);
+    for (const Credential& current : {password("right"), recoveryKey(keyAsBase32)})
+        EXPECT_THROW(VaultEngine::changePassword(item, current, secret("new"), &cancellation),
+                     OperationCancelled);
+    EXPECT_EQ(readFile(keyFile), before);
+}
+
 TEST(RecoveryKey, IsReadInAnyCaseAndGrouping) {
     for (const char* typed :
          {"OR3W-K3TU-PEQG-E6LU-MVZS-A33G-EBVW-K6JB", "or3wk3tupeqge6lumvzsa33gebvwk6jb",
@@ -217,6 +233,22 @@ TEST_F(VaultKeysTest, ChangingRewritesOlderIterationCounts) {
 TEST_F(VaultKeysTest, ARecoveryKeyIsTakenUnseenWhenThePasswordIsChanged) {
     VaultEngine::changePassword(item, recoveryKey(std::string(32, 'A')), secret("new"));
     EXPECT_EQ(KeyFileReader::vaultKey(readFile(keyFile), "new"), std::string(20, '\0'));
+}
+
+TEST_F(VaultKeysTest, WhatIsNoFileGetsNoKeyFile) {
+    KeyStore::remove(item);
+    fs::create_directory(item);
+    const auto change = [&] {
+        VaultEngine::changePassword(item, recoveryKey(keyAsBase32), secret("new"));
+    };
+    EXPECT_EQ(vaultError(change), VaultError::Case::notAQuillvane);
+    fs::remove(item);
+    fs::create_symlink("missing", item);
+    EXPECT_EQ(vaultError(change), VaultError::Case::sourceMissing);
+    EXPECT_FALSE(fs::exists(keyFile));
+    writeFile(folder / "missing", "image");
+    change();
+    EXPECT_TRUE(fs::exists(keyFile)) << "beside a link to an image";
 }
 
 TEST_F(VaultKeysTest, FailedChangesLeaveTheKeyFileUntouched) {

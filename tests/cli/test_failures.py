@@ -183,6 +183,18 @@ class FailureTest(items.ItemCase):
         item.symlink_to("nowhere")
         self.assertRefused("open", item, says="The selected item no longer exists.")
 
+    def testAKeyFileBesideWhatIsNoFile(self):
+        item, key = self.smallItem()
+        items.keyFile(item).unlink()
+        item.unlink()
+        for make, says in ((item.mkdir, "Choose a valid .quillvane item."),
+                           (lambda: os.mkfifo(item), "Choose a valid .quillvane item."),
+                           (lambda: item.symlink_to("nowhere"),
+                            "The selected item no longer exists.")):
+            make()
+            self.assertRefused("change", item, "--recovery-key", secrets=(key, "new"), says=says)
+            item.rmdir() if item.is_dir() else item.unlink()
+
     def testSocketInTheFolder(self):
         folder = self.smallFolder()
         (folder / "inner").mkdir()

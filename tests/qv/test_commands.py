@@ -158,6 +158,21 @@ class CommandsTest(quillvane.Case):
         self.succeed("remove", item, secrets=[PASSWORD])
         self.assertFalse((impostors / "called").exists())
 
+    def testNamesCommandNoTerminal(self):
+        name, shown = "\x1b[2Jred\x07", "\\x1b[2Jred\\x07"
+        (self.work / name).mkdir()
+        self.assertFails("close", name, says=f'"{shown}" isn\'t open.')
+        (self.work / f"{name}.quillvane").write_text("")
+        self.assertFails("lock", name, secrets=[PASSWORD],
+                         says=f'"{shown}.quillvane" already exists here. Remove or rename it first.')
+        (self.work / f"{name}.quillvane").unlink()
+        usage = self.qv(name)
+        self.assertEqual(2, usage.returncode)
+        self.assertTrue(usage.stderr.startswith(f'There is no command "{shown}".\n'), usage.stderr)
+        # Results are for programs, who get them as they are.
+        item, _ = self.succeed("lock", name, secrets=[PASSWORD])
+        self.assertEqual(f"{self.work}/{name}.quillvane", item)
+
     def testRecoveryKeyThatCannotBePrinted(self):
         (self.work / "Docs").mkdir()
         with open("/dev/full", "w") as full:

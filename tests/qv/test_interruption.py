@@ -1,5 +1,6 @@
 """Asked to stop, qv leaves everything as it was: the folder or the item whole, and nothing else."""
 
+import json
 import os
 import signal
 import subprocess
@@ -116,6 +117,35 @@ class InterruptionTest(quillvane.Case):
         result = self.signalAt("Opening", signal.SIGINT, "open", "Docs.quillvane")
         self.assertCancelled(result)
         self.assertItemWhole()
+
+    def testKeyFileThatAsksForAnHour(self):
+        self.lock()
+        keyFile = self.work / ".Docs.quillvane.qvkeys"
+        good = keyFile.read_text()
+        hostile = json.dumps(json.loads(good) | {"iterations": (1 << 32) - 1})
+        keyFile.write_text(hostile)
+        for words in (("open",), ("remove",), ("change",), ("smart",)):
+            with self.subTest(words):
+                process = self.start(*words, "Docs.quillvane")
+                process.stdin.write("x\nnew\n")
+                process.stdin.flush()
+                self.assertTrue(quillvane.eventually(lambda: self._computes(process.pid)))
+                process.send_signal(signal.SIGINT)
+                stdout, stderr = process.communicate(timeout=30)
+                self.assertCancelled((process.returncode, stdout, stderr))
+                self.assertEqual(hostile, keyFile.read_text())
+        keyFile.write_text(good)
+        result = self.run_(QV, "remove", "--stdin", "Docs.quillvane", stdin="x\n")
+        self.assertEqual(0, result.returncode, result)
+        self.assertEqual([], quillvane.differences(self.before,
+                                                   quillvane.describe(self.work / "Docs")))
+
+    @staticmethod
+    def _computes(pid):
+        """True when the process has used the processor for half a second."""
+        with open(f"/proc/{pid}/stat") as file:
+            used = int(file.read().rsplit(")", 1)[1].split()[11])
+        return used > os.sysconf("SC_CLK_TCK") / 2
 
     def testSignalBeforeTheSecretIsRead(self):
         process = self.start("lock", "Docs")

@@ -13,6 +13,7 @@ from quillvane import QV, eventually
 
 OPENED = ('"{}" opened in place. It closes by itself after {} min of inactivity, or on screen lock '
           '/ logout.')
+CANCELLED = "Cancelled. Nothing was changed."
 CLOSED = '"{}" closed and encrypted.'
 IN_USE = "The folder is in use (open files): it will close automatically once it's free."
 STILL_OPEN = '"{}" is open already; it is looked after again.'
@@ -288,7 +289,7 @@ class SmartTest(SmartCase):
         process.send_signal(signal.SIGINT)
         process.wait(30)
         output = process.communicate()
-        self.assertEqual((1, "", "Cancelled. Nothing was changed.\n"),
+        self.assertEqual((1, "", CANCELLED + "\n"),
                          (process.returncode, *output))
         self.assertClosed(item)
 
@@ -341,8 +342,10 @@ class SmartTest(SmartCase):
                 manager.process.wait(delay)
             except subprocess.TimeoutExpired:
                 pass
-            self.assertEqual(0, manager.signal(signal.SIGTERM).end(), manager.messages())
-            self.assertEqual(CLOSED.format("Docs"), manager.messages()[-1])
+            status = manager.signal(signal.SIGTERM).end()
+            # As long as the key is derived it is not too late to leave the item as it is.
+            self.assertIn((status, manager.messages()[-1]),
+                          [(0, CLOSED.format("Docs")), (1, CANCELLED)])
             self.assertClosed(item)
 
     def testTheVolumesServerDies(self):

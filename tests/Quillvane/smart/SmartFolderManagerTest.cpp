@@ -1,3 +1,5 @@
+#include "Quillvane/KeyStore.h"
+#include "Quillvane/VaultKeys.h"
 #include "tests/Quillvane/smart/SmartFolderFixture.h"
 
 #include <QCoreApplication>
@@ -338,6 +340,28 @@ TEST_F(SmartFolderManagerTest, AtTheEndWhatIsBeingOpenedIsClosedToo) {
     EXPECT_EQ(count("hdiutil attach"), 1);
     EXPECT_EQ(count("hdiutil detach"), 1);
     EXPECT_FALSE(isOpen(folder / "Docs"));
+}
+
+TEST_F(SmartFolderManagerTest, AKeyThatIsBeingDerivedIsGivenUp) {
+    const fs::path item = makeItem("Docs");
+    KeyStore::write(VaultKeys::seal(Secret(20), Secret("secret")), item);
+    manager->activate(item, password());
+    manager->cancelOpening();
+    tasks.finish();
+    EXPECT_EQ(manager->errorMessage(), "Cancelled. Nothing was changed.");
+    EXPECT_EQ(count("hdiutil"), 0);
+    EXPECT_THAT(persistedNames(), IsEmpty());
+    manager->cancelOpening();
+    EXPECT_TRUE(isOpen(open(item))) << "only what was being opened then";
+}
+
+TEST_F(SmartFolderManagerTest, AtTheEndAKeyIsNotWaitedFor) {
+    const fs::path item = makeItem("Docs");
+    KeyStore::write(VaultKeys::seal(Secret(20), Secret("secret")), item);
+    manager->activate(item, password());
+    manager->closeAllSynchronouslyBestEffort();
+    EXPECT_EQ(count("hdiutil"), 0);
+    EXPECT_THAT(manager->active(), IsEmpty());
 }
 
 TEST_F(SmartFolderManagerTest, AtTheEndACreationIsGivenUp) {
