@@ -27,8 +27,9 @@ Path directoryOf(const Path& file) {
 
 // Short and independent of the target's name, which may be as long as names can be.
 Path temporaryBeside(const Path& target) {
+    const Secret random = SecureRandom::bytes(8);
     std::string name = ".quillvane-";
-    for (const std::uint8_t byte : SecureRandom::bytes(8).bytes()) {
+    for (const std::uint8_t byte : random.bytes()) {
         constexpr char digits[] = "0123456789abcdef";
         name += digits[byte >> 4];
         name += digits[byte & 15];

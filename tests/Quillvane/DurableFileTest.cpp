@@ -47,6 +47,25 @@ TEST(DurableFile, AFullDiskLeavesTheOldFileAndNothingElse) {
     EXPECT_EQ(std::distance(fs::directory_iterator(folder.path()), fs::directory_iterator()), 1);
 }
 
+TEST(DurableFile, WhatAKilledProcessLeavesIsNotInTheWay) {
+    const TemporaryFolder folder;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        // The signal for a file that becomes too large kills, in the middle of writing.
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_CORE, &none);
+        const rlimit limit{4096, 4096};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        DurableFile::replace(folder / "file", std::string(8192, 'x'), 0600);
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status)) << status;
+    DurableFile::replace(folder / "file", "new", 0600);
+    EXPECT_EQ(readFile(folder / "file"), "new");
+}
+
 TEST(DurableFile, TellsWhatCannotBeSynced) {
     const TemporaryFolder folder;
     EXPECT_THROW(DurableFile::syncFile(folder / "missing"), fs::filesystem_error);
