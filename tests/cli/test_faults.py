@@ -3,11 +3,15 @@ same ones each time: nothing is lost, and no more is claimed than is true. `faul
 them. Needs root, to supervise programs of any user."""
 
 import random
+import subprocess
 import unittest
 
 import faulted
+import items
+import judge
 import operations
 import power_loss
+import quillvane
 from faulted import ERRORS, ORDINARY, SEED, FaultCase
 
 ITEM, KEY = f"work/{operations.ITEM}", f"work/{operations.KEY}"
@@ -100,7 +104,7 @@ class ChangeAsUser(Sampled, FaultCase):
         disk = power_loss.Disk([ITEM, KEY])
         for call in run.calls:
             if call.name in power_loss.MOVES:
-                self.assertEqual([], disk.unsettled(call.path))
+                self.assertNotIn(call.path, disk.contents)
             disk.follow(call)
         self.assertEqual([], disk.unsettled("work"))
 
@@ -121,6 +125,81 @@ class CloseAsUser(Sampled, FaultCase):
             disk.follow(call)
         # An empty folder that comes back is taken away by the next start.
         self.assertEqual([], [path for path in disk.unsettled("work") if path != "work/Docs"])
+
+
+class JudgeTest(FaultCase):
+    """The judge finds what is wrong."""
+
+    def setUp(self):
+        super().setUp()
+        self.startWithItem()
+        self.operation = operations.Protect(self)
+        self.folder = self.work / "Docs"
+        self.item = self.work / operations.ITEM
+
+    def assertLost(self):
+        with self.assertRaisesRegex(AssertionError, "^lost: "):
+            self.operation.assertNothingLost()
+
+    def putFolder(self):
+        subprocess.run(["cp", "-a", self.original, self.folder], check=True)
+
+    def testImageThatIsGone(self):
+        self.operation.assertComplete()
+        self.item.unlink()
+        self.assertLost()
+
+    def testKeyFileThatIsGone(self):
+        items.keyFile(self.item).unlink()
+        self.assertLost()
+
+    def testImageThatIsDamaged(self):
+        with open(self.item, "r+b") as file:
+            file.write(bytes(1 << 16))
+        self.assertLost()
+
+    def testFolderThatLacksSomething(self):
+        self.item.unlink()
+        self.putFolder()
+        self.assertEqual("folder", self.operation.assertNothingLost())
+        (self.folder / "nothing").unlink()
+        self.assertLost()
+
+    def testLeftover(self):
+        (self.work / ".quillvane-0123456789abcdef.tmp").touch()
+        self.assertRaises(AssertionError, self.operation.assertComplete)
+
+    def testPlaintext(self):
+        self.judge.assertNoPlaintext(self.scene)
+        (self.scene / "home/copy").write_bytes(bytes(1 << 20) + judge.MARKER)
+        self.assertRaises(AssertionError, self.judge.assertNoPlaintext, self.scene)
+
+    def testNameInTheClear(self):
+        self.putFolder()
+        self.judge.assertNoPlaintext(self.scene, but=self.folder)
+        self.folder.rename(self.work / "Other")
+        for file in self.work.glob("Other/[!l]*"):  # all but the folder with the name in it
+            subprocess.run(["rm", "-r", file], check=True)
+        (self.work / "Other/letters" / judge.MARKER.decode()).write_text("")
+        self.assertRaises(AssertionError, self.judge.assertNoPlaintext, self.scene)
+
+    def testProgramThatDeletesFirst(self):
+        class DeletesFirst(operations.Protect):
+            def commands(self):
+                return [["/bin/sh", "-c", 'rm -r Docs && exec "$0" lock Docs', quillvane.QV]]
+        operation = DeletesFirst(self)
+        run = self.perform(operation)
+        self.assertEqual(1, run.status)
+        with self.assertRaisesRegex(AssertionError, "^lost: "):
+            self.killAt(operation, len(run.calls))
+
+    def testFilesWrittenUnseen(self):
+        class Maps(operations.Protect):
+            def commands(self):
+                return [["/usr/bin/python3", "-c",
+                         "import mmap; file = open('Docs/photo', 'r+b'); mmap.mmap(file.fileno(), 0)"]]
+        with self.assertRaisesRegex(AssertionError, "maps work/Docs/photo for writing"):
+            self.perform(Maps(self))
 
 
 def workingKey(image):
