@@ -30,6 +30,7 @@ class Sampled:
         run = self.perform(operation, settle=0)
         with self.told(run):
             self.assertEqual(0, run.status)
+            operation.assertTidy()
             self.assertJudged(operation, run)
         return operation, run
 
