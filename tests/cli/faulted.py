@@ -3,6 +3,7 @@ is killed; and how such a run is judged."""
 
 import contextlib
 import dataclasses
+import os
 import random
 import re
 import subprocess
@@ -10,7 +11,7 @@ import unittest
 
 import judge
 import kills
-import operations
+import power_loss
 import quillvane
 
 FAULTS = quillvane.BUILD / "bin/faults"
@@ -49,6 +50,7 @@ class FaultCase(kills.KillCase):
 
     user = None  # a number, or root
     latest = None  # run
+    orphans = frozenset()  # names of key files whose removal has failed in it
 
     def setUp(self):
         super().setUp()
@@ -101,6 +103,7 @@ class FaultCase(kills.KillCase):
 
     def killAt(self, operation, number):
         """Everything is killed before this call, unless the run ends before it comes so far."""
+        self.orphans = frozenset()
         run = self.perform(operation, "--stop-at", number, settle=0)
         with self.told(run):
             self.assertIn(run.status, (None, 0))
@@ -108,13 +111,28 @@ class FaultCase(kills.KillCase):
 
     def failAt(self, operation, number, error, onwards=False):
         """The call fails, and from it on any other as well if `onwards`."""
+        self.orphans = frozenset()
         run = self.perform(operation, "--fail-from" if onwards else "--fail-at", number,
                            "--error", error)
+        failed = run.calls[number - 1:] if onwards else run.calls[number - 1:number]
+        self.orphans = {os.path.basename(call.path) for call in failed
+                        if call.name in power_loss.ENDS and call.path.endswith(".qvkeys")}
         with self.told(run):
             self.assertIn(run.status, (0, 1))
             if run.status == 1 and not onwards:
                 self.assertReported(operation, run)
             self.assertJudged(operation, run)
+            if run.status == 0 and not onwards:
+                self.assertSynced(run, failed)
+
+    def assertSynced(self, run, failed):
+        """Success was not reported in spite of a sync that failed and was not tried again, but for
+        hiding an item, which is best effort."""
+        for call in failed:
+            if call.name in power_loss.SYNCS and call.place == "disk" and call.program != "in-place":
+                later = {other.path for other in run.calls[call.number:]
+                         if other.name in power_loss.SYNCS}
+                self.assertIn(call.path, later)
 
     def assertJudged(self, operation, run):
         operation.assertNothingLost()
