@@ -101,20 +101,22 @@ class FaultCase(kills.KillCase):
         self.latest = parsed(log.read_text(), result.stdout)
         return self.latest
 
-    def killAt(self, operation, number):
-        """Everything is killed before this call, unless the run ends before it comes so far."""
+    def killAt(self, operation, number, by=None):
+        """Everything is killed before this call, which is one of all or of those that a program
+        makes, unless the run ends before it comes so far."""
         self.orphans = frozenset()
-        run = self.perform(operation, "--stop-at", number, settle=0)
+        run = self.perform(operation, "--stop-at", number, *counting(by), settle=0)
         with self.told(run):
             self.assertIn(run.status, (None, 0))
             self.assertJudged(operation, run)
 
-    def failAt(self, operation, number, error, onwards=False):
-        """The call fails, and from it on any other as well if `onwards`."""
+    def failAt(self, operation, number, error, onwards=False, by=None):
+        """Such a call fails, and from it on any other as well if `onwards`."""
         self.orphans = frozenset()
         run = self.perform(operation, "--fail-from" if onwards else "--fail-at", number,
-                           "--error", error)
-        failed = run.calls[number - 1:] if onwards else run.calls[number - 1:number]
+                           "--error", error, *counting(by))
+        failed = [call for call in run.calls if by in (None, call.program)][number - 1:]
+        failed = run.calls[failed[0].number - 1:] if onwards and failed else failed[:1]
         self.orphans = {os.path.basename(call.path) for call in failed
                         if call.name in power_loss.ENDS and call.path.endswith(".qvkeys")}
         with self.told(run):
@@ -172,10 +174,15 @@ def parsed(log, says):
     return Run(calls, status, end[2] == "attended", says)
 
 
-def points(calls, tools):
-    """The numbers of calls to make faults at: all that qv makes itself, and as many of its tools'."""
-    source = random.Random(SEED)
-    disk = [call for call in calls if call.place == "disk"]
-    own = [call.number for call in disk if call.program in ("qv", "in-place")]
-    others = [call.number for call in disk if call.program not in ("qv", "in-place")]
-    return sorted(own + source.sample(others, min(tools, len(others))))
+def counting(program):
+    return ["--by", program] if program else []
+
+
+def points(calls, own, tools):
+    """Numbers of calls to make faults at, each with the program whose calls it counts: all of the
+    program `own`, and so many of its tools' among all calls."""
+    disk = [call.number for call in calls if call.place == "disk" and call.program != own]
+    chosen = random.Random(SEED).sample(disk, min(tools, len(disk)))
+    count = sum(call.program == own for call in calls)
+    return [(number, None) for number in sorted(chosen)] + [
+        (number, own) for number in range(1, count + 1)]

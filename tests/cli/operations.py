@@ -15,6 +15,7 @@ KEY = ".Docs.quillvane.qvkeys"
 class Operation:
     """One for each test case, whose `work` it happens in. What fails there fails the test."""
 
+    program = "qv"  # the one that carries it out, by means of others
     secrets = PASSWORD  # what its commands read
     # What qv says when it fails and leaves more than there was.
     leaves = ()
@@ -121,6 +122,8 @@ class Change(Operation):
 
 class Open(Operation):
     """Opening in place."""
+
+    program = "in-place"
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item]]

@@ -36,17 +36,18 @@ class Sampled:
 
     def testKilled(self):
         operation, run = self.whole()
-        for number in faulted.points(run.calls, self.tools):
-            with self.subTest(number):
-                self.killAt(operation, number)
+        for number, program in faulted.points(run.calls, operation.program, self.tools):
+            with self.subTest(f"{number} of {program or 'all'}"):
+                self.killAt(operation, number, program)
 
     def testFailing(self):
         operation, run = self.whole()
         source = random.Random(SEED)
-        for number in faulted.points(run.calls, self.errors):
-            error = source.choice(ERRORS)
-            with self.subTest(f"{number} {error}"):
-                self.failAt(operation, number, error, onwards=source.random() < 0.3)
+        for number, program in faulted.points(run.calls, operation.program, self.errors):
+            error, onwards = source.choice(ERRORS), source.random() < 0.3
+            how = "on" if onwards else "once"
+            with self.subTest(f"{number} of {program or 'all'} {error} {how}"):
+                self.failAt(operation, number, error, onwards, program)
 
 
 class ProtectAsUser(Sampled, FaultCase):

@@ -9,6 +9,7 @@
 //   --stop-at NUMBER     everything is killed before this call
 //   --fail-at NUMBER     this call fails with --error
 //   --fail-from NUMBER   this and all later ones do that can
+//   --by PROGRAM         the number counts only the calls of this one, as the log names it
 //   --error ENOSPC|EIO|EACCES
 //   --settle SECONDS     how long other processes may take to end after the last command
 //
@@ -62,6 +63,8 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
         setFault(arguments.fault, Fault::Kind::error, value);
     else if (name == "--fail-from")
         setFault(arguments.fault, Fault::Kind::errors, value);
+    else if (name == "--by")
+        arguments.fault.program = value;
     else if (name == "--error")
         arguments.fault.error = errorNamed(value);
     else if (name == "--settle")

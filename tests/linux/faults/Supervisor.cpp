@@ -91,10 +91,11 @@ void Supervisor::takeCall() {
     const Observation observation = Observation::of(request, call, directory_);
     requireSeen(request, call, observation);
     if (!changesDirectory(request, call, observation)) return answer(request.id, 0);
-    ++count_;
-    record(request, call, observation);
-    stopped_ = fault_.kind == Fault::Kind::stop && count_ == fault_.at;
-    if (!stopped_) answer(request.id, fails(call) ? fault_.error : 0);
+    const std::string program = programOf(static_cast<pid_t>(request.pid));
+    record(program, call, observation);
+    const bool now = isFaultAt(program);
+    stopped_ = now && fault_.kind == Fault::Kind::stop;
+    if (!stopped_) answer(request.id, fails(call, now) ? fault_.error : 0);
 }
 
 bool Supervisor::changesDirectory(const seccomp_notif& request, const Call& call,
@@ -116,17 +117,22 @@ void Supervisor::requireSeen(const seccomp_notif& request, const Call& call,
                                  " for writing, which hides what is written");
 }
 
-void Supervisor::record(const seccomp_notif& request, const Call& call,
+void Supervisor::record(const std::string& program, const Call& call,
                         const Observation& observation) {
-    log_ << count_ << '\t' << escaped(programOf(static_cast<pid_t>(request.pid))) << '\t'
-         << call.name << '\t' << observation.place << '\t' << escaped(observation.path);
+    log_ << ++count_ << '\t' << escaped(program) << '\t' << call.name << '\t' << observation.place
+         << '\t' << escaped(observation.path);
     if (call.second.given()) log_ << '\t' << escaped(observation.secondPath);
     log_ << '\n';
 }
 
-bool Supervisor::fails(const Call& call) const {
-    if (fault_.kind == Fault::Kind::error) return count_ == fault_.at;
-    if (fault_.kind != Fault::Kind::errors || count_ < fault_.at) return false;
+bool Supervisor::isFaultAt(const std::string& program) {
+    if (!fault_.program.empty() && fault_.program != program) return false;
+    return ++faultCount_ == fault_.at;
+}
+
+bool Supervisor::fails(const Call& call, bool now) const {
+    if (fault_.kind == Fault::Kind::error) return now;
+    if (fault_.kind != Fault::Kind::errors || faultCount_ < fault_.at) return false;
     return fault_.error != ENOSPC || call.effect == Effect::grow;
 }
 

@@ -15,6 +15,7 @@ struct Fault {
         errors, ///< the call fails, and so does each later one that the error would befall
     } kind = Kind::none;
     std::uint64_t at = 0; ///< the call's number; the first is 1
+    std::string program;  ///< counting only the calls of this one; of all when empty
     int error = 0;
 };
 
@@ -52,8 +53,10 @@ private:
                           const Observation& observation) const;
     void requireSeen(const seccomp_notif& request, const Call& call,
                      const Observation& observation) const;
-    void record(const seccomp_notif& request, const Call& call, const Observation& observation);
-    bool fails(const Call& call) const;
+    void record(const std::string& program, const Call& call, const Observation& observation);
+    /// Counts a call of this program.
+    bool isFaultAt(const std::string& program);
+    bool fails(const Call& call, bool now) const;
     void answer(std::uint64_t id, int error) const;
     void writeEnd();
 
@@ -64,6 +67,7 @@ private:
     std::ostream& log_;
     Clock::time_point deadline_;
     std::uint64_t count_ = 0;
+    std::uint64_t faultCount_ = 0; ///< of the calls that the fault's number counts
     bool counting_ = false;
     bool stopped_ = false;
     bool alone_ = false;
