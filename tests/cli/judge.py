@@ -1,5 +1,5 @@
-"""What is left of a folder and its item when an operation was cut short is judged here, on copies, and
-from images that are opened anew."""
+"""What is left of a folder and its item when an operation was cut short is judged here, on copies,
+and from images that are opened anew."""
 
 import base64
 import os

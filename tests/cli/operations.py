@@ -50,9 +50,10 @@ class Operation:
         self.assertEntries(ITEM, KEY)
         self.assertItem()
 
-    def startAgain(self):
-        """Brings what was cut short to a clean end, as the program does when it starts again. An
-        operation that the program can finish or undo has that here."""
+    def startAgain(self, where):
+        """The operation is begun again after it was cut short or has failed, with everything where
+        `assertNothingLost` has found it. Whatever finishes or undoes interrupted work belongs here,
+        and then that nothing hidden stays."""
 
     def assertEntries(self, *names):
         """These are there, and key files that could not be removed, which is no failure."""
@@ -84,6 +85,11 @@ class Protect(Operation):
     def assertAsBefore(self):
         self.assertEntries("Docs")
         self.assertFolder()
+
+    def startAgain(self, where):
+        if where == "folder":
+            self.case.succeed("lock", self.case.work / "Docs")
+            self.assertItem()
 
 
 class Remove(Operation):
@@ -119,6 +125,10 @@ class Change(Operation):
         self.assertEntries(ITEM, KEY)
         self.case.assertEqual("old", self.assertNothingLost())
 
+    def startAgain(self, where):
+        current = PASSWORD if where == "old" else NEW_PASSWORD
+        self.case.succeed("change", self.item, secrets=(current, "the last password"))
+
 
 class Open(Operation):
     """Opening in place."""
@@ -141,7 +151,7 @@ class Open(Operation):
     def assertTidy(self):
         self.assertEntries(ITEM, KEY, "Docs", ".hidden")
 
-    def startAgain(self):
+    def startAgain(self, where):
         result = self.case.run_(in_place.DRIVER, "recover", self.item)
         self.case.assertEqual((0, "", ""), (result.returncode, result.stdout, result.stderr))
         for unfinished in self.case.work.glob(".quillvane-*.tmp"):
