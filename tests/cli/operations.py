@@ -69,7 +69,8 @@ class Operation:
 
 
 class Protect(Operation):
-    leaves = ("Couldn't eject the volume.", "Your data is safe in the vault", "Final rename failed.")
+    leaves = ("Couldn't eject the volume.", "Your data is safe in the vault",
+              "Final rename failed.")
 
     def prepare(self):
         self.case.startWithFolder()

@@ -1,5 +1,5 @@
-"""What would be on the disk if the power failed, as far as the log of a run tells: a file's contents
-last once it was synced, its name and the end of a name once the directory was."""
+"""What would be on the disk if the power failed, as far as the log of a run tells: a file's
+contents last once it was synced, its name and the end of a name once the directory was."""
 
 import os
 
@@ -9,8 +9,8 @@ CONTENTS = {
     "fchownat", "chown", "lchown", "utimensat", "setxattr", "lsetxattr", "fsetxattr", "removexattr",
     "lremovexattr", "fremovexattr", "ioctl",
 }
-NEW_NAMES = {"openat", "openat2", "open", "creat", "mkdir", "mkdirat", "mknod", "mknodat", "symlink",
-             "symlinkat"}
+NEW_NAMES = {"openat", "openat2", "open", "creat", "mkdir", "mkdirat", "mknod", "mknodat",
+             "symlink", "symlinkat"}
 SECOND_NAMES = {"link", "linkat"}
 MOVES = {"rename", "renameat", "renameat2"}
 ENDS = {"unlink", "unlinkat", "rmdir"}

@@ -1,9 +1,10 @@
-"""Everything is killed at system calls picked from all that change the disk, and such calls fail, the
-same ones each time: nothing is lost, and no more is claimed than is true. `faults` does it at all of
-them. Needs root, to supervise programs of any user."""
+"""Everything is killed at system calls picked from all that change the disk, and such calls fail:
+nothing is lost, and no more is claimed than is true. `faults` does it at all of them. Needs root,
+to supervise programs of any user."""
 
 import random
 import subprocess
+import sys
 import unittest
 
 import faulted
@@ -198,8 +199,9 @@ class JudgeTest(FaultCase):
     def testFilesWrittenUnseen(self):
         class Maps(operations.Protect):
             def commands(self):
-                return [["/usr/bin/python3", "-c",
-                         "import mmap; file = open('Docs/photo', 'r+b'); mmap.mmap(file.fileno(), 0)"]]
+                return [[sys.executable, "-c",
+                         "import mmap;"
+                         "file = open('Docs/photo', 'r+b'); mmap.mmap(file.fileno(), 0)"]]
         with self.assertRaisesRegex(AssertionError, "maps work/Docs/photo for writing"):
             self.perform(Maps(self))
 
