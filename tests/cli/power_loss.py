@@ -41,14 +41,12 @@ class Disk:
         elif call.name in MOVES:
             self._moves(call.path, call.second)
         elif call.name in ENDS:
-            self.existing.discard(call.path)
-            self.contents.discard(call.path)
-            self.names.add(call.path)
+            self._ends(call.path)
         elif call.name in CONTENTS:
             self.contents.add(call.path)
 
     def lasts(self, path):
-        """Whether a file, or everything in a folder, is there to stay."""
+        """Whether a file, or a folder with everything in it, is there to stay."""
         return path in self.existing and not self.unsettled(path)
 
     def unsettled(self, path):
@@ -60,6 +58,14 @@ class Disk:
         if path not in self.existing:
             self.existing.add(path)
             self.names.add(path)
+
+    def _ends(self, path):
+        """What was below it went before, and comes back with it or not at all."""
+        gone = set(self.unsettled(path))
+        self.contents -= gone
+        self.names -= gone
+        self.existing.discard(path)
+        self.names.add(path)
 
     def _moves(self, path, target):
         self.existing.discard(path)
