@@ -178,11 +178,11 @@ def counting(program):
     return ["--by", program] if program else []
 
 
-def points(calls, own, tools):
-    """Numbers of calls to make faults at, each with the program whose calls it counts: all of the
-    program `own`, and so many of its tools' among all calls."""
+def points(calls, own, tools, every=1):
+    """Numbers of calls to make faults at, each with the program whose calls it counts: every one,
+    or one in `every`, of the program `own`, and so many of its tools' among all calls."""
     disk = [call.number for call in calls if call.place == "disk" and call.program != own]
     chosen = random.Random(SEED).sample(disk, min(tools, len(disk)))
     count = sum(call.program == own for call in calls)
     return [(number, None) for number in sorted(chosen)] + [
-        (number, own) for number in range(1, count + 1)]
+        (number, own) for number in range(every, count + 1, every)]

@@ -22,8 +22,9 @@ class Sampled:
     """What is tried with each operation."""
 
     operation = None
-    tools = 20  # calls of the tools at which everything is killed
-    errors = 15
+    every = 1  # one in so many calls of the operation's own program
+    tools = 20  # calls of its tools at which everything is killed
+    errors = 15  # and that fail
 
     def whole(self):
         """The operation, and a run without a fault."""
@@ -37,14 +38,16 @@ class Sampled:
 
     def testKilled(self):
         operation, run = self.whole()
-        for number, program in faulted.points(run.calls, operation.program, self.tools):
+        for number, program in faulted.points(run.calls, operation.program, self.tools,
+                                              self.every):
             with self.subTest(f"{number} of {program or 'all'}"):
                 self.killAt(operation, number, program)
 
     def testFailing(self):
         operation, run = self.whole()
         source = random.Random(SEED)
-        for number, program in faulted.points(run.calls, operation.program, self.errors):
+        for number, program in faulted.points(run.calls, operation.program, self.errors,
+                                              self.every):
             error, onwards = source.choice(ERRORS), source.random() < 0.3
             how = "on" if onwards else "once"
             with self.subTest(f"{number} of {program or 'all'} {error} {how}"):
@@ -74,6 +77,7 @@ class ProtectAsUser(Sampled, FaultCase):
 
 class ProtectAsRoot(Sampled, FaultCase):
     operation = operations.Protect
+    every = 3
     tools = 5
     errors = 3
 
@@ -94,6 +98,7 @@ class RemoveAsUser(Sampled, FaultCase):
 
 class RemoveAsRoot(Sampled, FaultCase):
     operation = operations.Remove
+    every = 3
     tools = 5
     errors = 3
 
