@@ -78,7 +78,7 @@ class FaultCase(kills.KillCase):
         for place in (self.scene, self.work, self.scene / "home", self.scene / "runtime"):
             place.mkdir(mode=0o700)
 
-    def perform(self, operation, *fault, settle=5):
+    def perform(self, operation, *fault, settle=None):
         """One run from the start; the fault is made of options of `faults`."""
         operation.prepare()
         secrets, log = self.directory / "secrets", self.directory / "log"
@@ -87,7 +87,7 @@ class FaultCase(kills.KillCase):
             self.giveAway(self.scene)
             fault += ("--user", self.user)
         words = [FAULTS, "--below", self.scene, "--log", log, "--stdin", secrets,
-                 "--settle", settle, *fault]
+                 "--settle", operation.settling if settle is None else settle, *fault]
         for number, command in enumerate(operation.commands()):
             words += ["--then"] * (number > 0) + command
         environment = self.environment | {"HOME": str(self.scene / "home"),
@@ -126,6 +126,7 @@ class FaultCase(kills.KillCase):
             self.assertJudged(operation, run)
             if run.status == 0 and not onwards:
                 self.assertSynced(run, failed)
+                self.assertEqual(operation.serving[0], run.attended)
 
     def assertSynced(self, run, failed):
         """Success was not reported in spite of a sync that failed, unless it was tried again or the
@@ -147,6 +148,7 @@ class FaultCase(kills.KillCase):
         """A failure leaves what there was, unless its message says more."""
         lines = run.says.splitlines()
         if not any(line.startswith(operation.leaves) for line in lines):
+            self.assertEqual(operation.serving[1], run.attended)
             operation.assertAsBefore()
 
     @contextlib.contextmanager

@@ -17,6 +17,8 @@ class Operation:
 
     program = "qv"  # the one that carries it out, by means of others
     secrets = PASSWORD  # what its commands read
+    serving = {0: False, 1: False}  # whether the volume is served in the end, by exit status
+    settling = 5  # seconds that other processes may take to end
     # What qv says when it fails and leaves more than there was.
     leaves = ()
 
@@ -135,6 +137,8 @@ class Open(Operation):
     """Opening in place."""
 
     program = "in-place"
+    serving = {0: True, 1: False}
+    settling = 2
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item]]
@@ -162,6 +166,8 @@ class Open(Operation):
 
 class Close(Open):
     """Closing in place, right after something was written."""
+
+    serving = {0: False, 1: True}
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item],
