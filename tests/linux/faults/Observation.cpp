@@ -143,7 +143,7 @@ Observation Observation::of(const seccomp_notif& request, const Call& call,
 
 std::string programOf(pid_t process) {
     const std::string line = readFile(procPath(process, "cmdline"));
-    const std::string name = fs::path(line.c_str()).filename().string();
+    std::string name = fs::path(line.c_str()).filename().string();
     if (name != "hdiutil" || line.size() <= std::strlen(line.c_str()) + 1) return name;
     return name + " " + (line.c_str() + std::strlen(line.c_str()) + 1);
 }
