@@ -108,6 +108,22 @@ void fullSync(int fd);
 /// its entry in the parent directory. Throws `std::system_error`.
 void syncCopiedFolder(const std::filesystem::path& folder);
 
+/// Where the program keeps what it must remember of this user between two runs, beside the
+/// preferences; an absolute path that need not exist. Throws `std::system_error` when the user has
+/// no home.
+std::filesystem::path stateDirectory();
+/// Takes another place, for tests; the empty path brings the system's own back. To be called while
+/// no operation runs.
+void setStateDirectory(std::filesystem::path directory);
+
+/// Gives a file another name in the same directory, and fails where there is something by that name
+/// already; where the file system cannot see to that, something that appears in the very moment is
+/// replaced. Throws `std::filesystem::filesystem_error`.
+void renameWithoutReplacing(const std::filesystem::path& from, const std::filesystem::path& to);
+/// True while a program makes or serves a volume in the image file, and when the system does not
+/// let us look.
+bool isImageInUse(const std::filesystem::path& imagePath);
+
 /// Two ends of a new pipe, neither inherited by any child. Throws `std::system_error`.
 struct Pipe {
     int readEnd = -1;

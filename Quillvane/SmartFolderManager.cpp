@@ -68,6 +68,8 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
             endBusy();
             recoveryKeyToShow_ = std::move(creation->result.recoveryKey);
             emit recoveryKeyToShowChanged();
+            offMain([creation] { VaultEngine::recoveryKeyShown(creation->result); },
+                    [](const std::exception_ptr&) {});
             QString message =
                 "Smart folder created:\n" +
                 QString::fromStdString(creation->result.container.filename().string()) + "\n\n";

@@ -11,16 +11,20 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
 
+class OperationNote;
+
 /// The operations on protected items.
 ///
 /// All are synchronous, keep no state and may run on any thread; a window's would freeze. They fail
-/// with `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled` or
-/// `std::filesystem::filesystem_error`; each function says which.
+/// with `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled`,
+/// `InterruptedWorkError`, `OperationNoteError` or `std::filesystem::filesystem_error`; each
+/// function says which.
 namespace VaultEngine {
 
 using Path = std::filesystem::path;
@@ -33,7 +37,12 @@ struct LockResult {
     /// A sentence about what stays in the folder because it came at the last moment and is not in
     /// the item; empty when the folder is gone.
     std::string leftBehind;
+    /// Tells later that the recovery key may not have been shown, unless `recoveryKeyShown` ends
+    /// it.
+    std::shared_ptr<OperationNote> note;
 };
+/// To be called when the user has seen the recovery key, or can see it now.
+void recoveryKeyShown(const LockResult& result) noexcept;
 
 /// What opening an item yields; kept to close the volume later.
 struct OpenResult {
@@ -51,10 +60,12 @@ struct SmartMount {
 };
 
 /// Turns the folder into the item "<folder name>.quillvane" beside it. `cancellation` is honoured
-/// until the original begins to be deleted. A folder that changes meanwhile is a failure
-/// (verificationFailed) and stays; so does one in which another program writes to a file. Throws
-/// `VaultError`, `RecoveryError` (wrapFailed), `ProcessLaunchError`, `OperationCancelled`, and
-/// `std::system_error` when a key file cannot be written.
+/// until the original begins to be deleted. What an interrupted attempt left is cleared away
+/// before; `InterruptedWorkError` when that had begun to delete the original. A folder that changes
+/// meanwhile is a failure (verificationFailed) and stays; so does one in which another program
+/// writes to a file. Throws `VaultError`, `RecoveryError` (wrapFailed), `ProcessLaunchError`,
+/// `OperationCancelled`, `OperationNoteError` with nothing changed, and `std::system_error` when a
+/// key file cannot be written.
 LockResult lock(const Path& folderURL, const Secret& password, const Secret& confirmPassword,
                 Filesystem filesystem, const ProgressCallback& progress,
                 Cancellation* cancellation = nullptr);
@@ -66,7 +77,9 @@ OpenResult open(const Path& imageURL, const Credential& credential,
                 const ProgressCallback& progress, const Cancellation* cancellation = nullptr);
 
 /// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
-/// is honoured until the item begins to be deleted. Throws what `open` throws.
+/// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
+/// away before, or finished where only the item was left to delete. Throws what `open` throws,
+/// `OperationCancelled`, `InterruptedWorkError`, and `OperationNoteError` with nothing changed.
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 

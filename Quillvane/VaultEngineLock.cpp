@@ -6,8 +6,10 @@
 #include "Fatal.h"
 #include "FolderExamination.h"
 #include "HeldFile.h"
+#include "InterruptedWork.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
+#include "OperationNote.h"
 #include "OperationProgress.h"
 #include "Platform.h"
 #include "RecordedRemoval.h"
@@ -18,6 +20,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <sys/stat.h>
 #include <system_error>
@@ -87,17 +90,36 @@ public:
     std::string run() {
         checkFolder();
         const std::int64_t bytes = measure();
-        createImage(bytes);
-        fillImage(bytes);
-        secureImage();
-        deleteOriginal();
-        moveImage();
+        beginNote();
+        try {
+            createImage(bytes);
+            fillImage(bytes);
+            secureImage();
+            deleteOriginal();
+            moveImage();
+        } catch (...) {
+            InterruptedWork::settle(*note_);
+            throw;
+        }
         progress_.report(1.0, "Done. Your folder is now protected.");
         return leftovers_.description();
     }
     const Path& target() const noexcept { return target_; }
 
+    const std::shared_ptr<OperationNote>& note() const noexcept { return note_; }
+
 private:
+    void beginNote() {
+        progress_.stopIfCancelled();
+        OperationNote::Contents contents;
+        contents.operation = OperationNote::Operation::protect;
+        contents.directory = parent_;
+        contents.folder = folder_.filename();
+        contents.item = target_.filename();
+        contents.image = image_.filename();
+        note_ = std::make_shared<OperationNote>(OperationNote::begin(std::move(contents)));
+    }
+
     void checkFolder() {
         progress_.stopIfCancelled();
         progress_.report(0.02, "Checking the folder…");
@@ -205,11 +227,20 @@ private:
             KeyStore::write(record_, image_);
             takeLastLook();
             progress_.stopIfCancelled();
+            noteDeletion();
         } catch (...) {
             KeyStore::remove(image_);
             removeImage();
             throw;
         }
+    }
+
+    /// From here on the folder is no longer taken for whole.
+    void noteDeletion() {
+        struct stat image {};
+        if (::lstat(image_.c_str(), &image) != 0)
+            throw VaultError::copyFailed(systemErrorText(errno));
+        note_->reach(OperationNote::Step::deleting, image.st_ino);
     }
 
     void syncImage() {
@@ -253,6 +284,15 @@ private:
         }
         if (!hasKeyFile) writeKeyFile();
         removeWorkingKeyFile();
+        noteEnd();
+    }
+
+    void noteEnd() {
+        try {
+            note_->reach(OperationNote::Step::done);
+        } catch (const fs::filesystem_error&) {
+            return; // the item, with the inode that was noted, says the same
+        }
     }
 
     /// So that the image is never without a key file under its new name. What goes wrong here is
@@ -308,6 +348,7 @@ private:
     HeldFile madeImage_;    ///< the image as it was made
     RecordedRemoval::Leftovers leftovers_;
     Filesystem filesystem_;
+    std::shared_ptr<OperationNote> note_;
     OperationProgress progress_;
 };
 
@@ -323,11 +364,16 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
     const Path folder = itemPath(folderURL);
     if (folder == folder.root_path() || Platform::isPackageOrVolumeRoot(folder))
         throw VaultError::sourceIsPackageOrHidden();
+    InterruptedWork::makeWayToProtect(folder);
     LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
                             cancellation);
     std::string leftBehind = operation.run();
     return {operation.target(), Base32::encodeGrouped(vaultKey.bytes(), recoveryKeyGroup),
-            std::move(leftBehind)};
+            std::move(leftBehind), operation.note()};
+}
+
+void recoveryKeyShown(const LockResult& result) noexcept {
+    if (result.note) result.note->remove();
 }
 
 } // namespace VaultEngine

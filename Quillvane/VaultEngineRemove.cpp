@@ -3,13 +3,18 @@
 #include "DurableFile.h"
 #include "ErrorText.h"
 #include "HeldFile.h"
+#include "InterruptedWork.h"
 #include "ItemPath.h"
 #include "KeyStore.h"
+#include "OperationNote.h"
 #include "OperationProgress.h"
 #include "Platform.h"
 #include "TreeRemoval.h"
 #include "VaultError.h"
 
+#include <cerrno>
+#include <optional>
+#include <sys/stat.h>
 #include <system_error>
 
 // Removing protection: the contents are copied into a new folder beside the item, which stays as
@@ -28,10 +33,16 @@ public:
 
     Path run(const Credential& credential) {
         checkItem();
-        const MountInfo mountInfo = mountItem(credential);
-        extract(mountInfo);
-        eject(mountInfo);
-        deleteItem();
+        try {
+            const MountInfo mountInfo = mountItem(credential);
+            extract(mountInfo);
+            eject(mountInfo);
+            deleteItem();
+        } catch (...) {
+            if (note_) InterruptedWork::settle(*note_);
+            throw;
+        }
+        note_->remove();
         progress_.report(1.0, "Done. It's a normal folder again.");
         return folder_;
     }
@@ -59,7 +70,24 @@ private:
         progress_.report(0.15, "Opening the item…");
         const Secret line = passwordData(passphrase(item_, credential, progress_.cancellation()));
         progress_.stopIfCancelled();
-        return attach(item_, line, /*browsable=*/false);
+        beginNote();
+        try {
+            return attach(item_, line, /*browsable=*/false);
+        } catch (...) {
+            // A volume that is open all the same is not ours.
+            note_->remove();
+            note_.reset();
+            throw;
+        }
+    }
+
+    void beginNote() {
+        OperationNote::Contents contents;
+        contents.operation = OperationNote::Operation::remove;
+        contents.directory = item_.parent_path();
+        contents.folder = folder_.filename();
+        contents.item = item_.filename();
+        note_ = OperationNote::begin(std::move(contents));
     }
 
     void extract(const MountInfo& mountInfo) {
@@ -91,6 +119,11 @@ private:
             throw fs::filesystem_error("cannot create", folder_,
                                        std::make_error_code(std::errc::file_exists));
         created_ = true;
+        struct stat made {};
+        if (::lstat(folder_.c_str(), &made) != 0)
+            throw fs::filesystem_error("cannot look at", folder_,
+                                       std::error_code(errno, std::generic_category()));
+        note_->reach(OperationNote::Step::made, made.st_ino);
     }
 
     void copyFrom(const Path& mountPoint) {
@@ -133,6 +166,7 @@ private:
             removeFolder();
             throw;
         }
+        note_->reach(OperationNote::Step::copied);
     }
 
     void deleteItem() {
@@ -171,6 +205,7 @@ private:
     Path folder_;
     HeldFile held_; ///< the item as it was found
     bool created_ = false;
+    std::optional<OperationNote> note_;
     OperationProgress progress_;
 };
 
@@ -178,7 +213,12 @@ private:
 
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation) {
-    return RemoveOperation(itemPath(locked), progress, cancellation).run(credential);
+    const Path item = itemPath(locked);
+    if (auto restored = InterruptedWork::makeWayToRemove(item, credential)) {
+        progress({1.0, "Done. It's a normal folder again."});
+        return *std::move(restored);
+    }
+    return RemoveOperation(item, progress, cancellation).run(credential);
 }
 
 } // namespace VaultEngine

@@ -98,7 +98,11 @@ void VaultViewModel::performLock() {
             lock->result = VaultEngine::lock(lock->folder, lock->password, lock->confirm,
                                              Filesystem::apfs, report, cancellation.get());
         },
-        [this, lock] { finishLock(lock->result); });
+        [this, lock] {
+            finishLock(lock->result);
+            scope_.start([lock] { VaultEngine::recoveryKeyShown(lock->result); },
+                         [](const std::exception_ptr&) {});
+        });
 }
 
 void VaultViewModel::performOpen() {

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <fcntl.h>
 #include <sys/attr.h>
 #include <sys/mount.h>
@@ -100,6 +101,25 @@ void syncCopiedFolder(const fs::path& folder) {
     // The copy tool leaves its files in the cache: flush the whole volume.
     if (::sync_volume_np(folder.c_str(), SYNC_VOLUME_FULLSYNC | SYNC_VOLUME_WAIT) != 0)
         throw std::system_error(errno, std::generic_category(), "sync_volume_np");
+}
+
+void renameWithoutReplacing(const fs::path& from, const fs::path& to) {
+    if (::renamex_np(from.c_str(), to.c_str(), RENAME_EXCL) == 0) return;
+    std::error_code error = lastError();
+    const bool unknown = error.value() == ENOTSUP || error.value() == EINVAL;
+    struct stat status {};
+    if (unknown && ::lstat(to.c_str(), &status) != 0)
+        fs::rename(from, to, error);
+    else if (unknown)
+        error.assign(EEXIST, std::generic_category());
+    if (error) throw fs::filesystem_error("cannot rename", from, to, error);
+}
+
+bool isImageInUse(const fs::path& imagePath) {
+    // The disk-image tool holds an attached image by such a lock.
+    const FileDescriptor fd(
+        ::open(imagePath.c_str(), O_RDONLY | O_EXLOCK | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    return !fd && errno != ENOENT;
 }
 
 } // namespace Platform

@@ -8,7 +8,7 @@
 #include <vector>
 
 const char* const usageLine =
-    "usage: qv lock|open|close|remove|change|smart [OPTION…] PATH   (qv --help)";
+    "usage: qv lock|open|close|remove|change|smart|finish|undo [OPTION…] PATH   (qv --help)";
 
 const char* const helpText =
     R"(qv - put a password on a folder, from the terminal
@@ -23,13 +23,18 @@ usage:
                               folder is closed: some time after it was opened, when the screen is
                               locked, at logout, or by Ctrl-C
   qv smart --close ITEM       close the item's folder
+  qv finish                   list what was interrupted, by a crash or a power failure
+  qv finish FOLDER|ITEM       finish the interrupted protection of the folder, or the interrupted
+                              removal of the item's protection
+  qv undo FOLDER|ITEM         bring back what was there before it
 
 options:
   --recovery-key   ask for the recovery key in place of the password (open, remove, change,
-                   smart)
+                   smart; finish and undo of a removal)
   --stdin          read the secrets from standard input, one on each line, in the order in which
                    they are asked for; a new password is given once (lock: the new password;
-                   open, remove, smart: the password; change: the current one, then the new one)
+                   open, remove, smart: the password; change: the current one, then the new one;
+                   finish, undo: the password, if it takes one)
   --minutes N      smart: close the folder after N minutes, and while a file in it is open try
                    again after as many (1 to 1440; 5 if not given)
   --               what follows is a path, even if it begins with "-"
@@ -37,7 +42,8 @@ options:
   --version        show the version
 
 Standard output carries results alone: lock prints the item's path and then its recovery key,
-which is shown this once; open prints the mount point, remove and smart the folder's path.
+which is shown this once; open prints the mount point, remove and smart the folder's path, finish and undo the path of what
+there is then.
 
 exit status: 0 done, 1 failed, 2 wrong usage)";
 
@@ -49,7 +55,7 @@ Command commandNamed(const std::string& word) {
     static const std::map<std::string_view, Command> commands{
         {"lock", Command::lock},     {"open", Command::open},     {"close", Command::close},
         {"remove", Command::remove}, {"change", Command::change}, {"smart", Command::smart},
-        {"help", Command::help},
+        {"finish", Command::finish}, {"undo", Command::undo},     {"help", Command::help},
     };
     const auto found = commands.find(word);
     if (found == commands.end()) throw UsageError("There is no command \"" + word + "\".");
@@ -69,8 +75,9 @@ int minutesFrom(const std::string& word) {
 
 /// Which options a command understands, and that it has its operand.
 void check(const Arguments& arguments, const std::string& name) {
-    if (arguments.operand.empty()) throw UsageError("\"" + name + "\" needs a path.");
     const Command command = arguments.command;
+    if (arguments.operand.empty() && command != Command::finish)
+        throw UsageError("\"" + name + "\" needs a path.");
     if (command != Command::smart && (arguments.minutes || arguments.closeSmartFolder)) {
         throw UsageError("Only \"smart\" takes --minutes and --close.");
     }

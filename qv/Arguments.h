@@ -7,10 +7,11 @@
 
 /// What a command line asks for.
 struct Arguments {
-    enum class Command { lock, open, close, remove, change, smart, help, version };
+    enum class Command { lock, open, close, remove, change, smart, finish, undo, help, version };
 
     Command command = Command::help;
-    /// The folder, item or mount point, as typed; empty for help and version.
+    /// The folder, item or mount point, as typed; empty for help and version, and for `finish`
+    /// when it is to list what was interrupted.
     std::string operand;
     bool secretsFromStandardInput = false;
     bool useRecoveryKey = false;

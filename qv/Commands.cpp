@@ -7,11 +7,11 @@
 #include "Quillvane/Platform.h"
 #include "Quillvane/VaultEngine.h"
 #include "Quillvane/VaultError.h"
+#include "qv/InterruptedCommands.h"
 #include "qv/Interruption.h"
 #include "qv/ProgressDisplay.h"
 #include "qv/ResultOutput.h"
-#include "qv/SecretLines.h"
-#include "qv/SecretPrompt.h"
+#include "qv/SecretChoice.h"
 #include "qv/SmartFolder.h"
 
 #include <algorithm>
@@ -42,17 +42,6 @@ fs::path existingItem(const std::string& operand) {
     return path;
 }
 
-std::unique_ptr<SecretSource> secretSource(const Arguments& arguments) {
-    if (arguments.secretsFromStandardInput) return std::make_unique<SecretLines>();
-    return std::make_unique<SecretPrompt>();
-}
-
-Credential askCredential(SecretSource& source, const Arguments& arguments,
-                         std::string_view passwordName) {
-    if (arguments.useRecoveryKey) return Credential::recoveryKey(source.existing("Recovery key"));
-    return Credential::password(source.existing(passwordName));
-}
-
 void lock(const Arguments& arguments) {
     const fs::path folder = itemPath(arguments.operand);
     requireExistence(folder);
@@ -68,6 +57,7 @@ void lock(const Arguments& arguments) {
     if (!result.leftBehind.empty()) printMessage(result.leftBehind);
     try {
         printResult({result.container.native(), result.recoveryKey.text()});
+        VaultEngine::recoveryKeyShown(result);
     } catch (const std::system_error& error) {
         throw std::runtime_error("The folder is protected, but its recovery key couldn't be "
                                  "printed. Remove the protection and protect it again to get "
@@ -178,6 +168,9 @@ void change(const Arguments& arguments) {
 } // namespace
 
 void runCommand(const Arguments& arguments) {
+    if (arguments.command == Arguments::Command::finish) return finishInterrupted(arguments);
+    if (arguments.command == Arguments::Command::undo) return undoInterrupted(arguments);
+    tellInterrupted(arguments.operand);
     switch (arguments.command) {
     case Arguments::Command::lock:
         return lock(arguments);
@@ -191,6 +184,9 @@ void runCommand(const Arguments& arguments) {
         return change(arguments);
     case Arguments::Command::smart:
         return arguments.closeSmartFolder ? closeSmartFolder(arguments) : smart(arguments);
+    case Arguments::Command::finish:
+    case Arguments::Command::undo:
+        break; // see above
     case Arguments::Command::help:
     case Arguments::Command::version:
         break; // not operations

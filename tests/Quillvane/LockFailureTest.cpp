@@ -1,4 +1,5 @@
 #include "Quillvane/ErrorText.h"
+#include "Quillvane/OperationNote.h"
 #include "tests/Quillvane/LockFixture.h"
 
 #include <gmock/gmock.h>
@@ -142,6 +143,13 @@ TEST_F(LockFailureTest, TooLittleSpaceIsTold) {
     EXPECT_TRUE(tools.calls().empty());
 }
 
+TEST_F(LockFailureTest, WhatCannotBeNotedIsNotBegun) {
+    writeFile(tools.stateDirectory(), "in the way");
+    EXPECT_THROW(lock(), OperationNoteError);
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
+}
+
 TEST_F(LockFailureTest, CreateFailureLeavesNoImage) {
     tools.play("hdiutil", "create",
                "for image; do :; done; echo half > \"$image\"; echo ' no room ' >&2; exit 1");
@@ -205,6 +213,7 @@ TEST_F(LockFailureTest, DetachFailureKeepsFolderAndImage) {
     tools.play("hdiutil", "detach", "echo stuck >&2; exit 1");
     EXPECT_EQ(lockError().errorDescription(), "Couldn't eject the volume.\nstuck");
     EXPECT_EQ(names().size(), 2U);
+    EXPECT_EQ(tools.notes().size(), 1U);
     EXPECT_EQ(readFile(workingImage()), "image");
     EXPECT_EQ(readFile(docs / "file"), "contents");
 }

@@ -77,6 +77,7 @@ protected:
         EXPECT_EQ(names(), std::vector<std::string>{"My Docs"});
         EXPECT_EQ(readFile(docs / "file"), "contents");
         EXPECT_EQ(readFile(docs / "inner/deep"), "deeper");
+        EXPECT_TRUE(tools.notes().empty());
     }
 
     RecordingTools tools;

@@ -179,6 +179,23 @@ TEST_F(LockTest, WhatAppearsAtTheTargetMeanwhileGivesWay) {
     EXPECT_EQ(names().size(), 2U);
 }
 
+TEST_F(LockTest, ItsNoteTellsHowFarItCame) {
+    const auto note = [this] { return readFile(tools.notes().at(0)); };
+    actions["Creating the encrypted vault"] = [&] {
+        EXPECT_THAT(note(), testing::HasSubstr("\"folder\":\"My%20Docs\""));
+    };
+    actions["Ejecting the vault…"] = [&] {
+        EXPECT_THAT(note(), testing::Not(testing::HasSubstr("deleting")));
+    };
+    actions["Deleting the original folder…"] = [&] {
+        EXPECT_THAT(note(), testing::HasSubstr("\ndeleting "));
+    };
+    const auto result = lock();
+    EXPECT_THAT(note(), testing::HasSubstr("\ndone "));
+    VaultEngine::recoveryKeyShown(result);
+    EXPECT_TRUE(tools.notes().empty());
+}
+
 TEST_F(LockTest, AnyMomentAfterTheOriginalWentHasAKeyFileBesideTheImage) {
     actions["Finalizing the encrypted item…"] = [this] {
         EXPECT_FALSE(fs::exists(docs));

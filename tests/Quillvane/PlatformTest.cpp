@@ -1,4 +1,5 @@
 #include "Quillvane/Platform.h"
+#include "Quillvane/FileDescriptor.h"
 #include "Quillvane/VaultEngine.h"
 #include "linux/VolumeName.h"
 #include "tests/support/FuseMount.h"
@@ -6,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -303,6 +305,39 @@ TEST(Platform, SyncsFoldersAndTellsWhatCannotBe) {
     EXPECT_NO_THROW(Platform::syncCopiedFolder(folder / "copied"));
     EXPECT_THROW(Platform::syncCopiedFolder(folder / "missing"), std::system_error);
     EXPECT_THROW(Platform::fullSync(-1), std::system_error);
+}
+
+TEST(Platform, RenamesOverNothing) {
+    const TemporaryFolder folder;
+    writeFile(folder / "a", "a");
+    writeFile(folder / "b", "b");
+    fs::create_symlink("missing", folder / "link");
+    for (const char* taken : {"b", "link"})
+        EXPECT_THROW(Platform::renameWithoutReplacing(folder / "a", folder / taken),
+                     fs::filesystem_error);
+    EXPECT_EQ(readFile(folder / "b"), "b");
+    Platform::renameWithoutReplacing(folder / "a", folder / "c");
+    EXPECT_EQ(readFile(folder / "c"), "a");
+    EXPECT_FALSE(fs::exists(folder / "a"));
+    EXPECT_THROW(Platform::renameWithoutReplacing(folder / "a", folder / "d"),
+                 fs::filesystem_error);
+}
+
+TEST(Platform, KnowsAnImageInUseByItsLock) {
+    const TemporaryFolder folder;
+    const fs::path image = folder / "image";
+    EXPECT_FALSE(Platform::isImageInUse(image));
+    writeFile(image, "image");
+    fs::permissions(image, fs::perms::owner_read);
+    EXPECT_FALSE(Platform::isImageInUse(image));
+    fs::permissions(image, fs::perms::owner_all);
+    FileDescriptor fd(::open(image.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    ASSERT_EQ(::fcntl(fd.get(), F_OFD_SETLK, &range), 0);
+    EXPECT_TRUE(Platform::isImageInUse(image));
+    fd.reset();
+    EXPECT_FALSE(Platform::isImageInUse(image));
 }
 
 } // namespace

@@ -1,6 +1,7 @@
 #include "Quillvane/FileDescriptor.h"
 #include "Quillvane/KeyStore.h"
 #include "Quillvane/OperationCancelled.h"
+#include "Quillvane/OperationNote.h"
 #include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultEngine.h"
 #include "Quillvane/VaultError.h"
@@ -18,6 +19,8 @@ namespace {
 
 namespace fs = std::filesystem;
 using Case = VaultError::Case;
+using testing::HasSubstr;
+using testing::Not;
 
 /// An item "My Docs.quillvane" whose volume, played by a folder, holds files.
 class RemoveTest : public testing::Test {
@@ -53,6 +56,7 @@ protected:
         EXPECT_EQ(readFile(item), "image");
         EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
         EXPECT_FALSE(fs::exists(fs::symlink_status(docs)));
+        EXPECT_TRUE(tools.notes().empty());
     }
 
     RecordingTools tools;
@@ -222,6 +226,29 @@ TEST_F(RemoveTest, AnItemThatCannotBeDeletedKeepsBoth) {
                   item.string() + "\" couldn't be deleted. Delete it manually.");
     EXPECT_EQ(readFile(docs / "file"), "contents");
     EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
+}
+
+TEST_F(RemoveTest, ItsNoteTellsHowFarItCame) {
+    const auto note = [this] { return readFile(tools.notes().at(0)); };
+    actions["Creating the folder"] = [&] { EXPECT_THAT(note(), Not(HasSubstr("made"))); };
+    actions["Extracting contents…"] = [&] { EXPECT_THAT(note(), HasSubstr("\nmade ")); };
+    actions["Ejecting the item…"] = [&] { EXPECT_THAT(note(), Not(HasSubstr("copied"))); };
+    actions["Deleting the encrypted item…"] = [&] { EXPECT_THAT(note(), HasSubstr("\ncopied ")); };
+    remove();
+    EXPECT_TRUE(tools.notes().empty());
+}
+
+TEST_F(RemoveTest, AFailureThatLeavesSomethingKeepsTheNote) {
+    tools.play("hdiutil", "detach", "exit 1");
+    EXPECT_EQ(removeError().kind(), Case::detachFailed);
+    EXPECT_EQ(tools.notes().size(), 1U);
+}
+
+TEST_F(RemoveTest, WhatCannotBeNotedIsNotBegun) {
+    writeFile(tools.stateDirectory(), "in the way");
+    EXPECT_THROW(remove(), OperationNoteError);
+    EXPECT_TRUE(tools.calls().empty());
+    expectUntouched();
 }
 
 TEST_F(RemoveTest, ANewerItemPutInItsPlaceIsNotDeleted) {

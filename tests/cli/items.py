@@ -91,13 +91,19 @@ class ItemCase(quillvane.Case):
         self.assertEqual([], quillvane.mountsBelow(self.directory))
         self.assertEqual([], quillvane.serversOf(self.directory))
 
-    def assertNothingLeft(self, *entries):
-        """Nothing is there but these entries of `work`, and nothing runs."""
+    def assertNothingLeft(self, *entries, notes=0):
+        """Nothing is there but these entries of `work` and so many notes of operations that have not
+        come to their end, and nothing runs."""
         self.assertNothingRuns()
         self.assertEqual(sorted(map(str, entries)), sorted(os.listdir(self.work)))
         for place in (self.home, self.runtime):
             files = [entry for entry in place.rglob("*") if not entry.is_dir()]
-            self.assertEqual([], files)
+            self.assertEqual([], [file for file in files if file not in self.notes()])
+        self.assertEqual(notes, len(self.notes()))
+
+    def notes(self):
+        """The notes of operations that have not come to their end."""
+        return list((self.home / ".local/state/quillvane/operations").glob("*"))
 
     def smallFolder(self, name="Docs"):
         """Makes a folder with one file; its path."""

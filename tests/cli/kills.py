@@ -9,6 +9,12 @@ import time
 import items
 import quillvane
 
+# The steps of both operations, as far as their messages tell.
+LOCK = ("Checking", "Calculating", "Creating", "Mounting", "Copying contents into",
+        "Copying contents… ", "Verifying", "Ejecting", "Deleting", "Finalizing", "Done")
+REMOVE = ("Checking", "Opening", "Creating", "Extracting contents…\n", "Extracting contents… ",
+          "Verifying", "Ejecting", "Deleting", "Done")
+
 
 class KillCase(items.ItemCase):
     """Tests in `work`, which is made anew for each kill, with the folder "Docs" or its item."""
@@ -23,6 +29,7 @@ class KillCase(items.ItemCase):
         self.item, _ = self.lock(self.prepared / "Docs")
 
     def startOver(self):
+        quillvane.removeTree(self.home / ".local")
         quillvane.removeTree(self.work)
         self.work.mkdir()
 
@@ -106,6 +113,14 @@ class KillCase(items.ItemCase):
         process.stdin.close()
         process.stdin = None
         return process
+
+    def killQvAt(self, step, *words):
+        """Kills qv alone when its progress has come to `step`."""
+        process = self.start(*words)
+        while not (line := process.stderr.readline()).startswith(step):
+            self.assertNotEqual("", line, f"ended before {step!r}")
+        process.kill()
+        process.communicate(timeout=60)
 
     def processWith(self, *words, seconds=30):
         """Waits for a process below this test's directory with these arguments; its number."""

@@ -27,6 +27,8 @@ TEST(ArgumentsTest, understandsEachCommand) {
     EXPECT_EQ(parse({"close", "Docs"}).command, Command::close);
     EXPECT_EQ(parse({"remove", "Docs"}).command, Command::remove);
     EXPECT_EQ(parse({"change", "Docs"}).command, Command::change);
+    EXPECT_EQ(parse({"finish", "Docs"}).command, Command::finish);
+    EXPECT_EQ(parse({"undo", "Docs"}).command, Command::undo);
     EXPECT_EQ(parse({"help"}).command, Command::help);
     EXPECT_EQ(parse({"open", "Docs"}).operand, "Docs");
 }

@@ -22,6 +22,7 @@ class CommandLineTest(quillvane.Case):
         self.assertUsageError(says="command is missing")
         self.assertUsageError("unlock", "x", says='no command "unlock"')
         self.assertUsageError("lock", says="needs a path")
+        self.assertUsageError("undo", says="needs a path")
         self.assertUsageError("lock", "a", "b", says="too many")
         self.assertUsageError("open", "--nonsense", "a", says="no option --nonsense")
         self.assertUsageError("lock", "--recovery-key", "a", says="--recovery-key")
@@ -31,7 +32,8 @@ class CommandLineTest(quillvane.Case):
         for words in (["--help"], ["help"], ["-h"], ["lock", "--help"]):
             result = self.run_(QV, *words)
             self.assertEqual((0, ""), (result.returncode, result.stderr))
-            for word in ("qv lock", "qv open", "qv close", "qv remove", "qv change", "--stdin",
+            for word in ("qv lock", "qv open", "qv close", "qv remove", "qv change", "qv finish",
+                         "qv undo", "--stdin",
                          "--recovery-key", "exit status"):
                 self.assertIn(word, result.stdout)
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 /// Stand-ins for the system's tools that record how they are called and play what the test wrote
-/// for them. They are in place while the object lives.
+/// for them. They are in place while the object lives, and so is a state directory.
 ///
 /// By themselves they do what goes well: `hdiutil create` makes an image file, `attach` names the
 /// mount point `mountPoint()`, `ditto` copies.
@@ -36,14 +36,28 @@ public:
                      mountPoint() + "</string></dict></array>");
         Platform::setTools(
             {folder_ / "hdiutil", folder_ / "ditto", folder_ / "open", folder_ / "mount"});
+        Platform::setStateDirectory(stateDirectory());
     }
-    ~RecordingTools() { Platform::setTools(former_); }
+    ~RecordingTools() {
+        Platform::setStateDirectory({});
+        Platform::setTools(former_);
+    }
     RecordingTools(const RecordingTools&) = delete;
     RecordingTools& operator=(const RecordingTools&) = delete;
 
     std::string mountPoint() const { return (folder_ / "volume").string(); }
     std::filesystem::path tool(const std::string& name) const { return folder_ / name; }
     std::filesystem::path folder() const { return folder_.path(); }
+    std::filesystem::path stateDirectory() const { return folder_ / "state"; }
+    /// Notes of operations that are under way or were interrupted.
+    std::vector<std::filesystem::path> notes() const {
+        std::vector<std::filesystem::path> found;
+        std::error_code none;
+        for (const auto& entry :
+             std::filesystem::directory_iterator(stateDirectory() / "operations", none))
+            found.push_back(entry.path());
+        return found;
+    }
 
     /// The shell script that the tool runs when its first argument is `verb` ("" for any). In it
     /// `$here` is the stand-ins' folder. The last command's status is the tool's.

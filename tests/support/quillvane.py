@@ -87,7 +87,8 @@ class Case(unittest.TestCase):
         self.work.mkdir()
         self.environment = {
             name: value for name, value in os.environ.items()
-            if name not in ("DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS")
+            if name not in ("DISPLAY", "WAYLAND_DISPLAY", "DBUS_SESSION_BUS_ADDRESS",
+                            "XDG_STATE_HOME")
         }
         self.environment |= {
             "HOME": str(self.home), "XDG_RUNTIME_DIR": str(self.runtime), "LC_ALL": "C.UTF-8",
@@ -276,6 +277,23 @@ def _digest(file, size):
 def _attributes(path):
     names = os.listxattr(path, follow_symlinks=False)
     return {name: os.getxattr(path, name, follow_symlinks=False) for name in sorted(names)}
+
+
+def holds(path, secrets):
+    """Whether a file holds one of these byte strings. Holes are not read."""
+    with open(path, "rb", buffering=0) as file:
+        at, size = 0, os.fstat(file.fileno()).st_size
+        while at < size:
+            try:
+                at = os.lseek(file.fileno(), at, os.SEEK_DATA)
+            except OSError:  # only a hole is left
+                return False
+            end = os.lseek(file.fileno(), at, os.SEEK_HOLE)
+            data = os.pread(file.fileno(), end - at, at)
+            if any(secret in data for secret in secrets):
+                return True
+            at = end
+    return False
 
 
 def differences(expected, actual, ignore=(), slack=256 << 10):

@@ -1,0 +1,356 @@
+#include "InterruptedWork.h"
+
+#include "DurableFile.h"
+#include "ErrorText.h"
+#include "ItemPath.h"
+#include "KeyMetadata.h"
+#include "KeyStore.h"
+#include "Platform.h"
+#include "ProcessRunner.h"
+#include "TreeComparison.h"
+#include "VaultEngine.h"
+#include "VaultError.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <sys/stat.h>
+#include <system_error>
+#include <thread>
+#include <unistd.h>
+
+// Finishing and undoing what was interrupted.
+
+namespace InterruptedWork {
+namespace {
+
+namespace fs = std::filesystem;
+using Contents = OperationNote::Contents;
+using Step = OperationNote::Step;
+using TreeComparison::Differences;
+using TreeComparison::Files;
+
+std::string inQuotes(const std::string& name) {
+    return "\"" + name + "\"";
+}
+
+/// "a", "b" and 3 more
+std::string namesOf(const Differences& differences) {
+    std::string text;
+    for (const Path& path : differences.first) {
+        if (!text.empty()) text += ", ";
+        text += inQuotes(path.string());
+    }
+    const std::size_t others = differences.count - differences.first.size();
+    return others == 0 ? text : text + " and " + std::to_string(others) + " more";
+}
+
+/// The volume in an image while the object lives.
+class OpenVolume {
+public:
+    OpenVolume(const Path& image, const std::optional<Credential>& credential)
+        : info_(open(image, credential)) {}
+    ~OpenVolume() {
+        if (!isOpen_) return;
+        try {
+            VaultEngine::detach(info_);
+        } catch (const std::exception&) {
+            return; // an error that brought us here is the one to tell
+        }
+    }
+    OpenVolume(const OpenVolume&) = delete;
+    OpenVolume& operator=(const OpenVolume&) = delete;
+
+    Path root() const { return info_.mountPoint; }
+    void close() {
+        isOpen_ = false;
+        VaultEngine::detach(info_);
+    }
+
+private:
+    static MountInfo open(const Path& image, const std::optional<Credential>& credential) {
+        if (!credential) throw VaultError::emptyPassword();
+        const Secret line = VaultEngine::passwordData(VaultEngine::passphrase(image, *credential));
+        return VaultEngine::attach(image, line, /*browsable=*/false);
+    }
+
+    MountInfo info_;
+    bool isOpen_ = true;
+};
+
+/// One that was interrupted, taken over.
+class Ending {
+public:
+    Ending(OperationNote note, const std::optional<Credential>& credential,
+           const ProgressCallback& progress, Cancellation* cancellation)
+        : note_(std::move(note)), contents_(note_.contents()),
+          folder_(contents_.directory / contents_.folder),
+          item_(contents_.directory / contents_.item),
+          image_(contents_.directory / contents_.image), credential_(credential),
+          progress_(progress), cancellation_(cancellation) {}
+
+    Outcome finish(State state) {
+        switch (state) {
+        case State::unfinished:
+            dropImage();
+            return {{},
+                    "What was left is cleared away. The folder is as it was; protect it again."};
+        case State::copied:
+        case State::deleting:
+            deleteOriginal(state);
+            [[fallthrough]];
+        case State::unnamed:
+            return giveName();
+        case State::named:
+            return endNamed();
+        case State::opened:
+        case State::incomplete:
+            return removeAnew(state);
+        case State::restored:
+            return deleteItem();
+        case State::keyFileLeft:
+            DurableFile::remove(KeyStore::path(item_));
+            endNote();
+            return {folder_, {}};
+        default:
+            return forget();
+        }
+    }
+
+    Outcome undo(State state) {
+        switch (state) {
+        case State::unfinished:
+        case State::copied:
+            dropImage();
+            return {folder_, "What was left is cleared away. The folder is as it was."};
+        case State::deleting:
+        case State::unnamed:
+        case State::named:
+            finish(state);
+            return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
+        case State::opened:
+            closeVolume(item_, Force::no);
+            endNote();
+            return {item_, {}};
+        case State::incomplete:
+        case State::restored:
+            return dropFolder(state);
+        case State::keyFileLeft:
+            throw InterruptedWorkError("The item is gone already. Protect " +
+                                       inQuotes(contents_.folder) + " again.");
+        default:
+            return forget();
+        }
+    }
+
+private:
+    const Credential& credential() const {
+        if (!credential_) throw VaultError::emptyPassword();
+        return *credential_;
+    }
+
+    void endNote() {
+        DurableFile::removeAbandoned(contents_.directory);
+        note_.remove();
+    }
+
+    /// Nothing is left that could be ended.
+    Outcome forget() {
+        endNote();
+        return {{}, "There is nothing left to be ended; it won't be told again."};
+    }
+
+    void say(const char* message) const { progress_({std::nullopt, message}); }
+
+    enum class Force { yes, no };
+
+    /// Closes the volume that an interrupted operation has left open, or is still about to open.
+    void closeVolume(const Path& image, Force force) const {
+        constexpr std::chrono::milliseconds pause{50};
+        constexpr int mostPauses = 200;
+        for (int i = 0; i < mostPauses; ++i) {
+            detach(image, force);
+            if (!Platform::isImageInUse(image)) return;
+            std::this_thread::sleep_for(pause);
+        }
+        throw InterruptedWorkError(inQuotes(image.filename().string()) +
+                                   " is still in use. Try again a little later.");
+    }
+
+    /// It may be closing by itself at this moment.
+    void detach(const Path& image, Force force) const {
+        const auto place = Platform::mountPointOfImage(image);
+        if (!place) return;
+        const Path& tool = Platform::tools().hdiutil;
+        if (ProcessRunner::run(tool, {"detach", *place}).exitCode == 0) return;
+        if (force == Force::yes)
+            ProcessRunner::run(tool, {"detach", "-force", *place});
+        else if (Platform::mountPointOfImage(image))
+            throw InterruptedWorkError(inQuotes(contents_.item) +
+                                       " is open and in use. Close it, then try again.");
+    }
+
+    /// Undoes a protection before its point of no return. The image goes first: its key file alone
+    /// is found again by its name.
+    void dropImage() {
+        closeVolume(image_, Force::yes);
+        DurableFile::remove(image_);
+        KeyStore::remove(image_);
+        DurableFile::syncDirectory(contents_.directory);
+        endNote();
+    }
+
+    void deleteOriginal(State state) {
+        closeVolume(image_, Force::yes);
+        OpenVolume volume(image_, credential_);
+        say("Comparing the folder with its encrypted copy…");
+        if (state == State::copied) {
+            requireNone(
+                TreeComparison::compare(folder_, volume.root(), Files::finished, cancellation_));
+            struct stat image {};
+            if (::lstat(image_.c_str(), &image) != 0)
+                throw fs::filesystem_error("cannot look at", image_,
+                                           std::error_code(errno, std::generic_category()));
+            note_.reach(Step::deleting, image.st_ino);
+        }
+        say("Deleting the original folder…");
+        requireNone(TreeComparison::removeAlike(folder_, volume.root(), Files::finished));
+        volume.close();
+        DurableFile::syncDirectory(contents_.directory);
+    }
+
+    void requireNone(const Differences& differences) const {
+        if (differences.count == 0) return;
+        throw InterruptedWorkError(
+            inQuotes(contents_.folder) +
+            " holds what is not so in the encrypted copy: " + namesOf(differences) +
+            (note_.contents().step(Step::deleting)
+                 ? ". Move it to another folder, then finish."
+                 : ". Undo this, which keeps the folder, and protect it again."));
+    }
+
+    Outcome giveName() {
+        say("Finalizing the encrypted item…");
+        closeVolume(image_, Force::yes);
+        const auto text = KeyStore::read(image_);
+        const auto record = text ? KeyMetadata::decode(*text) : std::nullopt;
+        if (fs::exists(fs::symlink_status(item_))) throw VaultError::alreadyLocked(contents_.item);
+        if (record) {
+            KeyStore::write(*record, item_);
+        } else {
+            const auto own = KeyStore::read(item_);
+            if (!own || !KeyMetadata::decode(*own))
+                throw InterruptedWorkError("The key file of the encrypted copy is missing: " +
+                                           KeyStore::path(image_).string());
+        }
+        Platform::renameWithoutReplacing(image_, item_);
+        DurableFile::syncDirectory(contents_.directory);
+        return endNamed();
+    }
+
+    Outcome endNamed() {
+        KeyStore::remove(image_);
+        DurableFile::syncDirectory(contents_.directory);
+        endNote();
+        return {item_, "Your password opens " + inQuotes(contents_.item) +
+                           ". To get a recovery key, remove the protection and protect the "
+                           "folder again."};
+    }
+
+    Outcome removeAnew(State state) {
+        const Outcome undone = undo(state);
+        if (fs::exists(fs::symlink_status(folder_))) throw InterruptedWorkError(undone.message);
+        return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
+    }
+
+    Outcome deleteItem() {
+        closeVolume(item_, Force::no);
+        DurableFile::remove(item_);
+        DurableFile::remove(KeyStore::path(item_));
+        endNote();
+        return {folder_, {}};
+    }
+
+    /// Undoes a removal: of the folder everything goes that is in the item as well.
+    Outcome dropFolder(State state) {
+        closeVolume(item_, Force::yes);
+        Differences left;
+        if (::rmdir(folder_.c_str()) != 0) {
+            OpenVolume volume(item_, credential_);
+            say("Comparing the folder with the item…");
+            note_.reach(Step::undoing); // from here on the item must not be deleted
+            left = TreeComparison::removeAlike(folder_, volume.root(),
+                                               state == State::restored ? Files::finished
+                                                                        : Files::unfinished);
+            volume.close();
+        }
+        DurableFile::syncDirectory(contents_.directory);
+        endNote();
+        if (left.count == 0) return {item_, {}};
+        return {item_, inQuotes(contents_.folder) +
+                           " still holds what is not so in the item: " + namesOf(left) + "."};
+    }
+
+    OperationNote note_;
+    Contents contents_;
+    Path folder_;
+    Path item_;
+    Path image_;
+    const std::optional<Credential>& credential_;
+    const ProgressCallback& progress_;
+    Cancellation* cancellation_;
+};
+
+Ending takeOver(const Found& found, const std::optional<Credential>& credential,
+                const ProgressCallback& progress, Cancellation* cancellation) {
+    if (!canBeEnded(found)) throw InterruptedWorkError(text(found));
+    auto note = OperationNote::take(found.note);
+    if (!note || stateOf(note->contents()) != found.state)
+        throw InterruptedWorkError("Another program is at work on it. Try again when it has "
+                                   "ended.");
+    return {std::move(*note), credential, progress, cancellation};
+}
+
+void silent(const Progress&) {}
+
+/// What was interrupted with this folder, or with the item of this name.
+std::vector<Found> findAt(const Path& path, OperationNote::Operation operation) {
+    auto found = findIn(path.parent_path());
+    std::erase_if(found, [&](const Found& one) {
+        return !canBeEnded(one) || one.contents.operation != operation ||
+               place(one).filename() != path.filename();
+    });
+    return found;
+}
+
+} // namespace
+
+Outcome finish(const Found& found, const std::optional<Credential>& credential,
+               const ProgressCallback& progress, Cancellation* cancellation) {
+    return takeOver(found, credential, progress, cancellation).finish(found.state);
+}
+
+Outcome undo(const Found& found, const std::optional<Credential>& credential,
+             const ProgressCallback& progress, Cancellation* cancellation) {
+    return takeOver(found, credential, progress, cancellation).undo(found.state);
+}
+
+void makeWayToProtect(const Path& folder) {
+    for (const Found& found : findAt(folder, OperationNote::Operation::protect)) {
+        if (found.state == State::deleting || found.state == State::unnamed)
+            throw InterruptedWorkError(text(found));
+        // A recovery key that may not have been shown is still worth telling.
+        if (found.state != State::named) undo(found, std::nullopt, silent);
+    }
+}
+
+std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential) {
+    for (const Found& found : findAt(item, OperationNote::Operation::remove)) {
+        if (found.state == State::restored) return finish(found, credential, silent).result;
+        if (found.state == State::opened || found.state == State::incomplete)
+            undo(found, credential, silent);
+    }
+    return std::nullopt;
+}
+
+} // namespace InterruptedWork

@@ -1,0 +1,270 @@
+#include "InterruptedWork.h"
+
+#include "DurableFile.h"
+#include "ItemPath.h"
+#include "KeyMetadata.h"
+#include "KeyStore.h"
+#include "Platform.h"
+#include "VaultEngine.h"
+
+#include <algorithm>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+
+// What was interrupted, and what the user is told of it. InterruptedEnding.cpp ends it.
+
+namespace InterruptedWork {
+namespace {
+
+namespace fs = std::filesystem;
+using Contents = OperationNote::Contents;
+using Step = OperationNote::Step;
+
+std::optional<struct stat> statusOf(const Path& path) {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 ? std::optional(status) : std::nullopt;
+}
+
+bool anythingAt(const Path& path) {
+    return statusOf(path).has_value();
+}
+
+bool isDirectoryWithInode(const Path& path, std::uint64_t inode) {
+    const auto status = statusOf(path);
+    return status && S_ISDIR(status->st_mode) && status->st_ino == inode;
+}
+
+/// A link counts too: an item may be given by one.
+bool isFileWithInode(const Path& path, std::uint64_t inode) {
+    const auto status = statusOf(path);
+    return status && !S_ISDIR(status->st_mode) && status->st_ino == inode;
+}
+
+/// A file that may be a working image of ours.
+bool isOwnFile(const Path& path) {
+    const auto status = statusOf(path);
+    return status && S_ISREG(status->st_mode) && status->st_uid == ::geteuid() &&
+           status->st_nlink == 1;
+}
+
+bool hasKeyFile(const Path& image) {
+    const auto text = KeyStore::read(image);
+    return text && KeyMetadata::decode(*text);
+}
+
+bool isThere(const Contents& contents) {
+    return isDirectoryWithInode(contents.directory, contents.directoryInode);
+}
+
+std::optional<State> stateOfProtection(const Contents& contents) {
+    const Path image = contents.directory / contents.image;
+    const Path item = contents.directory / contents.item;
+    if (contents.step(Step::done))
+        return anythingAt(item) ? std::optional(State::named) : std::nullopt;
+    const auto imageInode = contents.step(Step::deleting);
+    if (!imageInode) {
+        if (!isOwnFile(image)) return std::nullopt;
+        return hasKeyFile(image) ? State::copied : State::unfinished;
+    }
+    if (isFileWithInode(item, *imageInode)) return State::named;
+    if (!isFileWithInode(image, *imageInode)) return State::imageMissing;
+    const Path folder = contents.directory / contents.folder;
+    return isDirectoryWithInode(folder, contents.originalInode) ? State::deleting : State::unnamed;
+}
+
+std::optional<State> stateOfRemoval(const Contents& contents) {
+    const Path item = contents.directory / contents.item;
+    const Path folder = contents.directory / contents.folder;
+    const bool hasItem = isFileWithInode(item, contents.originalInode);
+    const auto made = contents.step(Step::made);
+    const bool hasFolder = made && isDirectoryWithInode(folder, *made);
+    const bool copied = contents.step(Step::copied) && !contents.step(Step::undoing);
+    if (copied && hasFolder && hasItem) return State::restored;
+    if (copied && !anythingAt(item))
+        return anythingAt(KeyStore::path(item)) ? std::optional(State::keyFileLeft) : std::nullopt;
+    if (hasFolder && !copied) return hasItem ? State::incomplete : State::itemMissing;
+    // It may have been made just before it could be noted.
+    if (!made && hasItem && VaultEngine::isDirectoryEmpty(folder)) return State::incomplete;
+    if (hasItem && Platform::mountPointOfImage(item)) return State::opened;
+    return std::nullopt;
+}
+
+/// The key to an image that is gone opens nothing: the image's name was made for it alone.
+void dropWorkingKeyFile(const Contents& contents) {
+    if (contents.image.empty() || contents.step(Step::deleting)) return;
+    const Path image = contents.directory / contents.image;
+    if (!anythingAt(image)) KeyStore::remove(image);
+}
+
+std::vector<Found> findAmong(const std::vector<OperationNote::Entry>& notes) {
+    std::vector<Found> found;
+    for (const auto& [id, interrupted, contents] : notes) {
+        // A directory that is not there may be on a disk that is not connected.
+        if (!interrupted || !isThere(contents)) continue;
+        if (const auto state = stateOf(contents)) {
+            found.push_back({*state, id, contents});
+        } else if (auto note = OperationNote::take(id)) {
+            settle(*note);
+        }
+    }
+    return found;
+}
+
+bool isWorkingName(const std::string& name) {
+    constexpr std::string_view prefix = ".Quillvane-";
+    constexpr std::string_view extension = ".sparseimage";
+    constexpr std::size_t uuidLength = 36;
+    if (name.size() != prefix.size() + uuidLength + extension.size() || !name.starts_with(prefix) ||
+        !name.ends_with(extension))
+        return false;
+    return name.substr(prefix.size(), uuidLength).find_first_not_of("-0123456789ABCDEF") ==
+           std::string::npos;
+}
+
+void addStrayImages(const Path& directory, const std::vector<OperationNote::Entry>& notes,
+                    std::vector<Found>& found) {
+    std::error_code error;
+    for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (!isWorkingName(name) || !isOwnFile(entry->path())) continue;
+        const bool noted = std::ranges::any_of(notes, [&](const auto& note) {
+            return note.contents.image == name && note.contents.directory == directory;
+        });
+        if (noted || Platform::isImageInUse(entry->path())) continue;
+        Contents contents;
+        contents.directory = directory;
+        contents.image = name;
+        found.push_back({hasKeyFile(entry->path()) ? State::strayOpenable : State::strayImage,
+                         {},
+                         std::move(contents)});
+    }
+}
+
+std::string inQuotes(const std::string& name) {
+    return "\"" + name + "\"";
+}
+
+std::string textOfProtection(const Found& found) {
+    const Contents& contents = found.contents;
+    const std::string begin = "Protecting " + inQuotes(contents.folder) + " in " +
+                              contents.directory.string() + " was interrupted";
+    if (found.state == State::unfinished)
+        return begin + ". The folder is as it was; nothing is protected yet.";
+    if (found.state == State::copied)
+        return begin + ". The folder is whole, and so is its encrypted copy.";
+    if (found.state == State::deleting)
+        return begin + " while the original was being deleted. Everything is in the encrypted "
+                       "copy, which your password opens; the folder may hold only a part.";
+    if (found.state == State::unnamed)
+        return begin + " at its last step. Everything is in the encrypted copy, which has not got "
+                       "its name yet.";
+    if (found.state == State::imageMissing)
+        return begin + ", and its encrypted copy " + inQuotes(contents.image) +
+               " is no longer there.";
+    return inQuotes(contents.folder) + " in " + contents.directory.string() +
+           " is protected, but its recovery key may not have been shown. Your password opens it. "
+           "To get a recovery key, remove the protection and protect the folder again.";
+}
+
+std::string textOfRemoval(const Found& found) {
+    const Contents& contents = found.contents;
+    const std::string begin = "Removing the protection of " + inQuotes(contents.item) + " in " +
+                              contents.directory.string() + " was interrupted";
+    if (found.state == State::opened)
+        return begin + ". The item is as it was, but it is still open.";
+    if (found.state == State::incomplete)
+        return begin + ". The item is whole; the folder " + inQuotes(contents.folder) +
+               " beside it is not. Don't delete the item.";
+    if (found.state == State::restored)
+        return begin + " before the item was deleted. Both are whole, and anyone with the drive "
+                       "can read the folder.";
+    if (found.state == State::itemMissing)
+        return begin + ", and the item is no longer there. The folder " +
+               inQuotes(contents.folder) + " may hold only a part of it.";
+    return "The protection of " + inQuotes(contents.folder) + " in " + contents.directory.string() +
+           " was removed; only its key file was left.";
+}
+
+} // namespace
+
+std::optional<State> stateOf(const Contents& contents) {
+    return contents.operation == OperationNote::Operation::protect ? stateOfProtection(contents)
+                                                                   : stateOfRemoval(contents);
+}
+
+std::vector<Found> find() {
+    return findAmong(OperationNote::all());
+}
+
+std::vector<Found> findIn(const Path& place) {
+    std::error_code missing;
+    const Path directory = fs::canonical(place, missing);
+    if (missing) return {};
+    const auto notes = OperationNote::all();
+    auto here = notes;
+    std::erase_if(here, [&](const auto& note) { return note.contents.directory != directory; });
+    auto found = findAmong(here);
+    addStrayImages(directory, notes, found);
+    return found;
+}
+
+std::string text(const Found& found) {
+    if (found.state == State::strayImage)
+        return "An unfinished encrypted copy was left in " + found.contents.directory.string() +
+               ": " + inQuotes(found.contents.image) +
+               ". Nobody can open it. Delete it, unless another computer is at work on it.";
+    if (found.state == State::strayOpenable)
+        return "The encrypted copy of a folder was left in " + found.contents.directory.string() +
+               ": " + inQuotes(found.contents.image) +
+               ". Its password opens it once it and its key file have the names of an item: "
+               "NAME.quillvane and .NAME.quillvane.qvkeys.";
+    return found.contents.operation == OperationNote::Operation::protect ? textOfProtection(found)
+                                                                         : textOfRemoval(found);
+}
+
+Path place(const Found& found) {
+    const Contents& contents = found.contents;
+    if (contents.folder.empty()) return contents.directory / contents.image;
+    const bool protect = contents.operation == OperationNote::Operation::protect;
+    return contents.directory / (protect ? contents.folder : contents.item);
+}
+
+bool canBeEnded(const Found& found) noexcept {
+    return !found.note.empty();
+}
+
+bool finishNeedsSecret(const Found& found) {
+    return found.state == State::copied || found.state == State::deleting ||
+           found.state == State::opened || found.state == State::incomplete;
+}
+
+bool undoNeedsSecret(const Found& found) {
+    const Path directory = found.contents.directory;
+    switch (found.state) {
+    case State::deleting:
+    case State::unnamed:
+    case State::named:
+    case State::restored:
+        return true;
+    case State::incomplete:
+        // As long as the item is open the folder may still be filled.
+        return !VaultEngine::isDirectoryEmpty(directory / found.contents.folder) ||
+               Platform::mountPointOfImage(directory / found.contents.item);
+    default:
+        return false;
+    }
+}
+
+void settle(OperationNote& note) noexcept {
+    try {
+        if (stateOf(note.contents())) return;
+        dropWorkingKeyFile(note.contents());
+        note.remove();
+    } catch (const std::exception&) {
+        return; // it is looked at again the next time
+    }
+}
+
+} // namespace InterruptedWork

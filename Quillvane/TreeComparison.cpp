@@ -1,0 +1,216 @@
+#include "TreeComparison.h"
+
+#include "FileDescriptor.h"
+#include "OperationCancelled.h"
+#include "Platform.h"
+#include "TreeWalk.h"
+#include "VaultEngine.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <fcntl.h>
+#include <optional>
+#include <span>
+#include <string>
+#include <sys/stat.h>
+
+namespace TreeComparison {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr std::size_t mostNamed = 3;
+
+bool sameTime(const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+/// Fills the buffer as far as the file reaches; nothing when it cannot be read.
+std::optional<std::size_t> fill(int fd, std::span<char> buffer) {
+    std::size_t length = 0;
+    while (length < buffer.size()) {
+        const ssize_t got = ::read(fd, buffer.data() + length, buffer.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return std::nullopt;
+        if (got == 0) break;
+        length += static_cast<std::size_t>(got);
+    }
+    return length;
+}
+
+/// The tree to compare with: entries by their relative path, without following any link in it.
+class Reference {
+public:
+    explicit Reference(const fs::path& root)
+        : root_(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+
+    /// The directory by that relative path, until the next call; -1 when there is none.
+    int directory(const fs::path& path) {
+        if (path.empty()) return root_.get();
+        if (current_ && path == currentPath_) return current_.get();
+        FileDescriptor found(::openat(root_.get(), ".", flags));
+        for (const fs::path& name : path) found.reset(::openat(found.get(), name.c_str(), flags));
+        current_ = std::move(found);
+        currentPath_ = path;
+        return current_.get();
+    }
+
+private:
+    static constexpr int flags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
+    FileDescriptor root_;
+    FileDescriptor current_;
+    fs::path currentPath_;
+};
+
+class Comparison : public TreeWalk {
+public:
+    Comparison(fs::path tree, const fs::path& reference, Files files,
+               const Cancellation* cancellation)
+        : tree_(std::move(tree)), reference_(reference), files_(files),
+          cancellation_(cancellation) {}
+
+    Differences run() {
+        walk(tree_);
+        return std::move(differences_);
+    }
+
+protected:
+    void file(int directory, const std::string& name, const struct stat& status) override {
+        stopIfCancelled();
+        if (!isAlike(directory, name, status)) differs(name);
+    }
+    void enter(int, const std::string& name, const struct stat&) override {
+        stopIfCancelled();
+        if (!isFolderAlike(name)) differs(name);
+    }
+    void failed(const std::string& name, int) override { differs(name); }
+
+    bool isFolderAlike(const std::string& name) {
+        const fs::path path = relative(name);
+        return isOfSystem(path) || reference_.directory(path) >= 0;
+    }
+
+    bool isAlike(int directory, const std::string& name, const struct stat& status) {
+        const fs::path path = relative(name);
+        if (S_ISSOCK(status.st_mode) || isOfSystem(path)) return true;
+        const int other = reference_.directory(path.parent_path());
+        struct stat found {};
+        if (other < 0 || ::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+            (found.st_mode & S_IFMT) != (status.st_mode & S_IFMT))
+            return false;
+        if (S_ISLNK(status.st_mode)) return haveSameTarget(directory, other, name);
+        if (!S_ISREG(status.st_mode)) return found.st_rdev == status.st_rdev;
+        if (!mayBeAlike(status, found)) return false;
+        return haveSameContents(directory, other, name);
+    }
+
+    void differs(const std::string& name) {
+        ++differences_.count;
+        if (differences_.first.size() < mostNamed) differences_.first.push_back(relative(name));
+    }
+
+private:
+    fs::path relative(const std::string& name) const {
+        const std::string path = pathOf(name).native();
+        return path.size() <= tree_.native().size() ? "" : path.substr(tree_.native().size() + 1);
+    }
+
+    /// Or in something of the system's.
+    static bool isOfSystem(const fs::path& path) {
+        return !path.empty() && VaultEngine::systemVolumeItems().contains(path.begin()->string());
+    }
+
+    bool mayBeAlike(const struct stat& own, const struct stat& other) const {
+        if (files_ == Files::unfinished) return own.st_size <= other.st_size;
+        return own.st_size == other.st_size && own.st_mode == other.st_mode &&
+               sameTime(Platform::modificationTime(own), Platform::modificationTime(other));
+    }
+
+    static bool haveSameTarget(int one, int other, const std::string& name) {
+        std::array<std::array<char, 4097>, 2> targets;
+        const ssize_t length =
+            ::readlinkat(one, name.c_str(), targets[0].data(), targets[0].size());
+        const ssize_t otherLength =
+            ::readlinkat(other, name.c_str(), targets[1].data(), targets[1].size());
+        return length >= 0 && length == otherLength &&
+               std::equal(targets[0].begin(), targets[0].begin() + length, targets[1].begin());
+    }
+
+    bool haveSameContents(int directory, int other, const std::string& name) {
+        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        const FileDescriptor own(::openat(directory, name.c_str(), flags));
+        const FileDescriptor found(::openat(other, name.c_str(), flags));
+        if (!own || !found) return false;
+        for (;;) {
+            stopIfCancelled();
+            const auto length = fill(own.get(), buffer_);
+            if (!length) return false;
+            const std::span<char> part =
+                std::span(otherBuffer_)
+                    .first(files_ == Files::unfinished ? *length : otherBuffer_.size());
+            if (fill(found.get(), part) != length || !isPartAlike(*length)) return false;
+            if (*length < buffer_.size()) return true;
+        }
+    }
+
+    bool isPartAlike(std::size_t length) const {
+        const auto end = buffer_.begin() + static_cast<std::ptrdiff_t>(length);
+        return std::equal(buffer_.begin(), end, otherBuffer_.begin(), [this](char own, char other) {
+            return own == other || (own == 0 && files_ == Files::unfinished);
+        });
+    }
+
+    void stopIfCancelled() const {
+        if (cancellation_ != nullptr && cancellation_->requested()) throw OperationCancelled();
+    }
+
+    fs::path tree_;
+    Reference reference_;
+    Files files_;
+    const Cancellation* cancellation_;
+    Differences differences_;
+    std::vector<char> buffer_ = std::vector<char>(std::size_t{1} << 18);
+    std::vector<char> otherBuffer_ = std::vector<char>(std::size_t{1} << 18);
+};
+
+class AlikeRemoval final : public Comparison {
+public:
+    using Comparison::Comparison;
+
+private:
+    void file(int directory, const std::string& name, const struct stat& status) override {
+        if (!isAlike(directory, name, status) || ::unlinkat(directory, name.c_str(), 0) != 0)
+            differs(name);
+    }
+
+    void enter(int directory, const std::string& name, const struct stat& status) override {
+        const mode_t mode = status.st_mode & 07777;
+        if ((mode & S_IRWXU) == S_IRWXU || status.st_uid != ::geteuid() || !isFolderAlike(name))
+            return;
+        // Should this fail, then so will what needs it, and what is inside stays.
+        [[maybe_unused]] const int result =
+            ::fchmodat(directory, name.c_str(), mode | S_IRWXU, AT_SYMLINK_NOFOLLOW);
+    }
+
+    void leave(int directory, const std::string& name) override {
+        if (!isFolderAlike(name)) return differs(name);
+        if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) return;
+        // What made it stay has been told, or has come this moment.
+        if (errno != ENOTEMPTY && errno != EEXIST) differs(name);
+    }
+};
+
+} // namespace
+
+Differences compare(const fs::path& tree, const fs::path& reference, Files files,
+                    const Cancellation* cancellation) {
+    return Comparison(tree, reference, files, cancellation).run();
+}
+
+Differences removeAlike(const fs::path& tree, const fs::path& reference, Files files) {
+    return AlikeRemoval(tree, reference, files, nullptr).run();
+}
+
+} // namespace TreeComparison

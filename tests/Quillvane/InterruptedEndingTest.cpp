@@ -1,0 +1,247 @@
+#include "Quillvane/VaultError.h"
+#include "tests/Quillvane/InterruptedFixture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using InterruptedWork::Found;
+using InterruptedWork::State;
+using Operation = OperationNote::Operation;
+using testing::HasSubstr;
+using InterruptedEndingTest = InterruptedFixture;
+
+TEST_F(InterruptedEndingTest, AnUnfinishedImageIsClearedAway) {
+    for (const bool undone : {true, false}) {
+        protectUntilCopying();
+        EXPECT_EQ(found().state, State::unfinished);
+        EXPECT_EQ(InterruptedWork::text(found()),
+                  "Protecting \"Docs\" in " + parent.path().string() +
+                      " was interrupted. The folder is as it was; nothing is protected yet.");
+        EXPECT_FALSE(InterruptedWork::finishNeedsSecret(found()));
+        undone ? undo() : finish();
+        expectOnlyFolder();
+    }
+}
+
+TEST_F(InterruptedEndingTest, ACopiedFolderIsKeptOrProtected) {
+    protectUntilCopied();
+    EXPECT_EQ(found().state, State::copied);
+    undo();
+    expectOnlyFolder();
+    protectUntilCopied();
+    EXPECT_TRUE(InterruptedWork::finishNeedsSecret(found()));
+    EXPECT_EQ(finish(password()).result, item);
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AFolderThatChangedSinceIsNotDeleted) {
+    protectUntilCopied();
+    writeFile(docs / "inner/new", "x");
+    EXPECT_EQ(refusal([this] { finish(password()); }),
+              "\"Docs\" holds what is not so in the encrypted copy: \"inner/new\". Undo this, "
+              "which keeps the folder, and protect it again.");
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(found().state, State::copied);
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(InterruptedEndingTest, AWrongPasswordChangesNothing) {
+    protectUntilDeleting();
+    EXPECT_ANY_THROW(finish(password("wrong")));
+    EXPECT_ANY_THROW(finish());
+    EXPECT_EQ(found().state, State::deleting);
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+}
+
+TEST_F(InterruptedEndingTest, ADeletionThatHadBegunIsFinished) {
+    protectUntilDeleting();
+    fs::remove(docs / "file");
+    EXPECT_EQ(found().state, State::deleting);
+    EXPECT_EQ(finish(password()).result, item);
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, WhatCameSinceTheDeletionBeganSurvives) {
+    protectUntilDeleting();
+    writeFile(docs / "inner/new", "x");
+    EXPECT_EQ(refusal([this] { finish(password()); }),
+              "\"Docs\" holds what is not so in the encrypted copy: \"inner/new\". Move it to "
+              "another folder, then finish.");
+    EXPECT_EQ(readFile(docs / "inner/new"), "x");
+    EXPECT_EQ(readFile(image), "image");
+    fs::rename(docs / "inner/new", docs.parent_path() / "new");
+    finish(password());
+    fs::remove(docs.parent_path() / "new");
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, ADeletionThatHadBegunIsUndone) {
+    protectUntilDeleting();
+    fs::remove(docs / "file");
+    EXPECT_TRUE(InterruptedWork::undoNeedsSecret(found()));
+    EXPECT_EQ(undo(password()).result, docs);
+    expectOnlyFolder();
+}
+
+TEST_F(InterruptedEndingTest, AnImageWithoutItsNameGetsIt) {
+    protectUntilDeleted();
+    EXPECT_EQ(found().state, State::unnamed);
+    EXPECT_FALSE(InterruptedWork::finishNeedsSecret(found()));
+    EXPECT_EQ(finish().result, item);
+    expectOnlyItem();
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(InterruptedEndingTest, AnotherFolderInThePlaceOfTheDeletedOneStays) {
+    protectUntilDeleted();
+    fs::rename(volume / "inner", docs); // not the inode that was noted
+    EXPECT_EQ(found().state, State::unnamed);
+    finish();
+    EXPECT_EQ(readFile(docs / "deep"), "deeper");
+    EXPECT_EQ(readFile(item), "image");
+}
+
+TEST_F(InterruptedEndingTest, ANameThatIsTakenIsNotTakenAway) {
+    protectUntilDeleted();
+    writeFile(item, "theirs");
+    EXPECT_THROW(finish(), VaultError);
+    EXPECT_EQ(readFile(item), "theirs");
+    EXPECT_EQ(readFile(image), "image");
+    EXPECT_EQ(found().state, State::unnamed);
+}
+
+TEST_F(InterruptedEndingTest, AnImageWithoutAnyKeyFileIsNotNamed) {
+    protectUntilDeleted();
+    KeyStore::remove(image);
+    EXPECT_THAT(refusal([this] { finish(); }), HasSubstr("key file of the encrypted copy"));
+    writeKeyFile(item); // the one that was written ahead serves as well
+    finish();
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AnImageWithItsNameLosesItsWorkingKeyFile) {
+    protectUntilNamed();
+    EXPECT_EQ(found().state, State::named);
+    EXPECT_THAT(InterruptedWork::text(found()), HasSubstr("recovery key may not have been shown"));
+    finish();
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AnImageThatIsGoneIsToldUntilItIsForgotten) {
+    protectUntilDeleting();
+    fs::remove(image);
+    EXPECT_EQ(found().state, State::imageMissing);
+    undo();
+    EXPECT_TRUE(tools.notes().empty());
+    EXPECT_TRUE(fs::exists(KeyStore::path(image))) << "the image may be elsewhere";
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+}
+
+TEST_F(InterruptedEndingTest, AFolderThatWasJustMadeGoes) {
+    fs::remove_all(docs);
+    writeFile(item, "image");
+    writeKeyFile(item);
+    begin(Operation::remove);
+    fs::create_directory(docs); // and not yet noted
+    EXPECT_EQ(found().state, State::incomplete);
+    EXPECT_FALSE(InterruptedWork::undoNeedsSecret(found()));
+    undo();
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AnIncompleteFolderGoesButWhatIsNotInTheItem) {
+    writeFile(docs / "file", "cont"); // cut short
+    removeUntilMade(/*copied=*/false);
+    EXPECT_EQ(found().state, State::incomplete);
+    EXPECT_TRUE(InterruptedWork::undoNeedsSecret(found()));
+    undo(password());
+    expectOnlyItem();
+
+    fs::create_directory(docs);
+    writeFile(docs / "theirs", "x");
+    removeUntilMade(/*copied=*/false);
+    EXPECT_EQ(undo(password()).message,
+              "\"Docs\" still holds what is not so in the item: \"theirs\".");
+    EXPECT_EQ(readFile(docs / "theirs"), "x");
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_TRUE(tools.notes().empty());
+}
+
+TEST_F(InterruptedEndingTest, AnIncompleteFolderIsRestoredAnew) {
+    fs::remove(docs / "file");
+    removeUntilMade(/*copied=*/false);
+    EXPECT_EQ(finish(password()).result, docs);
+    expectOnlyFolder();
+}
+
+TEST_F(InterruptedEndingTest, ARestoredFolderLosesItsItem) {
+    removeUntilMade(/*copied=*/true);
+    EXPECT_EQ(found().state, State::restored);
+    EXPECT_FALSE(InterruptedWork::finishNeedsSecret(found()));
+    writeFile(docs / "file", "contents"); // it may have been worked in
+    EXPECT_EQ(finish().result, docs);
+    expectOnlyFolder();
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(InterruptedEndingTest, ARestoredFolderIsGivenUpAgain) {
+    removeUntilMade(/*copied=*/true);
+    EXPECT_EQ(undo(password()).result, item);
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AKeyFileGoesOnlyWhenAsked) {
+    removeUntilMade(/*copied=*/true);
+    fs::remove(item);
+    EXPECT_EQ(found().state, State::keyFileLeft);
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+    EXPECT_EQ(refusal([this] { undo(); }), "The item is gone already. Protect \"Docs\" again.");
+    finish();
+    expectOnlyFolder();
+}
+
+TEST_F(InterruptedEndingTest, AnItemThatIsGoneFromAnIncompleteFolderIsTold) {
+    removeUntilMade(/*copied=*/false);
+    fs::rename(item, tools.folder() / "moved");
+    EXPECT_EQ(found().state, State::itemMissing);
+    EXPECT_THAT(InterruptedWork::text(found()), HasSubstr("may hold only a part"));
+    finish();
+    EXPECT_TRUE(tools.notes().empty());
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+}
+
+TEST_F(InterruptedEndingTest, WhatChangedSinceItWasFoundIsNotEnded) {
+    protectUntilCopying();
+    const Found before = found();
+    writeKeyFile(image);
+    EXPECT_THAT(
+        refusal([&] { InterruptedWork::undo(before, std::nullopt, [](const Progress&) {}); }),
+        HasSubstr("Try again"));
+    EXPECT_EQ(readFile(image), "image");
+}
+
+TEST_F(InterruptedEndingTest, ProtectingAgainClearsAwayOrRefuses) {
+    protectUntilCopied();
+    InterruptedWork::makeWayToProtect(docs);
+    expectOnlyFolder();
+    protectUntilDeleting();
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs); }),
+                HasSubstr("while the original was being deleted"));
+    EXPECT_EQ(readFile(image), "image");
+    InterruptedWork::makeWayToProtect(parent / "Other");
+    EXPECT_EQ(found().state, State::deleting);
+}
+
+TEST_F(InterruptedEndingTest, RemovingAgainClearsAwayOrFinishes) {
+    fs::remove(docs / "file");
+    removeUntilMade(/*copied=*/false);
+    EXPECT_EQ(InterruptedWork::makeWayToRemove(item, *password()), std::nullopt);
+    expectOnlyItem();
+    fs::create_directory(docs);
+    removeUntilMade(/*copied=*/true);
+    EXPECT_EQ(InterruptedWork::makeWayToRemove(item, *password()), docs);
+    EXPECT_THAT(names(), testing::ElementsAre("Docs"));
+}
+
+} // namespace

@@ -1,0 +1,106 @@
+#include "Quillvane/VaultEngine.h"
+#include "tests/Quillvane/InterruptedFixture.h"
+
+#include <fcntl.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+using InterruptedWork::State;
+using Operation = OperationNote::Operation;
+using Step = OperationNote::Step;
+using testing::HasSubstr;
+using InterruptedWorkTest = InterruptedFixture;
+
+TEST_F(InterruptedWorkTest, NothingWasInterrupted) {
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    EXPECT_TRUE(InterruptedWork::findIn(parent / "missing").empty());
+}
+
+TEST_F(InterruptedWorkTest, ANoteOfWhatLeftNothingGoesSilently) {
+    begin(Operation::protect);
+    writeKeyFile(image); // and so does the key of an image that is gone
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    expectOnlyFolder();
+}
+
+TEST_F(InterruptedWorkTest, AnOperationUnderWayIsNotTold) {
+    const auto note = begin(Operation::protect);
+    writeFile(image, "image");
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+}
+
+TEST_F(InterruptedWorkTest, ADirectoryThatIsNotThereKeepsItsNote) {
+    protectUntilCopying();
+    const fs::path away = tools.folder() / "away";
+    fs::rename(parent.path(), away);
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    fs::create_directory(parent.path()); // as the empty place of a disk
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    fs::remove(parent.path());
+    fs::rename(away, parent.path());
+    EXPECT_EQ(found().state, State::unfinished);
+}
+
+TEST_F(InterruptedWorkTest, ARecoveryKeyThatWasNotShownIsTold) {
+    const auto lock = [this] {
+        const Secret secret(std::string_view("right"));
+        return VaultEngine::lock(docs, secret, secret, Filesystem::apfs, [](const Progress&) {});
+    };
+    auto result = lock();
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty()) << "it is being shown";
+    result.note.reset();
+    EXPECT_EQ(found().state, State::named);
+    finish();
+    EXPECT_TRUE(tools.notes().empty());
+}
+
+TEST_F(InterruptedWorkTest, AShownRecoveryKeyLeavesNoNote) {
+    const Secret secret(std::string_view("right"));
+    VaultEngine::recoveryKeyShown(
+        VaultEngine::lock(docs, secret, secret, Filesystem::apfs, [](const Progress&) {}));
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedWorkTest, AFolderThatBeganToGoAgainIsNotWhole) {
+    removeUntilMade(/*copied=*/true);
+    OperationNote::take(found().note)->reach(Step::undoing);
+    EXPECT_EQ(found().state, State::incomplete);
+}
+
+TEST_F(InterruptedWorkTest, AnotherItemOfThatNameIsLeftAlone) {
+    removeUntilMade(/*copied=*/true);
+    writeFile(parent / "newer", "newer");
+    fs::rename(parent / "newer", item);
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    EXPECT_EQ(readFile(item), "newer");
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+}
+
+TEST_F(InterruptedWorkTest, ImagesWithoutANoteAreToldAndNeverTouched) {
+    writeFile(image, "image");
+    EXPECT_EQ(found().state, State::strayImage);
+    EXPECT_THAT(refusal([this] { undo(); }), HasSubstr("Nobody can open it"));
+    writeKeyFile(image);
+    EXPECT_EQ(found().state, State::strayOpenable);
+    EXPECT_THAT(refusal([this] { finish(); }), HasSubstr("NAME.quillvane"));
+    EXPECT_EQ(readFile(image), "image");
+    EXPECT_TRUE(InterruptedWork::find().empty()) << "directories are not searched unasked";
+}
+
+TEST_F(InterruptedWorkTest, NeitherOthersNamesNorImagesInUseAreTold) {
+    writeFile(parent / ".Quillvane-backup.sparseimage", "");
+    fs::create_symlink("Docs/file", image);
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    fs::remove(image);
+    writeFile(image, "image");
+    const FileDescriptor fd(::open(image.c_str(), O_RDWR | O_CLOEXEC));
+    struct flock range {};
+    range.l_type = F_WRLCK;
+    ASSERT_EQ(::fcntl(fd.get(), F_OFD_SETLK, &range), 0);
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+}
+
+} // namespace
