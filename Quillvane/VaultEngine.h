@@ -74,7 +74,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 /// derived. Throws `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled`,
 /// and `PropertyListError` when the disk-image tool answers nonsense.
 OpenResult open(const Path& imageURL, const Credential& credential,
-                const ProgressCallback& progress, const Cancellation* cancellation = nullptr);
+                const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
 /// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
 /// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
@@ -124,8 +124,10 @@ Secret passphrase(const Path& container, const Credential& credential,
 Secret passwordData(const Secret& passphrase);
 
 /// Mounts the image at a place that the system chooses, shown to the user if `browsable`. Throws
-/// `VaultError`, `ProcessLaunchError`, `PropertyListError`.
-MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable);
+/// `VaultError`, `ProcessLaunchError`, `PropertyListError`; `OperationCancelled` when the end was
+/// requested and nothing was mounted.
+MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable,
+                 Cancellation* cancellation = nullptr);
 /// Ejects the volume, by force if it must be; true, or throws `VaultError` (detachFailed) or
 /// `ProcessLaunchError`.
 bool detach(const MountInfo& mountInfo);

@@ -163,9 +163,10 @@ private:
                                {"create", "-size", size, "-encryption", "AES-256", "-stdinpass",
                                 "-volname", folder_.filename().string(), "-fs",
                                 commandLineName(filesystem_), "-type", "SPARSE", image_.string()},
-                               passwordData_.bytes());
+                               passwordData_.bytes(), progress_.cancellation());
         if (result.exitCode != 0) {
             removeImage();
+            progress_.stopIfCancelled();
             throw VaultError::createFailed(trimmed(result.stderrString()));
         }
         try {
@@ -197,7 +198,7 @@ private:
         try {
             progress_.stopIfCancelled();
             progress_.report(0.30, "Mounting the vault…");
-            return attach(image_, passwordData_, /*browsable=*/false);
+            return attach(image_, passwordData_, /*browsable=*/false, progress_.cancellation());
         } catch (...) {
             removeImage();
             throw;
@@ -226,7 +227,7 @@ private:
             syncImage();
             KeyStore::write(record_, image_);
             takeLastLook();
-            progress_.stopIfCancelled();
+            progress_.commit();
             noteDeletion();
         } catch (...) {
             KeyStore::remove(image_);

@@ -72,7 +72,7 @@ private:
         progress_.stopIfCancelled();
         beginNote();
         try {
-            return attach(item_, line, /*browsable=*/false);
+            return attach(item_, line, /*browsable=*/false, progress_.cancellation());
         } catch (...) {
             // A volume that is open all the same is not ours.
             note_->remove();
@@ -161,7 +161,7 @@ private:
         progress_.report(0.88, "Ejecting the item…");
         detach(mountInfo);
         try {
-            progress_.stopIfCancelled();
+            progress_.commit();
         } catch (const OperationCancelled&) {
             removeFolder();
             throw;

@@ -315,11 +315,19 @@ TEST_F(RemoveTest, CancellingEndsTheCopyAtOnce) {
     expectUntouched();
 }
 
-TEST_F(RemoveTest, CancellingTooLateChangesNothing) {
-    actions["Deleting the encrypted item…"] = [this] { cancellation->request(); };
+TEST_F(RemoveTest, CancellingTooLateIsRefused) {
+    bool heard = true;
+    actions["Deleting the encrypted item…"] = [&] { heard = cancellation->request(); };
     remove();
     EXPECT_FALSE(fs::exists(item));
     EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_FALSE(heard);
+}
+
+TEST_F(RemoveTest, EveryReportTellsWhetherItCanStillBeCancelled) {
+    remove();
+    for (const Progress& report : reports)
+        EXPECT_EQ(report.cancellable, report.fraction < 0.95) << report.message;
 }
 
 } // namespace
