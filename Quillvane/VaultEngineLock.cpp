@@ -185,7 +185,8 @@ private:
         try {
             copyInto(mountInfo.mountPoint, bytes);
             progress_.report(0.82, "Verifying your data is safe…");
-            if (const auto reason = verifyTopLevel(folder_, mountInfo.mountPoint, true))
+            if (const auto reason =
+                    verifyCopy(folder_, mountInfo.mountPoint, progress_.cancellation()))
                 throw VaultError::verificationFailed(*reason);
             progress_.stopIfCancelled();
         } catch (...) {

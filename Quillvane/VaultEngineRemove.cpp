@@ -99,7 +99,8 @@ private:
             createFolder();
             copyFrom(mountInfo.mountPoint);
             progress_.report(0.82, "Verifying extracted data…");
-            if (const auto reason = verifyTopLevel(mountInfo.mountPoint, folder_, true))
+            if (const auto reason =
+                    verifyCopy(mountInfo.mountPoint, folder_, progress_.cancellation()))
                 throw VaultError::verificationFailed(*reason);
             Platform::syncCopiedFolder(folder_);
             progress_.commit(); // to undo this takes the volume
