@@ -271,6 +271,37 @@ private:
     std::vector<bool> alike_; ///< by depth, whether the folder is
 };
 
+class AlikeRecording final : public Comparison {
+public:
+    AlikeRecording(const fs::path& tree, const fs::path& reference)
+        : Comparison(tree, reference, Files::unfinished, nullptr) {}
+
+    FolderRecord record() {
+        run();
+        record_.finish();
+        return std::move(record_);
+    }
+
+private:
+    void file(int directory, const std::string& name, const struct stat& status) override {
+        if (isFileAlike(directory, name, status)) record_.add(pathHash(name), status);
+    }
+    void enter(int directory, const std::string& name, const struct stat& status) override {
+        if (depth() > 0 && isFolderAlike(directory, name, status))
+            record_.add(pathHash(name), status);
+    }
+
+    bool isRegularAlike(int own, const struct stat& status, int original,
+                        const struct stat& found) override {
+        const bool finished =
+            status.st_size == found.st_size &&
+            areAlike(Platform::modificationTime(status), Platform::modificationTime(found));
+        return finished || Comparison::isRegularAlike(own, status, original, found);
+    }
+
+    FolderRecord record_;
+};
+
 } // namespace
 
 Differences compare(const fs::path& tree, const fs::path& reference, Files files,
@@ -280,6 +311,10 @@ Differences compare(const fs::path& tree, const fs::path& reference, Files files
 
 Differences removeAlike(const fs::path& tree, const fs::path& reference, Files files) {
     return AlikeRemoval(tree, reference, files).run();
+}
+
+FolderRecord recordAlike(const fs::path& tree, const fs::path& reference) {
+    return AlikeRecording(tree, reference).record();
 }
 
 } // namespace TreeComparison

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Cancellation.h"
+#include "FolderRecord.h"
 
 #include <cstddef>
 #include <filesystem>
@@ -15,7 +16,7 @@
 /// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
 /// followed, and other file systems not entered.
 ///
-/// Both functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
+/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
 namespace TreeComparison {
 
 /// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte
@@ -39,5 +40,9 @@ Differences compare(const std::filesystem::path& tree, const std::filesystem::pa
 /// system does not tell what is open.
 Differences removeAlike(const std::filesystem::path& tree, const std::filesystem::path& reference,
                         Files files);
+/// What a copy that was cut short, and is to be deleted once the reference is gone, has in common
+/// with it: all that is alike as `unfinished`. A file of the same size and time of last change was
+/// finished, and is not read.
+FolderRecord recordAlike(const std::filesystem::path& tree, const std::filesystem::path& reference);
 
 } // namespace TreeComparison

@@ -1,4 +1,5 @@
 #include "Quillvane/FileDescriptor.h"
+#include "Quillvane/InterruptedWork.h"
 #include "Quillvane/KeyStore.h"
 #include "Quillvane/OperationCancelled.h"
 #include "Quillvane/OperationNote.h"
@@ -201,6 +202,37 @@ TEST_F(RemoveTest, AFolderThatAppearsMeanwhileIsNotTouched) {
     EXPECT_EQ(readFile(docs / "theirs"), "x");
     EXPECT_EQ(readFile(item), "image");
     EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(RemoveTest, CleanUpKeepsWhatIsNotInTheItem) {
+    tools.play("ditto", "", R"(
+cp -a "$1/." "$2"
+echo mine > "$2/added"
+echo mine > "$2/file"
+exit 1)");
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    EXPECT_EQ(readFile(docs / "added"), "mine\n");
+    EXPECT_EQ(readFile(docs / "file"), "mine\n");
+    EXPECT_FALSE(fs::exists(docs / "inner"));
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(InterruptedWork::findIn(parent.path()).at(0).state,
+              InterruptedWork::State::incomplete);
+}
+
+TEST_F(RemoveTest, CleanUpTakesFilesThatWereCutShort) {
+    tools.play("ditto", "", R"(
+cp -a "$1/." "$2"
+printf con > "$2/file"
+exit 1)");
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, NobodyElseLooksIntoTheFolderWhileItIsFilled) {
+    actions["Extracting contents…"] = [this] {
+        EXPECT_EQ(fs::status(docs).permissions(), fs::perms::owner_all);
+    };
+    remove();
 }
 
 TEST_F(RemoveTest, CleanUpGoesOnWhenTheVolumeStays) {
