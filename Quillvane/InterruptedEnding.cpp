@@ -211,11 +211,19 @@ private:
             if (::lstat(image_.c_str(), &image) != 0)
                 throw fs::filesystem_error("cannot look at", image_,
                                            std::error_code(errno, std::generic_category()));
+            secureImage();
             note_.reach(Step::deleting, image.st_ino);
         }
         say("Deleting the original folder…");
         requireNone(TreeComparison::removeAlike(folder_, volume.root(), Files::finished));
         volume.close();
+        DurableFile::syncDirectory(contents_.directory);
+    }
+
+    /// Nobody knows how much of it was on the disk already.
+    void secureImage() const {
+        DurableFile::syncFile(image_);
+        DurableFile::syncFile(KeyStore::path(image_));
         DurableFile::syncDirectory(contents_.directory);
     }
 

@@ -227,11 +227,16 @@ private:
 
     void file(int directory, const std::string& name, const struct stat& status) override {
         struct stat now {};
-        const bool removed = isFileAlike(directory, name, status) &&
-                             ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-                             isUnchanged(status, now) &&
-                             ::unlinkat(directory, name.c_str(), 0) == 0;
-        if (!removed) differs(name);
+        const bool alike = isFileAlike(directory, name, status) &&
+                           ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+                           isUnchanged(status, now);
+        if (!alike) return differs(name);
+        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) throwFailure(name);
+    }
+
+    [[noreturn]] void throwFailure(const std::string& name) const {
+        throw fs::filesystem_error("cannot remove", pathOf(name),
+                                   std::error_code(errno, std::generic_category()));
     }
 
     bool isRegularAlike(int own, const struct stat& status, int original,
@@ -260,9 +265,9 @@ private:
 
     void leave(int directory, const std::string& name) override {
         if (!alike_[depth()]) return differs(name);
-        if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) return;
+        if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
         // What made it stay has been told, or has come this moment.
-        if (errno != ENOTEMPTY && errno != EEXIST) differs(name);
+        if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name);
     }
 
     /// Elsewhere a file that was open just before is not deleted but renamed.

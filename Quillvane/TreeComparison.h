@@ -36,8 +36,9 @@ Differences compare(const std::filesystem::path& tree, const std::filesystem::pa
                     Files files, const Cancellation* cancellation = nullptr);
 /// Deletes what is alike in both from `tree`, entry by entry, and last the tree itself if nothing
 /// stays in it. A file that is changed meanwhile, or that somebody has open for writing, is not
-/// alike. What stays is told; what cannot be deleted as well. Throws `std::system_error` when the
-/// system does not tell what is open.
+/// alike. What stays is told. Throws `std::filesystem::filesystem_error` with the path of what the
+/// system did not let go, and `std::system_error` when it does not tell what is open; what came
+/// before is gone then.
 Differences removeAlike(const std::filesystem::path& tree, const std::filesystem::path& reference,
                         Files files);
 /// What a copy that was cut short, and is to be deleted once the reference is gone, has in common

@@ -177,7 +177,11 @@ private:
     void eject(const MountInfo& mountInfo) {
         progress_.report(0.88, "Ejecting the item…");
         detach(mountInfo);
-        note_->reach(OperationNote::Step::copied);
+        try {
+            note_->reach(OperationNote::Step::copied);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::extractFailed(errorText(error));
+        }
     }
 
     void deleteItem() {
