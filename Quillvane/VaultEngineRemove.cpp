@@ -229,7 +229,7 @@ private:
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation) {
     const Path item = itemPath(locked);
-    if (auto restored = InterruptedWork::makeWayToRemove(item, credential)) {
+    if (auto restored = InterruptedWork::makeWayToRemove(item, credential, cancellation)) {
         progress({1.0, "Done. It's a normal folder again."});
         return *std::move(restored);
     }
