@@ -107,6 +107,8 @@ void runDetach(const DetachArguments& arguments) {
         throw ToolError::fromErrno(ENOENT);
     }
     if (isDeadMount(*volume)) {
+        // Nobody has seen it closed, and what it had not written yet is lost.
+        if (!arguments.force) throw ToolError("the volume's server has died");
         removeDeadMount(volume->mountPoint);
         return;
     }

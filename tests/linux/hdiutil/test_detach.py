@@ -126,7 +126,10 @@ class DetachTest(CommandCase):
         self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
         with self.assertRaises(OSError):
             os.listdir(self.point)
-        self.detached(self.device)
+        for _ in range(2):
+            self.assertRefused(self.detach(self.device),
+                               "hdiutil: detach failed - the volume's server has died")
+        self.detached(self.device, "-force")
         self.assertNothingLeft()
 
     def test_killed_server_at_the_callers_place(self):
