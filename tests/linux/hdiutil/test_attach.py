@@ -221,7 +221,7 @@ class AttachTest(CommandCase):
             os.fsync(file.fileno())
         os.kill(self.servers[-1], signal.SIGKILL)
         self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
-        self.detached(point)
+        self.detached(point, "-force")
         return point
 
     def makeReadOnly(self):
