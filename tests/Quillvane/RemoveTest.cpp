@@ -72,6 +72,30 @@ protected:
     std::unique_ptr<Cancellation> cancellation = std::make_unique<Cancellation>();
 };
 
+TEST_F(RemoveTest, OfAnItemThatIsALinkOnlyTheLinkGoes) {
+    const TemporaryFolder elsewhere;
+    fs::rename(item, elsewhere / "Other.quillvane");
+    writeFile(KeyStore::path(elsewhere / "Other.quillvane"), keyFileText);
+    fs::create_symlink(elsewhere / "Other.quillvane", item);
+    EXPECT_EQ(remove(), docs);
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(item)));
+    EXPECT_EQ(readFile(elsewhere / "Other.quillvane"), "image");
+    EXPECT_EQ(readFile(KeyStore::path(elsewhere / "Other.quillvane")), keyFileText);
+}
+
+TEST_F(RemoveTest, AnItemThatBecomesALinkMeanwhileIsNotDeleted) {
+    const TemporaryFolder elsewhere;
+    writeFile(elsewhere / "Other.quillvane", "another");
+    actions["Ejecting the item…"] = [&] {
+        fs::remove(item);
+        fs::create_symlink(elsewhere / "Other.quillvane", item);
+    };
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    EXPECT_EQ(readFile(item), "another");
+    EXPECT_TRUE(fs::is_symlink(item));
+}
+
 TEST_F(RemoveTest, GivesTheFolderBackAndDeletesTheItem) {
     EXPECT_EQ(remove(), docs);
     EXPECT_EQ(readFile(docs / "file"), "contents");
