@@ -55,7 +55,11 @@ std::optional<std::size_t> fill(int fd, std::span<char> buffer) {
 class Reference {
 public:
     explicit Reference(const fs::path& root)
-        : root_(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {}
+        : root_(::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)) {
+        if (!root_)
+            throw fs::filesystem_error("cannot open", root,
+                                       std::error_code(errno, std::generic_category()));
+    }
 
     /// The directory by that relative path, until the next call; -1 when there is none.
     int directory(const fs::path& path) {

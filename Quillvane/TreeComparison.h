@@ -16,7 +16,8 @@
 /// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
 /// followed, and other file systems not entered.
 ///
-/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
+/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile, and
+/// when the reference cannot be opened.
 namespace TreeComparison {
 
 /// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte

@@ -74,11 +74,11 @@ private:
 
     MountInfo mountItem(const Credential& credential) {
         progress_.report(0.15, "Opening the item…");
-        const Secret line = passwordData(passphrase(item_, credential, progress_.cancellation()));
+        passwordData_ = passwordData(passphrase(item_, credential, progress_.cancellation()));
         progress_.stopIfCancelled();
         beginNote();
         try {
-            return attach(item_, line, /*browsable=*/false, progress_.cancellation());
+            return attach(item_, passwordData_, /*browsable=*/false, progress_.cancellation());
         } catch (...) {
             // A volume that is open all the same is not ours.
             note_->remove();
@@ -149,29 +149,35 @@ private:
 
     /// Best effort; the error that brought us here is the one to tell. What stays is ended later.
     void cleanUp(const MountInfo& mountInfo) {
-        const auto copied = recordCopied(mountInfo);
+        auto copied = recordCopiedAndDetach(mountInfo);
+        if (!created_) return;
         try {
-            detach(mountInfo);
-        } catch (const std::exception&) {
-            // as above
-        }
-        if (!copied) return;
-        try {
+            // The volume's server may have been what failed.
+            if (!copied)
+                copied = recordCopiedAndDetach(attach(item_, passwordData_, /*browsable=*/false));
+            if (!copied) return;
             RecordedRemoval::Leftovers leftovers;
             RecordedRemoval::remove(*created_, *copied, leftovers);
-        } catch (const std::system_error&) {
+        } catch (const std::exception&) {
             return; // as above
         }
     }
 
-    /// What was copied so far. The rest of what is in the folder is somebody else's.
-    std::optional<FolderRecord> recordCopied(const MountInfo& mountInfo) const {
-        if (!created_) return std::nullopt;
+    /// What was copied so far, if the volume answers. The rest of what is in the folder is somebody
+    /// else's.
+    std::optional<FolderRecord> recordCopiedAndDetach(const MountInfo& mountInfo) const noexcept {
+        std::optional<FolderRecord> copied;
         try {
-            return TreeComparison::recordAlike(folder_, mountInfo.mountPoint);
+            if (created_) copied = TreeComparison::recordAlike(folder_, mountInfo.mountPoint);
         } catch (const std::exception&) {
-            return std::nullopt; // as above
+            copied.reset(); // as above
         }
+        try {
+            detach(mountInfo);
+        } catch (const std::exception&) {
+            return copied; // as above
+        }
+        return copied;
     }
 
     void eject(const MountInfo& mountInfo) {
@@ -218,6 +224,7 @@ private:
 
     Path item_;
     Path folder_;
+    Secret passwordData_;
     HeldFile held_; ///< the item as it was found
     std::optional<HeldFolder> created_;
     std::optional<OperationNote> note_;
