@@ -74,6 +74,13 @@ class ProtectAsUser(Sampled, FaultCase):
                 self.assertTrue(disk.lasts(ITEM) and disk.lasts(KEY), disk.unsettled("work"))
         self.assertTrue(deleting)
 
+    def testSuccessLasts(self):
+        _, run = self.whole()
+        disk = power_loss.Disk()
+        for call in run.calls:
+            disk.follow(call)
+        self.assertEqual([], disk.unsettled("work"))
+
 
 class ProtectAsRoot(Sampled, FaultCase):
     operation = operations.Protect
@@ -94,6 +101,15 @@ class RemoveAsUser(Sampled, FaultCase):
                 ends.append(call.path)
                 self.assertTrue(disk.lasts("work/Docs"), disk.unsettled("work"))
         self.assertEqual([ITEM, KEY], ends)
+
+    def testSuccessLasts(self):
+        _, run = self.whole()
+        disk = power_loss.Disk([ITEM, KEY])
+        for call in run.calls:
+            if call.name in power_loss.ENDS and call.path == KEY:
+                self.assertEqual([], disk.unsettled(ITEM))  # its password needs the key file
+            disk.follow(call)
+        self.assertEqual([], disk.unsettled("work"))
 
 
 class RemoveAsRoot(Sampled, FaultCase):
