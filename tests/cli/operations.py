@@ -2,14 +2,15 @@
 
 import os
 
+import endings
 import in_place
-import items
+import interruptions
+import power_loss
 import quillvane
+from endings import ITEM, KEY
 from items import PASSWORD
 
 NEW_PASSWORD = "another password, in full"
-ITEM = "Docs.quillvane"
-KEY = ".Docs.quillvane.qvkeys"
 
 
 class Operation:
@@ -21,6 +22,8 @@ class Operation:
     settling = 5  # seconds that other processes may take to end
     # What qv says when it fails and leaves more than there was.
     leaves = ()
+    existing = (f"work/{ITEM}", f"work/{KEY}")  # when it begins
+    unsettled = ()  # paths that need not last when it has succeeded
 
     def __init__(self, case):
         self.case = case
@@ -52,14 +55,30 @@ class Operation:
         self.assertEntries(ITEM, KEY)
         self.assertItem()
 
-    def startAgain(self, where):
-        """The operation is begun again after it was cut short or has failed, with everything where
-        `assertNothingLost` has found it. Whatever finishes or undoes interrupted work belongs here,
-        and then that nothing hidden stays."""
+    def disk(self):
+        """What is there when it begins, and how much of it would last."""
+        return power_loss.Disk(self.existing)
+
+    def assertLasts(self, run, failed):
+        """What success promises lasts through a power failure although these calls have failed,
+        or is noted, so that it is seen to again."""
+        disk = self.disk()
+        for call in run.calls:
+            if call not in failed:
+                disk.follow(call)
+        noted = [path for path in disk.existing if path.endswith(".note") and disk.lasts(path)]
+        left = [path for path in disk.unsettled("work") if path not in self.unsettled]
+        self.case.assertTrue(noted or not left, left)
+
+    def startAgain(self, where, run, made, ending):
+        """The operation was cut short after these calls, or has failed, with everything where
+        `assertNothingLost` has found it: now it is ended in this way, and nothing hidden stays."""
 
     def assertEntries(self, *names):
-        """These are there, and key files that could not be removed, which is no failure."""
-        found = set(os.listdir(self.case.work)) - (self.case.orphans - set(names))
+        """These are there, and key files whose removal has failed, which a note tells."""
+        notes = [note.read_text() for note in (self.case.scene / "home").rglob("*.note")]
+        found = [name for name in os.listdir(self.case.work) if name in names or not (
+            name.endswith(".qvkeys") and any(name[1:-len(".qvkeys")] in note for note in notes))]
         self.case.assertEqual(sorted(names), sorted(found))
 
     def assertItem(self, password=PASSWORD):
@@ -70,7 +89,33 @@ class Operation:
         self.case.assertTrue(self.case.judge.isWhole(self.case.work / "Docs"))
 
 
-class Protect(Operation):
+class Interruptible(Operation):
+    """One that leaves a note when it is interrupted, so that it can be finished and undone."""
+
+    name = None  # as `endings` and `interruptions` call it
+
+    def startAgain(self, where, run, made, ending):
+        case = self.case
+        disk = interruptions.onDisk(case.work, case.judge.isWhole)
+        ended = endings.Ending(case, self.name)
+        phase = self.phase(run, made, ended.told)
+        row = interruptions.rowOf(ended.operation, phase, disk, ended.told)
+        case.assertIsNotNone(row, f"{ended.operation}: | {phase} | {disk} | {ended.told} | "
+                                  "is not in the table")
+        if run.status == 0 and run.fault != "on":  # then it could not note that all is done
+            case.assertEqual(interruptions.NOTHING, ended.told)
+        case.met.add(row)
+        ended.end(ending, row)
+
+    def phase(self, run, made, told):
+        if run.status is not None and told == interruptions.NOTHING:
+            return interruptions.FAILED if run.status else interruptions.SUCCEEDED
+        return interruptions.phase(self.name, made)
+
+
+class Protect(Interruptible):
+    name = "protect"
+    existing = ()
     leaves = ("Couldn't eject the volume.", "Your data is safe in the vault",
               "Final rename failed.")
 
@@ -89,13 +134,9 @@ class Protect(Operation):
         self.assertEntries("Docs")
         self.assertFolder()
 
-    def startAgain(self, where):
-        if where == "folder":
-            self.case.succeed("lock", self.case.work / "Docs")
-            self.assertItem()
 
-
-class Remove(Operation):
+class Remove(Interruptible):
+    name = "remove"
     leaves = ("Couldn't eject the volume.", "Your data is safe in the vault")
 
     def commands(self):
@@ -104,6 +145,85 @@ class Remove(Operation):
     def assertComplete(self):
         self.assertEntries("Docs")
         self.assertFolder()
+
+
+class Ended(Interruptible):
+    """What was interrupted at a call of a program is finished or undone."""
+
+    interrupted = None  # the operation
+    at = None  # whether a call is the one before which everything is killed
+    verb = None
+    outcome = None  # "folder" or "item"
+
+    def __init__(self, case):
+        super().__init__(case)
+        self.first = self.interrupted(case)
+        self.name = self.first.name
+        self.stop = None  # options of the run that is interrupted
+        self.earlier = []  # calls that it has made
+
+    def prepare(self):
+        case = self.case
+        if not self.stop:
+            calls = case.perform(self.first, settle=0).calls
+            found = next(call for call in calls if self.at(call))
+            number = [call for call in calls if call.program == found.program].index(found) + 1
+            self.stop = ("--stop-at", number, "--by", found.program)
+        self.first.prepare()
+        run = case.runIt(self.first, *self.stop, settle=0)
+        case.assertIsNone(run.status)
+        self.earlier = run.calls[:-1]
+
+    def commands(self):
+        operand = endings.COMMANDS[self.name][1]
+        return [[quillvane.QV, self.verb, operand, "--stdin"]]
+
+    def disk(self):
+        disk = self.first.disk()
+        for call in self.earlier:
+            disk.follow(call)
+        return disk
+
+    def assertComplete(self):
+        if self.outcome == "folder":
+            self.assertEntries("Docs")
+            self.assertFolder()
+        else:
+            self.assertEntries(ITEM, KEY)
+            self.assertItem()
+
+    def assertAsBefore(self):
+        """It can be finished and undone still, see `startAgain`."""
+
+    def phase(self, run, made, told):
+        return None
+
+
+def ended(interrupted, at, verb, outcome):
+    return type("Ended", (Ended,), {"interrupted": interrupted, "at": staticmethod(at),
+                                    "verb": verb, "outcome": outcome})
+
+
+def isNoteOfDeletion(call):
+    return call.name == "write" and call.path.endswith(".note") and call.number > NOTE_IS_MADE
+
+
+NOTE_IS_MADE = 20  # calls
+# Everything that is killed has come to this: by the state's name, the operation and the next call.
+STATES = {
+    "copied": (Protect, isNoteOfDeletion),
+    "deleting": (Protect, lambda call: call.path == "work/Docs/letters/photo" and
+                 call.name in power_loss.ENDS and call.place == "disk"),
+    "unnamed": (Protect, lambda call: call.second == f"work/{ITEM}"),
+    "incomplete": (Remove, lambda call: call.name == "symlinkat"),
+    "restored": (Remove, lambda call: call.path == f"work/{ITEM}" and
+                 call.name in power_loss.ENDS),
+}
+ENDINGS = {
+    f"{verb}-{state}": ended(interrupted, at, verb,
+                             "item" if (verb == "finish") == (interrupted is Protect) else "folder")
+    for state, (interrupted, at) in STATES.items() for verb in (endings.FINISH, endings.UNDO)
+}
 
 
 class Change(Operation):
@@ -128,7 +248,7 @@ class Change(Operation):
         self.assertEntries(ITEM, KEY)
         self.case.assertEqual("old", self.assertNothingLost())
 
-    def startAgain(self, where):
+    def startAgain(self, where, run, made, ending):
         current = PASSWORD if where == "old" else NEW_PASSWORD
         self.case.succeed("change", self.item, secrets=(current, "the last password"))
 
@@ -139,6 +259,8 @@ class Open(Operation):
     program = "in-place"
     serving = {0: True, 1: False}
     settling = 2
+    # Hiding the item is best effort, and an empty folder is taken away by the next start.
+    unsettled = ("work/Docs", "work/.hidden")
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item]]
@@ -156,7 +278,7 @@ class Open(Operation):
     def assertTidy(self):
         self.assertEntries(ITEM, KEY, "Docs", ".hidden")
 
-    def startAgain(self, where):
+    def startAgain(self, where, run, made, ending):
         result = self.case.run_(in_place.DRIVER, "recover", self.item)
         self.case.assertEqual((0, "", ""), (result.returncode, result.stdout, result.stderr))
         for unfinished in self.case.work.glob(".quillvane-*.tmp"):

@@ -77,9 +77,47 @@ class Disk:
             self.contents.add(target)
 
 
-def replay(run, existing=()):
-    """Each call of a run with the state of the disk right before it."""
-    disk = Disk(existing)
-    for call in run.calls:
+def replay(calls, disk):
+    """Each of the calls with the state of the disk right before it."""
+    for call in calls:
         yield call, disk
         disk.follow(call)
+
+
+FOLDER, ITEM = "work/Docs", "work/Docs.quillvane"
+KEY = "work/.Docs.quillvane.qvkeys"
+
+
+def mistakes(calls, disk):
+    """What would be lost if the power failed in the middle of these calls: each call, in words,
+    that takes something away before all that has to take its place is there to stay."""
+    for call, before in replay(calls, disk):
+        if call.place != "disk" or call.name not in ENDS | MOVES:
+            continue
+        if call.name in MOVES:
+            good = call.second != ITEM or before.lasts(KEY)
+        elif call.path == FOLDER or call.path.startswith(FOLDER + "/"):
+            good = any(before.lasts(image) and before.lasts(keyFile(image))
+                       for image in before.existing if image == ITEM or isWorkingImage(image))
+        elif call.path == ITEM:
+            good = before.lasts(FOLDER)
+        elif call.path.endswith(".qvkeys"):  # needed as long as its image is there or may come back
+            image = imageOf(call.path)
+            good = (image not in before.existing and image not in before.names
+                    and (image == ITEM or ITEM not in before.existing or before.lasts(KEY)))
+        else:
+            continue
+        if not good:
+            yield f"{call} while {before.unsettled('work')} would not last"
+
+
+def keyFile(image):
+    return f"work/.{os.path.basename(image)}.qvkeys"
+
+
+def imageOf(key):
+    return "work/" + os.path.basename(key)[1:].removesuffix(".qvkeys")
+
+
+def isWorkingImage(path):
+    return path.startswith("work/.Quillvane-") and path.endswith(".sparseimage")

@@ -33,7 +33,9 @@ class Sampled:
         with self.told(run):
             self.assertEqual(0, run.status)
             operation.assertTidy()
-            self.assertJudged(operation, run)
+            operation.assertLasts(run, [])
+            self.assertInOrder(operation, run.calls)
+            self.assertJudged(operation, run, 0, run.calls)
         return operation, run
 
     def testKilled(self):
@@ -58,29 +60,6 @@ class ProtectAsUser(Sampled, FaultCase):
     operation = operations.Protect
     user = ORDINARY
 
-    def testNothingIsDeletedBeforeItsSuccessorLasts(self):
-        _, run = self.whole()
-        deleting = False
-        for call, disk in power_loss.replay(run):
-            image = [path for path in disk.existing if path.endswith(".sparseimage")]
-            if call.name in power_loss.ENDS and call.path.startswith("work/Docs/"):
-                deleting = True
-                self.assertEqual(1, len(image))
-                self.assertTrue(disk.lasts(image[0]), disk.unsettled("work"))
-                self.assertTrue(disk.lasts(workingKey(image[0])), disk.unsettled("work"))
-            elif call.name in power_loss.MOVES and call.second == ITEM:
-                self.assertTrue(disk.lasts(KEY), disk.unsettled("work"))
-            elif call.name in power_loss.ENDS and call.path.endswith(".sparseimage.qvkeys"):
-                self.assertTrue(disk.lasts(ITEM) and disk.lasts(KEY), disk.unsettled("work"))
-        self.assertTrue(deleting)
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk()
-        for call in run.calls:
-            disk.follow(call)
-        self.assertEqual([], disk.unsettled("work"))
-
 
 class ProtectAsRoot(Sampled, FaultCase):
     operation = operations.Protect
@@ -93,24 +72,6 @@ class RemoveAsUser(Sampled, FaultCase):
     operation = operations.Remove
     user = ORDINARY
 
-    def testNothingIsDeletedBeforeItsSuccessorLasts(self):
-        _, run = self.whole()
-        ends = []
-        for call, disk in power_loss.replay(run, [ITEM, KEY]):
-            if call.name in power_loss.ENDS and call.path in (ITEM, KEY):
-                ends.append(call.path)
-                self.assertTrue(disk.lasts("work/Docs"), disk.unsettled("work"))
-        self.assertEqual([ITEM, KEY], ends)
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk([ITEM, KEY])
-        for call in run.calls:
-            if call.name in power_loss.ENDS and call.path == KEY:
-                self.assertEqual([], disk.unsettled(ITEM))  # its password needs the key file
-            disk.follow(call)
-        self.assertEqual([], disk.unsettled("work"))
-
 
 class RemoveAsRoot(Sampled, FaultCase):
     operation = operations.Remove
@@ -119,18 +80,39 @@ class RemoveAsRoot(Sampled, FaultCase):
     errors = 3
 
 
+class EndedAsUser(FaultCase):
+    """Finishing and undoing what was interrupted."""
+
+    user = ORDINARY
+    runs = 12  # of each, half of them killed and half with a failing call
+
+    def sweep(self, name):
+        operation = operations.ENDINGS[name](self)
+        run = self.perform(operation, settle=0)
+        with self.told(run):
+            self.assertEqual(0, run.status)
+            operation.assertLasts(run, [])
+            self.assertInOrder(operation, run.calls)
+            self.assertJudged(operation, run, 0, run.calls)
+        source = random.Random(SEED)
+        disk = [call.number for call in run.calls if call.place == "disk"]
+        for turn, number in enumerate(source.sample(disk, min(self.runs, len(disk)))):
+            if turn % 2:
+                with self.subTest(f"{name} {number}"):
+                    self.killAt(operation, number)
+            else:
+                error = source.choice(ERRORS)
+                with self.subTest(f"{name} {number} {error} once"):
+                    self.failAt(operation, number, error)
+
+
+for name in operations.ENDINGS:
+    setattr(EndedAsUser, f"test-{name}", lambda self, name=name: self.sweep(name))
+
+
 class ChangeAsUser(Sampled, FaultCase):
     operation = operations.Change
     user = ORDINARY
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk([ITEM, KEY])
-        for call in run.calls:
-            if call.name in power_loss.MOVES:
-                self.assertNotIn(call.path, disk.contents)
-            disk.follow(call)
-        self.assertEqual([], disk.unsettled("work"))
 
 
 class OpenAsUser(Sampled, FaultCase):
@@ -141,14 +123,6 @@ class OpenAsUser(Sampled, FaultCase):
 class CloseAsUser(Sampled, FaultCase):
     operation = operations.Close
     user = ORDINARY
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk([ITEM, KEY, "work/.hidden", "work/Docs"])
-        for call in run.calls:
-            disk.follow(call)
-        # An empty folder that comes back is taken away by the next start.
-        self.assertEqual([], [path for path in disk.unsettled("work") if path != "work/Docs"])
 
 
 class JudgeTest(FaultCase):
@@ -225,10 +199,6 @@ class JudgeTest(FaultCase):
                          "file = open('Docs/photo', 'r+b'); mmap.mmap(file.fileno(), 0)"]]
         with self.assertRaisesRegex(AssertionError, "maps work/Docs/photo for writing"):
             self.perform(Maps(self))
-
-
-def workingKey(image):
-    return f"work/.{image.removeprefix('work/')}.qvkeys"
 
 
 if __name__ == "__main__":
