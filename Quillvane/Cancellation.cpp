@@ -1,20 +1,31 @@
 #include "Cancellation.h"
 
+#include "OperationCancelled.h"
+
 #include <cerrno>
 #include <csignal>
 #include <sched.h>
 
 // Both are used in a signal handler.
-static_assert(std::atomic<pid_t>::is_always_lock_free && std::atomic<bool>::is_always_lock_free);
+static_assert(std::atomic<pid_t>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
-void Cancellation::request() noexcept {
+bool Cancellation::request() noexcept {
+    State state = State::open;
+    if (!state_.compare_exchange_strong(state, State::requested) && state == State::committed)
+        return false;
     const int savedErrno = errno;
     signalling_.fetch_add(1);
-    requested_.store(true);
     const pid_t child = child_.load();
     if (child > 0) ::kill(child, SIGTERM);
     signalling_.fetch_sub(1);
     errno = savedErrno;
+    return true;
+}
+
+void Cancellation::commit() {
+    State state = State::open;
+    if (!state_.compare_exchange_strong(state, State::committed) && state == State::requested)
+        throw OperationCancelled();
 }
 
 void Cancellation::watchChild(pid_t child) noexcept {

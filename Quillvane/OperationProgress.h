@@ -16,7 +16,7 @@ public:
 
     void report(double fraction, const std::string& message) {
         highest_ = std::max(highest_, fraction);
-        callback_({highest_, message});
+        callback_({highest_, message, cancellable_});
     }
     /// A copy's own fraction: it fills the bar from 0.3 to 0.8. The message is `prefix` and the
     /// whole percentage.
@@ -29,11 +29,18 @@ public:
     void stopIfCancelled() const {
         if (cancellation_ != nullptr && cancellation_->requested()) throw OperationCancelled();
     }
+    /// The point of no return: throws `OperationCancelled` when the end was requested; from here on
+    /// it can't be any more, and every report says so.
+    void commit() {
+        if (cancellation_ != nullptr) cancellation_->commit();
+        cancellable_ = false;
+    }
     Cancellation* cancellation() const noexcept { return cancellation_; }
 
 private:
     const ProgressCallback& callback_;
     Cancellation* cancellation_;
+    bool cancellable_ = true;
     double highest_ = 0;
     double highestCopied_ = 0;
 };

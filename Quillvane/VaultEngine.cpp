@@ -61,13 +61,13 @@ Secret passwordData(const Secret& passphrase) {
 }
 
 OpenResult open(const Path& imageURL, const Credential& credential,
-                const ProgressCallback& progress, const Cancellation* cancellation) {
+                const ProgressCallback& progress, Cancellation* cancellation) {
     const Path image = itemPath(imageURL);
     std::error_code unreadable;
     if (!std::filesystem::exists(image, unreadable)) throw VaultError::sourceMissing();
     progress({std::nullopt, "Opening the vault…"});
     const Secret line = passwordData(passphrase(image, credential, cancellation));
-    MountInfo mountInfo = attach(image, line, /*browsable=*/true);
+    MountInfo mountInfo = attach(image, line, /*browsable=*/true, cancellation);
     showVolume(mountInfo.mountPoint);
     progress({1.0, "Opened. The volume is mounted."});
     return {mountInfo.mountPoint, mountInfo};

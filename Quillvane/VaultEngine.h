@@ -74,7 +74,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 /// derived. Throws `VaultError`, `RecoveryError`, `ProcessLaunchError`, `OperationCancelled`,
 /// and `PropertyListError` when the disk-image tool answers nonsense.
 OpenResult open(const Path& imageURL, const Credential& credential,
-                const ProgressCallback& progress, const Cancellation* cancellation = nullptr);
+                const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
 /// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
 /// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
@@ -124,8 +124,10 @@ Secret passphrase(const Path& container, const Credential& credential,
 Secret passwordData(const Secret& passphrase);
 
 /// Mounts the image at a place that the system chooses, shown to the user if `browsable`. Throws
-/// `VaultError`, `ProcessLaunchError`, `PropertyListError`.
-MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable);
+/// `VaultError`, `ProcessLaunchError`, `PropertyListError`; `OperationCancelled` when the end was
+/// requested and nothing was mounted.
+MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable,
+                 Cancellation* cancellation = nullptr);
 /// Ejects the volume, by force if it must be; true, or throws `VaultError` (detachFailed) or
 /// `ProcessLaunchError`.
 bool detach(const MountInfo& mountInfo);
@@ -162,6 +164,11 @@ ProcessResult dittoWithProgress(const Path& from, const Path& to, std::int64_t t
 /// Nothing when every direct entry of `source` exists in `dest`, else the reason for the user.
 /// With `skipSystem`, entries in `systemVolumeItems` need not be there.
 std::optional<std::string> verifyTopLevel(const Path& source, const Path& dest, bool skipSystem);
+/// Nothing when `dest` is a copy of all of `source`, as `dittoWithProgress` has made it, else the
+/// reason for the user. What the copy tool has not compared itself is compared here. Throws
+/// `OperationCancelled`, and `std::filesystem::filesystem_error` when either is rearranged.
+std::optional<std::string> verifyCopy(const Path& source, const Path& dest,
+                                      const Cancellation* cancellation = nullptr);
 /// False also when the directory cannot be listed.
 bool isDirectoryEmpty(const Path& url);
 

@@ -1,6 +1,7 @@
 #include "VaultEngine.h"
 
 #include "AttachOutput.h"
+#include "OperationCancelled.h"
 #include "Platform.h"
 #include "VaultError.h"
 
@@ -34,13 +35,15 @@ bool mentions(std::string_view message, std::initializer_list<std::string_view> 
 
 } // namespace
 
-MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable) {
+MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable,
+                 Cancellation* cancellation) {
     std::vector<std::string> arguments{"attach", "-stdinpass", "-plist", "-owners", "on"};
     if (!browsable) arguments.emplace_back("-nobrowse");
     arguments.push_back(imageURL.string());
-    const ProcessResult result =
-        ProcessRunner::run(Platform::tools().hdiutil, arguments, passwordData.bytes());
+    const ProcessResult result = ProcessRunner::run(Platform::tools().hdiutil, arguments,
+                                                    passwordData.bytes(), cancellation);
     if (result.exitCode != 0) {
+        if (cancellation != nullptr && cancellation->requested()) throw OperationCancelled();
         if (refusesPassphrase(result.standardError)) throw VaultError::wrongPassword();
         throw VaultError::attachFailed(trimmed(result.stderrString()));
     }

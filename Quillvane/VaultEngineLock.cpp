@@ -97,6 +97,9 @@ public:
             secureImage();
             deleteOriginal();
             moveImage();
+        } catch (const OperationCancelled&) {
+            if (!InterruptedWork::settle(*note_)) throw OperationCancelled::leavingSomething();
+            throw;
         } catch (...) {
             InterruptedWork::settle(*note_);
             throw;
@@ -163,9 +166,10 @@ private:
                                {"create", "-size", size, "-encryption", "AES-256", "-stdinpass",
                                 "-volname", folder_.filename().string(), "-fs",
                                 commandLineName(filesystem_), "-type", "SPARSE", image_.string()},
-                               passwordData_.bytes());
+                               passwordData_.bytes(), progress_.cancellation());
         if (result.exitCode != 0) {
             removeImage();
+            progress_.stopIfCancelled();
             throw VaultError::createFailed(trimmed(result.stderrString()));
         }
         try {
@@ -181,7 +185,8 @@ private:
         try {
             copyInto(mountInfo.mountPoint, bytes);
             progress_.report(0.82, "Verifying your data is safe…");
-            if (const auto reason = verifyTopLevel(folder_, mountInfo.mountPoint, true))
+            if (const auto reason =
+                    verifyCopy(folder_, mountInfo.mountPoint, progress_.cancellation()))
                 throw VaultError::verificationFailed(*reason);
             progress_.stopIfCancelled();
         } catch (...) {
@@ -197,7 +202,7 @@ private:
         try {
             progress_.stopIfCancelled();
             progress_.report(0.30, "Mounting the vault…");
-            return attach(image_, passwordData_, /*browsable=*/false);
+            return attach(image_, passwordData_, /*browsable=*/false, progress_.cancellation());
         } catch (...) {
             removeImage();
             throw;
@@ -226,7 +231,7 @@ private:
             syncImage();
             KeyStore::write(record_, image_);
             takeLastLook();
-            progress_.stopIfCancelled();
+            progress_.commit();
             noteDeletion();
         } catch (...) {
             KeyStore::remove(image_);
@@ -319,7 +324,8 @@ private:
         try {
             DurableFile::syncDirectory(parent_);
         } catch (const fs::filesystem_error&) {
-            return; // after a crash the image may be back under its working name: keep its key
+            return; // after a crash the image may be back under its working name: keep its key,
+                    // which is dropped with the note
         }
         KeyStore::remove(image_);
     }
@@ -373,7 +379,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 }
 
 void recoveryKeyShown(const LockResult& result) noexcept {
-    if (result.note) result.note->remove();
+    if (result.note) InterruptedWork::settleShown(*result.note);
 }
 
 } // namespace VaultEngine

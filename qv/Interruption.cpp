@@ -6,8 +6,11 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <string_view>
 #include <sys/select.h>
+#include <sys/types.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
@@ -17,9 +20,14 @@ constexpr std::array endingSignals{SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 Cancellation request;
 std::atomic<bool> stopRequested{false};
 
+// On a line of its own: a line of progress may be under way.
+constexpr std::string_view tooLate = "\nIt can't be cancelled any more; it is being finished.\n";
+
 extern "C" {
 static void onEndingSignal(int) {
-    request.request();
+    if (request.request()) return;
+    // Nothing more can be done about an error here.
+    [[maybe_unused]] const ssize_t written = ::write(STDERR_FILENO, tooLate.data(), tooLate.size());
 }
 static void onStopSignal(int) {
     stopRequested = true;

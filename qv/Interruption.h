@@ -7,7 +7,8 @@
 /// The signals that ask the program to stop: SIGINT, SIGTERM, SIGHUP and SIGQUIT.
 ///
 /// They never end the program by themselves, however often they come: they become a request that
-/// the operation answers when it has tidied up.
+/// the operation answers when it has tidied up, or is refused on standard error once the operation
+/// is past its point of no return.
 namespace Interruption {
 
 /// Takes charge of the signals, and ignores SIGPIPE: a write then fails and is noticed. Signals

@@ -83,6 +83,11 @@ ProgressDisplay::~ProgressDisplay() {
 }
 
 void ProgressDisplay::show(const Progress& progress) {
+    if (cancellable_ && !progress.cancellable) {
+        cancellable_ = false;
+        write(std::string(onTerminal_ ? eraseLine : "") + "From here on it can't be cancelled.\n");
+        shown_.clear();
+    }
     if (onTerminal_) {
         showLine(progress);
     } else {

@@ -17,6 +17,7 @@ public:
     ProgressDisplay(const ProgressDisplay&) = delete;
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
 
+    /// Before the first report of an operation that can't be cancelled any more it says so.
     void show(const Progress& progress);
 
 private:
@@ -25,6 +26,7 @@ private:
 
     bool onTerminal_;
     bool utf8_;
+    bool cancellable_ = true;
     std::string shown_; ///< the last thing written
 };
 

@@ -323,10 +323,30 @@ TEST_F(LockFailureTest, CancellingEndsTheCopyAtOnceAndEjects) {
     expectUntouched();
 }
 
-TEST_F(LockFailureTest, CancellingTooLateChangesNothing) {
-    actions["Deleting the original folder…"] = [this] { cancellation->request(); };
+TEST_F(LockFailureTest, CancellingEndsTheMountingAtOnce) {
+    tools.play("hdiutil", "attach", "exec sleep 60");
+    actions["Mounting the vault"] = [this] { cancellation->request(); };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(lock(), OperationCancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    expectUntouched();
+}
+
+TEST_F(LockFailureTest, CancellingEndsTheMakingOfTheImageAtOnce) {
+    tools.play("hdiutil", "create", "exec sleep 60");
+    actions["Creating the encrypted vault"] = [this] { cancellation->request(); };
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_THROW(lock(), OperationCancelled);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
+    expectUntouched();
+}
+
+TEST_F(LockFailureTest, CancellingTooLateIsRefused) {
+    bool heard = true;
+    actions["Deleting the original folder…"] = [&] { heard = cancellation->request(); };
     EXPECT_EQ(lock().container, target);
     EXPECT_EQ(names().size(), 2U);
+    EXPECT_FALSE(heard);
 }
 
 } // namespace

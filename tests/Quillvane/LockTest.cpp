@@ -56,6 +56,12 @@ TEST_F(LockTest, PassesTheOtherFormatOn) {
     EXPECT_EQ(tools.calls().at(0).arguments.at(9), "JHFS+");
 }
 
+TEST_F(LockTest, EveryReportTellsWhetherItCanStillBeCancelled) {
+    lock();
+    for (const Progress& report : reports)
+        EXPECT_EQ(report.cancellable, report.fraction < 0.93) << report.message;
+}
+
 TEST_F(LockTest, ReportsEveryStep) {
     lock();
     std::vector<std::pair<double, std::string>> steps;

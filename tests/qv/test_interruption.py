@@ -11,6 +11,7 @@ from quillvane import QV
 from terminal import Terminal
 
 CANCELLED = "Cancelled. Nothing was changed."
+TOO_LATE = "It can't be cancelled any more; it is being finished."
 
 
 class InterruptionTest(quillvane.Case):
@@ -80,6 +81,7 @@ class InterruptionTest(quillvane.Case):
                 result = self.signalAt(step, signal.SIGINT, "lock", "Docs")
                 if step in ("Deleting", "Finalizing"):  # too late: it is carried through
                     self.assertEqual(0, result[0], result)
+                    self.assertIn(TOO_LATE, result[2])
                 if result[0] == 0:
                     self.assertEqual(2, len(result[1].splitlines()))
                     self.assertItemWhole()
@@ -101,8 +103,9 @@ class InterruptionTest(quillvane.Case):
                      "Ejecting", "Deleting"):
             with self.subTest(step):
                 result = self.signalAt(step, signal.SIGINT, "remove", "Docs.quillvane")
-                if step == "Deleting":
+                if step in ("Ejecting", "Deleting"):
                     self.assertEqual(0, result[0], result)
+                    self.assertIn(TOO_LATE, result[2])
                 if result[0] == 0:
                     self.assertEqual(f"{self.work}/Docs\n", result[1])
                     self.assertFolderWhole()
