@@ -148,7 +148,8 @@ class FaultCase(kills.KillCase):
 
     def assertInOrder(self, operation, calls):
         """Nothing is taken away before what takes its place lasts."""
-        self.assertEqual([], list(power_loss.mistakes(calls, operation.disk())))
+        self.assertEqual([], list(power_loss.mistakes(
+            calls, operation.disk(), operation.isWhole())))
 
     def assertReported(self, operation, run):
         """A failure leaves what there was, unless its message says more."""

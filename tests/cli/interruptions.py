@@ -70,6 +70,7 @@ PHASES = {
 }
 FIRST = "noting the operation"
 FAILED, SUCCEEDED = "after a failure", "after success"
+UNNOTED = "after success on a failing disk"
 
 
 def phase(operation, calls):

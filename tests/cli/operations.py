@@ -59,6 +59,10 @@ class Operation:
         """What is there when it begins, and how much of it would last."""
         return power_loss.Disk(self.existing)
 
+    def isWhole(self):
+        """Whether the folder is there in the clear then, all of it."""
+        return False
+
     def assertLasts(self, run, failed):
         """What success promises lasts through a power failure although these calls have failed,
         or is noted, so that it is seen to again."""
@@ -102,14 +106,14 @@ class Interruptible(Operation):
         row = interruptions.rowOf(ended.operation, phase, disk, ended.told)
         case.assertIsNotNone(row, f"{ended.operation}: | {phase} | {disk} | {ended.told} | "
                                   "is not in the table")
-        if run.status == 0 and run.fault != "on":  # then it could not note that all is done
-            case.assertEqual(interruptions.NOTHING, ended.told)
         case.met.add(row)
         ended.end(ending, row)
 
     def phase(self, run, made, told):
+        if run.status == 0:
+            return interruptions.UNNOTED if run.fault == "on" else interruptions.SUCCEEDED
         if run.status is not None and told == interruptions.NOTHING:
-            return interruptions.FAILED if run.status else interruptions.SUCCEEDED
+            return interruptions.FAILED
         return interruptions.phase(self.name, made)
 
 
@@ -124,6 +128,9 @@ class Protect(Interruptible):
 
     def commands(self):
         return [[quillvane.QV, "lock", "Docs", "--stdin"]]
+
+    def isWhole(self):
+        return True
 
     def assertComplete(self):
         self.assertEntries(ITEM, KEY)
@@ -183,6 +190,11 @@ class Ended(Interruptible):
         for call in self.earlier:
             disk.follow(call)
         return disk
+
+    def isWhole(self):
+        return self.first.isWhole() and not any(
+            call.name in power_loss.ENDS and call.path.startswith("work/Docs")
+            for call in self.earlier)
 
     def assertComplete(self):
         if self.outcome == "folder":

@@ -88,27 +88,32 @@ FOLDER, ITEM = "work/Docs", "work/Docs.quillvane"
 KEY = "work/.Docs.quillvane.qvkeys"
 
 
-def mistakes(calls, disk):
+def mistakes(calls, disk, isWhole):
     """What would be lost if the power failed in the middle of these calls: each call, in words,
-    that takes something away before all that has to take its place is there to stay."""
+    that takes something away before all that has to take its place is there to stay. `isWhole` says
+    whether the folder was whole in the clear; as long as it is, nothing else is needed."""
     for call, before in replay(calls, disk):
         if call.place != "disk" or call.name not in ENDS | MOVES:
             continue
-        if call.name in MOVES:
-            good = call.second != ITEM or before.lasts(KEY)
-        elif call.path == FOLDER or call.path.startswith(FOLDER + "/"):
-            good = any(before.lasts(image) and before.lasts(keyFile(image))
-                       for image in before.existing if image == ITEM or isWorkingImage(image))
-        elif call.path == ITEM:
-            good = before.lasts(FOLDER)
-        elif call.path.endswith(".qvkeys"):  # needed as long as its image is there or may come back
-            image = imageOf(call.path)
-            good = (image not in before.existing and image not in before.names
-                    and (image == ITEM or ITEM not in before.existing or before.lasts(KEY)))
-        else:
-            continue
-        if not good:
+        if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
+            isWhole = False
+        if not isWhole and not mayBeMade(call, before):
             yield f"{call} while {before.unsettled('work')} would not last"
+
+
+def mayBeMade(call, disk):
+    if call.name in MOVES:
+        return call.second != ITEM or disk.lasts(KEY) or disk.lasts(keyFile(call.path))
+    if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
+        return any(disk.lasts(image) and disk.lasts(keyFile(image))
+                   for image in disk.existing if image == ITEM or isWorkingImage(image))
+    if call.path == ITEM:
+        return disk.lasts(FOLDER)
+    if call.path.endswith(".qvkeys"):  # needed as long as its image is there, or may come back
+        image = imageOf(call.path)
+        return (image not in disk.existing and image not in disk.names
+                and (image == ITEM or ITEM not in disk.existing or disk.lasts(KEY)))
+    return True
 
 
 def keyFile(image):

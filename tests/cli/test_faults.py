@@ -13,6 +13,7 @@ import judge
 import operations
 import power_loss
 import quillvane
+import second_writer
 from faulted import ERRORS, ORDINARY, SEED, FaultCase
 
 ITEM, KEY = f"work/{operations.ITEM}", f"work/{operations.KEY}"
@@ -108,6 +109,29 @@ class EndedAsUser(FaultCase):
 
 for name in operations.ENDINGS:
     setattr(EndedAsUser, f"test-{name}", lambda self, name=name: self.sweep(name))
+
+
+class SecondWriter(FaultCase):
+    """Another program writes into the folder meanwhile."""
+
+    user = ORDINARY
+
+    def sweep(self, kind, own, tools):
+        operation = kind(self)
+        calls = self.perform(operation, settle=0).calls
+        source = random.Random(SEED)
+        for writing in second_writer.WRITINGS:
+            for program, picks in (("qv", own), (None, tools)):
+                numbers = [call.number for call in calls if program in (None, call.program)]
+                for place in sorted(source.sample(range(1, len(numbers) + 1), picks)):
+                    with self.subTest(f"{writing} at {place} of {program or 'all'}"):
+                        second_writer.attempt(self, operation, writing, place, program)
+
+    def testProtecting(self):
+        self.sweep(operations.Protect, own=6, tools=3)
+
+    def testRemoving(self):
+        self.sweep(operations.Remove, own=3, tools=6)
 
 
 class ChangeAsUser(Sampled, FaultCase):

@@ -9,6 +9,8 @@
 //   --stop-at NUMBER     everything is killed before this call
 //   --fail-at NUMBER     this call fails with --error
 //   --fail-from NUMBER   this and all later ones do that can
+//   --meanwhile-at NUMBER  before this call the program of --meanwhile runs, as root and unseen
+//   --meanwhile FILE
 //   --by PROGRAM         the number counts only the calls of this one, as the log names it
 //   --error ENOSPC|EIO|EACCES
 //   --settle SECONDS     how long other processes may take to end after the last command
@@ -63,6 +65,10 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
         setFault(arguments.fault, Fault::Kind::error, value);
     else if (name == "--fail-from")
         setFault(arguments.fault, Fault::Kind::errors, value);
+    else if (name == "--meanwhile-at")
+        setFault(arguments.fault, Fault::Kind::meanwhile, value);
+    else if (name == "--meanwhile")
+        arguments.fault.meanwhile = value;
     else if (name == "--by")
         arguments.fault.program = value;
     else if (name == "--error")
