@@ -116,8 +116,8 @@ class FaultCase(kills.KillCase):
         with self.told(run):
             self.assertIn(run.status, (None, 0))
             made = run.calls if run.status == 0 else run.calls[:-1]
-            self.assertInOrder(operation, made)
             self.assertJudged(operation, run, number, made)
+            self.assertInOrder(operation, made)
 
     def failAt(self, operation, number, error, onwards=False, by=None):
         """Such a call fails, and from it on any other as well if `onwards`."""

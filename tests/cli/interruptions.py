@@ -20,9 +20,9 @@ class Row:
     phases: str  # what was going on, with commas between
     disk: str
     told: str  # the text that the cell's letter stands for
-    finish: str  # what `qv finish` gives: "folder" or "item"
-    undo: str
-    again: str  # what the operation gives
+    finish: str = NOTHING  # what `qv finish` gives: "folder" or "item"
+    undo: str = NOTHING
+    again: str = ""  # what the operation gives, or what there is to do
 
     def covers(self, operation, phase, disk, told):
         return ((self.operation, self.disk, self.told) == (operation, disk, told)
@@ -35,10 +35,14 @@ def rows():
     for section in DOCUMENT.read_text().split("\n## ")[1:]:
         texts = {letter: " ".join(text.split()) for letter, text in
                  re.findall(r"^- ([A-Z]): (.*(?:\n  .*)*)", section, re.M)}
+        operation = section.partition("\n")[0]
         for line in re.findall(r"^\| (.*) \|$", section, re.M)[1:]:
-            phases, disk, told, *outcomes = line.split(" | ")
-            found.append(Row(section.partition("\n")[0], phases, disk, texts.get(told, told),
-                             *outcomes))
+            phases, disk, *cells = line.split(" | ")
+            if len(cells) == 1:
+                found.append(Row(operation, phases, disk, NOTHING, again=cells[0]))
+            else:
+                told, *outcomes = cells
+                found.append(Row(operation, phases, disk, texts.get(told, told), *outcomes))
     return found
 
 
@@ -67,8 +71,20 @@ PHASES = {
         ("deleting the item", power_loss.ENDS, r"work/Docs\.quillvane"),
         ("ending", power_loss.ENDS, r"work/\.Docs\.quillvane\.qvkeys"),
     ),
+    "change": (
+        ("writing the key file", {"openat"}, TEMPORARY),
+        ("ending", power_loss.MOVES, r"work/\.Docs\.quillvane\.qvkeys"),
+    ),
+    "open": (
+        ("hiding the item", {"openat"}, TEMPORARY),
+        ("making the folder", power_loss.MOVES, r"work/\.hidden"),
+    ),
+    "close": (
+        ("taking the folder away", power_loss.ENDS, "work/Docs"),
+        ("ending", power_loss.ENDS, r"work/\.hidden"),
+    ),
 }
-FIRST = "noting the operation"
+FIRST = "beginning"
 FAILED, SUCCEEDED = "after a failure", "after success"
 UNNOTED = "after success on a failing disk"
 
@@ -82,11 +98,20 @@ def phase(operation, calls):
     return steps[reached - 1][0] if reached else FIRST
 
 
+def folderIn(work, isWhole):
+    if isWhole(work / "Docs"):
+        return "folder"
+    if (work / "Docs").is_dir() and not os.listdir(work / "Docs"):
+        return "empty folder"
+    return "part of the folder"
+
+
 def onDisk(work, isWhole):
     """What of the folder and its item is in a directory; temporary files are not told."""
     names = set(os.listdir(work))
     kinds = (
-        ("folder" if isWhole(work / "Docs") else "part of the folder", "Docs"),
+        (folderIn(work, isWhole), "Docs"),
+        ("list of hidden names", r"\.hidden"),
         ("image", IMAGE),
         ("image's key file", rf"work/\.{IMAGE.removeprefix('work/')}\.qvkeys"),
         ("item", r"Docs\.quillvane"),

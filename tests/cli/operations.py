@@ -1,6 +1,7 @@
 """The operations that faults are made in: how each begins, what it runs, and how it must end."""
 
 import os
+import re
 
 import endings
 import in_place
@@ -16,6 +17,7 @@ NEW_PASSWORD = "another password, in full"
 class Operation:
     """One for each test case, whose `work` it happens in. What fails there fails the test."""
 
+    name = None  # as the table of interruptions calls it
     program = "qv"  # the one that carries it out, by means of others
     secrets = PASSWORD  # what its commands read
     serving = {0: False, 1: False}  # whether the volume is served in the end, by exit status
@@ -23,7 +25,7 @@ class Operation:
     # What qv says when it fails and leaves more than there was.
     leaves = ()
     existing = (f"work/{ITEM}", f"work/{KEY}")  # when it begins
-    unsettled = ()  # paths that need not last when it has succeeded
+    unsettled = "(?!)"  # what need not last when it has succeeded
 
     def __init__(self, case):
         self.case = case
@@ -71,12 +73,29 @@ class Operation:
             if call not in failed:
                 disk.follow(call)
         noted = [path for path in disk.existing if path.endswith(".note") and disk.lasts(path)]
-        left = [path for path in disk.unsettled("work") if path not in self.unsettled]
+        left = [path for path in disk.unsettled("work") if not re.fullmatch(self.unsettled, path)]
         self.case.assertTrue(noted or not left, left)
 
     def startAgain(self, where, run, made, ending):
         """The operation was cut short after these calls, or has failed, with everything where
         `assertNothingLost` has found it: now it is ended in this way, and nothing hidden stays."""
+
+    def rowOf(self, run, made, disk, told=interruptions.NOTHING, operation=None):
+        """The row of the table that says so."""
+        operation = operation or self.name
+        phase = self.phase(run, made, told)
+        row = interruptions.rowOf(operation, phase, disk, told)
+        self.case.assertIsNotNone(
+            row, f"{operation}: | {phase} | {disk} | {told} | is not in the table")
+        self.case.met.add(row)
+        return row
+
+    def phase(self, run, made, told):
+        if run.status == 0:
+            return interruptions.UNNOTED if run.fault == "on" else interruptions.SUCCEEDED
+        if run.status is not None and told == interruptions.NOTHING:
+            return interruptions.FAILED
+        return interruptions.phase(self.name, made)
 
     def assertEntries(self, *names):
         """These are there, and key files whose removal has failed, which a note tells."""
@@ -96,25 +115,12 @@ class Operation:
 class Interruptible(Operation):
     """One that leaves a note when it is interrupted, so that it can be finished and undone."""
 
-    name = None  # as `endings` and `interruptions` call it
-
     def startAgain(self, where, run, made, ending):
         case = self.case
         disk = interruptions.onDisk(case.work, case.judge.isWhole)
         ended = endings.Ending(case, self.name)
-        phase = self.phase(run, made, ended.told)
-        row = interruptions.rowOf(ended.operation, phase, disk, ended.told)
-        case.assertIsNotNone(row, f"{ended.operation}: | {phase} | {disk} | {ended.told} | "
-                                  "is not in the table")
-        case.met.add(row)
+        row = self.rowOf(run, made, disk, ended.told, ended.operation)
         ended.end(ending, row)
-
-    def phase(self, run, made, told):
-        if run.status == 0:
-            return interruptions.UNNOTED if run.fault == "on" else interruptions.SUCCEEDED
-        if run.status is not None and told == interruptions.NOTHING:
-            return interruptions.FAILED
-        return interruptions.phase(self.name, made)
 
 
 class Protect(Interruptible):
@@ -239,6 +245,7 @@ ENDINGS = {
 
 
 class Change(Operation):
+    name = "change"
     secrets = f"{PASSWORD}\n{NEW_PASSWORD}\n"
 
     def commands(self):
@@ -261,6 +268,7 @@ class Change(Operation):
         self.case.assertEqual("old", self.assertNothingLost())
 
     def startAgain(self, where, run, made, ending):
+        self.rowOf(run, made, f"the {where} password opens the item")
         current = PASSWORD if where == "old" else NEW_PASSWORD
         self.case.succeed("change", self.item, secrets=(current, "the last password"))
 
@@ -268,11 +276,12 @@ class Change(Operation):
 class Open(Operation):
     """Opening in place."""
 
+    name = "open"
     program = "in-place"
     serving = {0: True, 1: False}
     settling = 2
     # Hiding the item is best effort, and an empty folder is taken away by the next start.
-    unsettled = ("work/Docs", "work/.hidden")
+    unsettled = rf"work/Docs|work/\.hidden|{interruptions.TEMPORARY}"
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item]]
@@ -291,6 +300,7 @@ class Open(Operation):
         self.assertEntries(ITEM, KEY, "Docs", ".hidden")
 
     def startAgain(self, where, run, made, ending):
+        self.rowOf(run, made, interruptions.onDisk(self.case.work, lambda folder: False))
         result = self.case.run_(in_place.DRIVER, "recover", self.item)
         self.case.assertEqual((0, "", ""), (result.returncode, result.stdout, result.stderr))
         for unfinished in self.case.work.glob(".quillvane-*.tmp"):
@@ -301,6 +311,7 @@ class Open(Operation):
 class Close(Open):
     """Closing in place, right after something was written."""
 
+    name = "close"
     serving = {0: False, 1: True}
 
     def commands(self):

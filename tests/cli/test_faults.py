@@ -3,10 +3,12 @@ nothing is lost, and no more is claimed than is true. `faults` does it at all of
 to supervise programs of any user."""
 
 import random
+import re
 import subprocess
 import sys
 import unittest
 
+import endings
 import faulted
 import items
 import judge
@@ -23,9 +25,9 @@ class Sampled:
     """What is tried with each operation."""
 
     operation = None
-    every = 1  # one in so many calls of the operation's own program
-    tools = 20  # calls of its tools at which everything is killed
-    errors = 15  # and that fail
+    every = 2  # one in so many calls of the operation's own program
+    tools = 10  # calls of its tools at which everything is killed
+    errors = 8  # and that fail
 
     def whole(self):
         """The operation, and a run without a fault."""
@@ -64,9 +66,9 @@ class ProtectAsUser(Sampled, FaultCase):
 
 class ProtectAsRoot(Sampled, FaultCase):
     operation = operations.Protect
-    every = 3
-    tools = 5
-    errors = 3
+    every = 8
+    tools = 3
+    errors = 2
 
 
 class RemoveAsUser(Sampled, FaultCase):
@@ -76,16 +78,16 @@ class RemoveAsUser(Sampled, FaultCase):
 
 class RemoveAsRoot(Sampled, FaultCase):
     operation = operations.Remove
-    every = 3
-    tools = 5
-    errors = 3
+    every = 8
+    tools = 3
+    errors = 2
 
 
 class EndedAsUser(FaultCase):
     """Finishing and undoing what was interrupted."""
 
     user = ORDINARY
-    runs = 12  # of each, half of them killed and half with a failing call
+    runs = 6  # of each, half of them killed and half with a failing call
 
     def sweep(self, name):
         operation = operations.ENDINGS[name](self)
@@ -128,24 +130,27 @@ class SecondWriter(FaultCase):
                         second_writer.attempt(self, operation, writing, place, program)
 
     def testProtecting(self):
-        self.sweep(operations.Protect, own=6, tools=3)
+        self.sweep(operations.Protect, own=4, tools=2)
 
     def testRemoving(self):
-        self.sweep(operations.Remove, own=3, tools=6)
+        self.sweep(operations.Remove, own=2, tools=4)
 
 
 class ChangeAsUser(Sampled, FaultCase):
     operation = operations.Change
+    every = 1
     user = ORDINARY
 
 
 class OpenAsUser(Sampled, FaultCase):
     operation = operations.Open
+    every = 1
     user = ORDINARY
 
 
 class CloseAsUser(Sampled, FaultCase):
     operation = operations.Close
+    every = 1
     user = ORDINARY
 
 
@@ -214,6 +219,24 @@ class JudgeTest(FaultCase):
         self.assertEqual(1, run.status)
         with self.assertRaisesRegex(AssertionError, "^lost: "):
             self.killAt(operation, len(run.calls))
+
+    def testStateThatIsNotInTheTable(self):
+        run = self.perform(self.operation)
+        for name in (operations.ITEM, operations.KEY):
+            (self.work / name).rename(self.directory / name)
+        self.putFolder()
+        self.assertRaisesRegex(AssertionError, "is not in the table", self.operation.startAgain,
+                               "folder", run, run.calls, endings.FINISH)
+
+    def testDeletionBeforeTheSuccessorLasts(self):
+        run = self.perform(self.operation)
+        def mistakes(isLeftOut):
+            calls = [call for call in run.calls if not isLeftOut(call)]
+            return list(power_loss.mistakes(calls, power_loss.Disk(), isWhole=True))
+        self.assertEqual([], mistakes(lambda call: False))
+        for path in (r"\.sparseimage$", r"^work$", r"\.tmp$"):
+            self.assertNotEqual([], mistakes(lambda call: call.name in power_loss.SYNCS
+                                             and re.search(path, call.path)), path)
 
     def testFilesWrittenUnseen(self):
         class Maps(operations.Protect):
