@@ -143,6 +143,22 @@ public:
         }
     }
 
+    /// Deletes the item of a restored folder if the folder still has everything.
+    Outcome finishIfWhole() {
+        closeVolume(item_, Force::no);
+        OpenVolume volume(item_, credential_);
+        const Differences lacking =
+            TreeComparison::compare(volume.root(), folder_, Files::finished, cancellation_);
+        volume.close();
+        // The root of a volume need not be able to keep everything that a folder can.
+        const bool onlyRoot = lacking.count == 1 && lacking.first.front().empty();
+        if (lacking.count == 0 || onlyRoot) return deleteItem();
+        throw InterruptedWorkError(
+            inQuotes(contents_.folder) + " was changed since its protection was removed: " +
+            namesOf(lacking) + ". Finish the removal to keep the folder as it is and delete " +
+            inQuotes(contents_.item) + ", or undo it to keep the item.");
+    }
+
 private:
     const Credential& credential() const {
         if (!credential_) throw VaultError::emptyPassword();
@@ -195,8 +211,7 @@ private:
     void dropImage() {
         closeVolume(image_, Force::yes);
         DurableFile::remove(image_);
-        KeyStore::remove(image_);
-        DurableFile::syncDirectory(contents_.directory);
+        DurableFile::remove(KeyStore::path(image_));
         endNote();
     }
 
@@ -211,11 +226,19 @@ private:
             if (::lstat(image_.c_str(), &image) != 0)
                 throw fs::filesystem_error("cannot look at", image_,
                                            std::error_code(errno, std::generic_category()));
+            secureImage();
             note_.reach(Step::deleting, image.st_ino);
         }
         say("Deleting the original folder…");
         requireNone(TreeComparison::removeAlike(folder_, volume.root(), Files::finished));
         volume.close();
+        DurableFile::syncDirectory(contents_.directory);
+    }
+
+    /// Nobody knows how much of it was on the disk already.
+    void secureImage() const {
+        DurableFile::syncFile(image_);
+        DurableFile::syncFile(KeyStore::path(image_));
         DurableFile::syncDirectory(contents_.directory);
     }
 
@@ -256,8 +279,7 @@ private:
     Outcome endNamed() {
         // The password may have been changed since: the item's own key file is the newer one.
         if (!keyRecord(item_)) giveKeyFile();
-        KeyStore::remove(image_);
-        DurableFile::syncDirectory(contents_.directory);
+        DurableFile::remove(KeyStore::path(image_));
         endNote();
         return {item_, "Your password opens " + inQuotes(contents_.item) +
                            ". To get a recovery key, remove the protection and protect the "
@@ -344,16 +366,21 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
 
 void makeWayToProtect(const Path& folder) {
     for (const Found& found : findAt(folder, OperationNote::Operation::protect)) {
-        if (found.state == State::deleting || found.state == State::unnamed)
+        if (found.state == State::deleting || found.state == State::unnamed ||
+            found.state == State::imageMissing)
             throw InterruptedWorkError(text(found));
         // A recovery key that may not have been shown is still worth telling.
         if (found.state != State::named) undo(found, std::nullopt, silent);
     }
 }
 
-std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential) {
+std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
+                                    Cancellation* cancellation) {
     for (const Found& found : findAt(item, OperationNote::Operation::remove)) {
-        if (found.state == State::restored) return finish(found, credential, silent).result;
+        if (found.state == State::restored) {
+            const std::optional<Credential> given = credential;
+            return takeOver(found, given, silent, cancellation).finishIfWhole().result;
+        }
         if (found.state == State::opened || found.state == State::incomplete)
             undo(found, credential, silent);
     }

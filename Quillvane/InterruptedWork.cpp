@@ -186,8 +186,8 @@ std::string textOfRemoval(const Found& found) {
         return begin + ". The item is whole; the folder " + inQuotes(contents.folder) +
                " beside it is not. Don't delete the item.";
     if (found.state == State::restored)
-        return begin + " before the item was deleted. Both are whole, and anyone with the drive "
-                       "can read the folder.";
+        return begin + " before the item was deleted. Both were whole then, and anyone with the "
+                       "drive can read the folder.";
     if (found.state == State::itemMissing)
         return begin + ", and the item is no longer there. The folder " +
                inQuotes(contents.folder) + " may hold only a part of it.";

@@ -92,8 +92,10 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
 /// `InterruptedWorkError` when the folder had begun to be deleted.
 void makeWayToProtect(const Path& folder);
 /// Before a protection is removed: clears away what an interrupted attempt left; or finishes that,
-/// if only the item was left to delete, and returns the folder.
-std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential);
+/// if only the item was left to delete and the folder still has everything, and returns the folder.
+/// Throws `InterruptedWorkError` when the folder was changed since.
+std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
+                                    Cancellation* cancellation = nullptr);
 
 /// After an operation: drops its note unless it left something that has to be ended; whether it
 /// could.

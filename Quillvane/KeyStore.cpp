@@ -8,11 +8,25 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace KeyStore {
 namespace {
 
 constexpr std::size_t largestBytes = 1 << 20;
+
+/// Follows a link to no file but the user's own: whoever may write beside the item could lead us to
+/// any other.
+FileDescriptor openToRead(const std::filesystem::path& file) {
+    // Anything may lie in a place that others can write to: do not wait for a FIFO's writer.
+    constexpr int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    FileDescriptor fd(::open(file.c_str(), flags | O_NOFOLLOW));
+    if (fd || errno != ELOOP) return fd;
+    fd.reset(::open(file.c_str(), flags));
+    struct stat target {};
+    if (fd && (::fstat(fd.get(), &target) != 0 || target.st_uid != ::geteuid())) fd.reset();
+    return fd;
+}
 
 } // namespace
 
@@ -21,9 +35,7 @@ std::filesystem::path path(const std::filesystem::path& container) {
 }
 
 std::optional<std::string> read(const std::filesystem::path& container) {
-    // Anything may lie in a place that others can write to: do not wait for a FIFO's writer.
-    const FileDescriptor fd(
-        ::open(path(container).c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    const FileDescriptor fd = openToRead(path(container));
     struct stat status {};
     if (!fd || ::fstat(fd.get(), &status) != 0 || !S_ISREG(status.st_mode)) return std::nullopt;
     std::string text(largestBytes + 1, '\0');

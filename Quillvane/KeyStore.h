@@ -12,8 +12,8 @@ namespace KeyStore {
 /// "." + the item's file name + ".qvkeys" in the item's directory.
 std::filesystem::path path(const std::filesystem::path& container);
 
-/// The key file's text; nothing when it cannot be read for any reason, or is no regular file, or
-/// is far larger than a key file can be.
+/// The key file's text; nothing when it cannot be read for any reason, or is no regular file, or a
+/// link to one that is not the user's, or is far larger than a key file can be.
 std::optional<std::string> read(const std::filesystem::path& container);
 /// Replaces the key file whole: on the disk when this returns, as it was when it throws
 /// `std::system_error`. Then hides it, as far as that works. Also removes what killed programs left

@@ -227,11 +227,16 @@ private:
 
     void file(int directory, const std::string& name, const struct stat& status) override {
         struct stat now {};
-        const bool removed = isFileAlike(directory, name, status) &&
-                             ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
-                             isUnchanged(status, now) &&
-                             ::unlinkat(directory, name.c_str(), 0) == 0;
-        if (!removed) differs(name);
+        const bool alike = isFileAlike(directory, name, status) &&
+                           ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+                           isUnchanged(status, now);
+        if (!alike) return differs(name);
+        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) throwFailure(name);
+    }
+
+    [[noreturn]] void throwFailure(const std::string& name) const {
+        throw fs::filesystem_error("cannot remove", pathOf(name),
+                                   std::error_code(errno, std::generic_category()));
     }
 
     bool isRegularAlike(int own, const struct stat& status, int original,
@@ -260,15 +265,46 @@ private:
 
     void leave(int directory, const std::string& name) override {
         if (!alike_[depth()]) return differs(name);
-        if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) return;
+        if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
         // What made it stay has been told, or has come this moment.
-        if (errno != ENOTEMPTY && errno != EEXIST) differs(name);
+        if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name);
     }
 
     /// Elsewhere a file that was open just before is not deleted but renamed.
     bool looksForWriters_;
     Platform::WriterCheck writers_;
     std::vector<bool> alike_; ///< by depth, whether the folder is
+};
+
+class AlikeRecording final : public Comparison {
+public:
+    AlikeRecording(const fs::path& tree, const fs::path& reference)
+        : Comparison(tree, reference, Files::unfinished, nullptr) {}
+
+    FolderRecord record() {
+        run();
+        record_.finish();
+        return std::move(record_);
+    }
+
+private:
+    void file(int directory, const std::string& name, const struct stat& status) override {
+        if (isFileAlike(directory, name, status)) record_.add(pathHash(name), status);
+    }
+    void enter(int directory, const std::string& name, const struct stat& status) override {
+        if (depth() > 0 && isFolderAlike(directory, name, status))
+            record_.add(pathHash(name), status);
+    }
+
+    bool isRegularAlike(int own, const struct stat& status, int original,
+                        const struct stat& found) override {
+        const bool finished =
+            status.st_size == found.st_size &&
+            areAlike(Platform::modificationTime(status), Platform::modificationTime(found));
+        return finished || Comparison::isRegularAlike(own, status, original, found);
+    }
+
+    FolderRecord record_;
 };
 
 } // namespace
@@ -280,6 +316,10 @@ Differences compare(const fs::path& tree, const fs::path& reference, Files files
 
 Differences removeAlike(const fs::path& tree, const fs::path& reference, Files files) {
     return AlikeRemoval(tree, reference, files).run();
+}
+
+FolderRecord recordAlike(const fs::path& tree, const fs::path& reference) {
+    return AlikeRecording(tree, reference).record();
 }
 
 } // namespace TreeComparison

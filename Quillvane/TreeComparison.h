@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Cancellation.h"
+#include "FolderRecord.h"
 
 #include <cstddef>
 #include <filesystem>
@@ -15,7 +16,7 @@
 /// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
 /// followed, and other file systems not entered.
 ///
-/// Both functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
+/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
 namespace TreeComparison {
 
 /// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte
@@ -35,9 +36,14 @@ Differences compare(const std::filesystem::path& tree, const std::filesystem::pa
                     Files files, const Cancellation* cancellation = nullptr);
 /// Deletes what is alike in both from `tree`, entry by entry, and last the tree itself if nothing
 /// stays in it. A file that is changed meanwhile, or that somebody has open for writing, is not
-/// alike. What stays is told; what cannot be deleted as well. Throws `std::system_error` when the
-/// system does not tell what is open.
+/// alike. What stays is told. Throws `std::filesystem::filesystem_error` with the path of what the
+/// system did not let go, and `std::system_error` when it does not tell what is open; what came
+/// before is gone then.
 Differences removeAlike(const std::filesystem::path& tree, const std::filesystem::path& reference,
                         Files files);
+/// What a copy that was cut short, and is to be deleted once the reference is gone, has in common
+/// with it: all that is alike as `unfinished`. A file of the same size and time of last change was
+/// finished, and is not read.
+FolderRecord recordAlike(const std::filesystem::path& tree, const std::filesystem::path& reference);
 
 } // namespace TreeComparison

@@ -131,6 +131,10 @@ MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsabl
 /// Ejects the volume, by force if it must be; true, or throws `VaultError` (detachFailed) or
 /// `ProcessLaunchError`.
 bool detach(const MountInfo& mountInfo);
+/// Ejects a volume on which something will depend. If it had to be forced, as when its server has
+/// died, nobody has seen it closed: the image is opened once more, which must go well, and closing
+/// it then, too. Throws what `attach` and `detach` throw.
+void closeFilled(const Path& imageURL, const Secret& passwordData, const MountInfo& mountInfo);
 /// Asks the file manager to show the volume. Best effort: it is open all the same.
 void showVolume(const std::string& mountPoint);
 /// True while a volume is mounted exactly at `mountPoint`. Waits for a volume that does not answer.

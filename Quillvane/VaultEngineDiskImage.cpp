@@ -33,6 +33,17 @@ bool mentions(std::string_view message, std::initializer_list<std::string_view> 
         words, [&](std::string_view word) { return lower.find(word) != std::string::npos; });
 }
 
+enum class Ejection { plain, forced };
+
+Ejection eject(const MountInfo& mountInfo) {
+    const std::string target = mountInfo.diskDevEntry.value_or(mountInfo.mountPoint);
+    const Path& tool = Platform::tools().hdiutil;
+    if (ProcessRunner::run(tool, {"detach", target}).exitCode == 0) return Ejection::plain;
+    const ProcessResult forced = ProcessRunner::run(tool, {"detach", "-force", target});
+    if (forced.exitCode != 0) throw VaultError::detachFailed(trimmed(forced.stderrString()));
+    return Ejection::forced;
+}
+
 } // namespace
 
 MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsable,
@@ -51,12 +62,14 @@ MountInfo attach(const Path& imageURL, const Secret& passwordData, bool browsabl
 }
 
 bool detach(const MountInfo& mountInfo) {
-    const std::string target = mountInfo.diskDevEntry.value_or(mountInfo.mountPoint);
-    const Path& tool = Platform::tools().hdiutil;
-    if (ProcessRunner::run(tool, {"detach", target}).exitCode == 0) return true;
-    const ProcessResult forced = ProcessRunner::run(tool, {"detach", "-force", target});
-    if (forced.exitCode != 0) throw VaultError::detachFailed(trimmed(forced.stderrString()));
+    eject(mountInfo);
     return true;
+}
+
+void closeFilled(const Path& imageURL, const Secret& passwordData, const MountInfo& mountInfo) {
+    if (eject(mountInfo) == Ejection::plain) return;
+    if (eject(attach(imageURL, passwordData, /*browsable=*/false)) == Ejection::forced)
+        throw VaultError::detachFailed("The volume couldn't be closed properly.");
 }
 
 bool isMounted(const std::string& mountPoint) {

@@ -88,6 +88,19 @@ void closeAfterFailure(const Path& folder, const Path& item, const ProcessResult
     }
 }
 
+/// Somebody may have put a link in the folder's place, which the tool has followed then: what the
+/// user saves in the folder would not be in the volume.
+void requireNoLink(const Path& folder, const Path& item) {
+    if (!fs::is_symlink(fs::symlink_status(folder))) return;
+    try {
+        if (const auto place = Platform::mountPointOfImage(item))
+            runDiskImageTool({"detach", *place});
+    } catch (const std::exception&) {
+        // What to tell is the link; the volume stays until it is closed like any other.
+    }
+    throw VaultError::targetFolderExists(folder.filename());
+}
+
 void setHidden(const Path& item, bool hidden) {
     [[maybe_unused]] const std::error_code ignored = Platform::setHidden(item, hidden);
     KeyStore::setHidden(item, hidden);
@@ -110,6 +123,7 @@ SmartMount activateInPlace(const Path& lockedURL, const Secret& passphrase) {
             if (refusesPassphrase(result.standardError)) throw VaultError::wrongPassword();
             throw VaultError::attachFailed(trimmed(result.stderrString()));
         }
+        requireNoLink(folder, item);
     } catch (...) {
         if (made) removeEmptyFolder(folder);
         throw;

@@ -195,7 +195,7 @@ private:
             throw;
         }
         progress_.report(0.88, "Ejecting the vault…");
-        detach(mountInfo);
+        closeFilled(image_, passwordData_, mountInfo);
     }
 
     MountInfo mountImage() {

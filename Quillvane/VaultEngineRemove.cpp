@@ -9,6 +9,8 @@
 #include "OperationNote.h"
 #include "OperationProgress.h"
 #include "Platform.h"
+#include "RecordedRemoval.h"
+#include "TreeComparison.h"
 #include "TreeRemoval.h"
 #include "VaultError.h"
 
@@ -119,11 +121,12 @@ private:
     void createFolder() {
         progress_.stopIfCancelled();
         progress_.report(0.25, "Creating the folder");
-        // Somebody else's folder that appeared meanwhile must not be taken for ours.
-        if (!fs::create_directory(folder_))
+        // Somebody else's folder that appeared meanwhile must not be taken for ours. Nobody else
+        // looks in before it has the permissions that it had.
+        if (::mkdir(folder_.c_str(), 0700) != 0)
             throw fs::filesystem_error("cannot create", folder_,
-                                       std::make_error_code(std::errc::file_exists));
-        created_ = true;
+                                       std::error_code(errno, std::generic_category()));
+        created_.emplace(folder_);
         struct stat made {};
         if (::lstat(folder_.c_str(), &made) != 0)
             throw fs::filesystem_error("cannot look at", folder_,
@@ -144,28 +147,41 @@ private:
         if (result.exitCode != 0) throw VaultError::extractFailed(trimmed(result.stderrString()));
     }
 
+    /// Best effort; the error that brought us here is the one to tell. What stays is ended later.
     void cleanUp(const MountInfo& mountInfo) {
+        const auto copied = recordCopied(mountInfo);
         try {
             detach(mountInfo);
         } catch (const std::exception&) {
-            // Best effort; the error that brought us here is the one to tell.
+            // as above
         }
-        removeFolder();
+        if (!copied) return;
+        try {
+            RecordedRemoval::Leftovers leftovers;
+            RecordedRemoval::remove(*created_, *copied, leftovers);
+        } catch (const std::system_error&) {
+            return; // as above
+        }
     }
 
-    void removeFolder() {
-        if (!created_) return;
+    /// What was copied so far. The rest of what is in the folder is somebody else's.
+    std::optional<FolderRecord> recordCopied(const MountInfo& mountInfo) const {
+        if (!created_) return std::nullopt;
         try {
-            TreeRemoval::remove(folder_);
-        } catch (const fs::filesystem_error&) {
-            return; // best effort, as above
+            return TreeComparison::recordAlike(folder_, mountInfo.mountPoint);
+        } catch (const std::exception&) {
+            return std::nullopt; // as above
         }
     }
 
     void eject(const MountInfo& mountInfo) {
         progress_.report(0.88, "Ejecting the item…");
         detach(mountInfo);
-        note_->reach(OperationNote::Step::copied);
+        try {
+            note_->reach(OperationNote::Step::copied);
+        } catch (const fs::filesystem_error& error) {
+            throw VaultError::extractFailed(errorText(error));
+        }
     }
 
     void deleteItem() {
@@ -203,7 +219,7 @@ private:
     Path item_;
     Path folder_;
     HeldFile held_; ///< the item as it was found
-    bool created_ = false;
+    std::optional<HeldFolder> created_;
     std::optional<OperationNote> note_;
     OperationProgress progress_;
 };
@@ -213,7 +229,7 @@ private:
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation) {
     const Path item = itemPath(locked);
-    if (auto restored = InterruptedWork::makeWayToRemove(item, credential)) {
+    if (auto restored = InterruptedWork::makeWayToRemove(item, credential, cancellation)) {
         progress({1.0, "Done. It's a normal folder again."});
         return *std::move(restored);
     }

@@ -15,6 +15,14 @@ using Handler = BusConnection::Handler;
 constexpr std::uint64_t microsecondsPerSecond = 1'000'000;
 constexpr std::uint64_t microsecondsPerMillisecond = 1'000;
 
+// A signal of a service goes to all. One that is for us alone may be anybody's: the library does
+// not know the names of who sent it, and relies on the bus, which applies no rule to such.
+int onSignalMessage(sd_bus_message* message, void* handler, sd_bus_error*) {
+    if (sd_bus_message_get_destination(message) == nullptr)
+        (*static_cast<Handler*>(handler))(message);
+    return 0;
+}
+
 int onMessage(sd_bus_message* message, void* handler, sd_bus_error*) {
     (*static_cast<Handler*>(handler))(message);
     return 0;
@@ -70,8 +78,8 @@ void BusConnection::onSignal(const std::string& match, Handler handler) {
     if (!bus_) return;
     auto kept = std::make_unique<Handler>(std::move(handler));
     sd_bus_slot* slot = nullptr;
-    if (sd_bus_add_match_async(bus_.get(), &slot, ("type='signal'," + match).c_str(), onMessage,
-                               onRuleAnswered, kept.get()) < 0)
+    if (sd_bus_add_match_async(bus_.get(), &slot, ("type='signal'," + match).c_str(),
+                               onSignalMessage, onRuleAnswered, kept.get()) < 0)
         return;
     handOver(slot, std::move(kept));
     watch();

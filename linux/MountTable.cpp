@@ -8,6 +8,7 @@
 #include <sstream>
 #include <sys/statvfs.h>
 #include <system_error>
+#include <unistd.h>
 
 namespace {
 
@@ -41,6 +42,20 @@ bool parseDevice(const std::string& text, MountEntry& entry) {
     return minorError == std::errc() && rest == end;
 }
 
+// "rw,user_id=1000,group_id=1000": what the kernel itself says of the file system.
+std::optional<uid_t> userOf(const std::string& superOptions) {
+    constexpr std::string_view key = "user_id=";
+    std::istringstream options(superOptions);
+    for (std::string option; std::getline(options, option, ',');) {
+        uid_t user = 0;
+        if (!option.starts_with(key)) continue;
+        const char* const end = option.data() + option.size();
+        const auto [rest, error] = std::from_chars(option.data() + key.size(), end, user);
+        return error == std::errc() && rest == end ? std::optional(user) : std::nullopt;
+    }
+    return std::nullopt;
+}
+
 // "36 35 0:42 / /mnt rw,noatime master:1 - ext4 /dev/root rw": any number of fields before "-".
 std::optional<MountEntry> parseLine(const std::string& line) {
     std::istringstream fields(line);
@@ -60,6 +75,9 @@ std::optional<MountEntry> parseLine(const std::string& line) {
     if (!(fields >> type)) return std::nullopt;
     std::string source;
     fields >> source; // missing when empty
+    std::string superOptions;
+    fields >> superOptions;
+    entry.user = userOf(superOptions);
     entry.mountPoint = unescaped(mountPoint);
     entry.type = unescaped(type);
     entry.source = unescaped(source);
@@ -76,6 +94,10 @@ std::optional<Path> resolved(const Path& path) {
 }
 
 } // namespace
+
+bool MountEntry::isOwn() const {
+    return user == ::geteuid();
+}
 
 bool MountEntry::isSameVolume(const MountEntry& other) const {
     return major == other.major && minor == other.minor && type == other.type &&
@@ -132,10 +154,11 @@ std::optional<MountEntry> MountTable::volume(const std::string& target) const {
     return found && ours(*found) ? found : std::nullopt;
 }
 
-bool isDeadMount(const Path& mountPoint) {
+bool isDeadMount(const MountEntry& mount) {
+    if (!mount.isOwn()) return false;
     // Not stat, which the kernel may answer from what it remembers. A request that was waiting when
     // the server died gets the second error.
     struct statvfs status {};
-    return ::statvfs(mountPoint.c_str(), &status) != 0 &&
+    return ::statvfs(mount.mountPoint.c_str(), &status) != 0 &&
            (errno == ENOTCONN || errno == ECONNABORTED);
 }

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <sys/types.h>
 #include <vector>
 
 /// One line of /proc/self/mountinfo.
@@ -13,6 +14,11 @@ struct MountEntry {
     std::filesystem::path mountPoint;
     std::string type;
     std::string source;
+    /// Whom a file system in user space belongs to.
+    std::optional<uid_t> user;
+
+    /// False for what another user serves, root included: it answers when and what it likes.
+    bool isOwn() const;
 
     /// The name of the volume's device as `attach` prints it. There is no device; the number is the
     /// one that the kernel keeps for the mount, so it is unique as long as the volume is mounted.
@@ -50,5 +56,6 @@ private:
     std::vector<MountEntry> entries_;
 };
 
-/// Whether the server of the mount at this path has died.
-bool isDeadMount(const std::filesystem::path& mountPoint);
+/// Whether the server of this mount has died. Only the user's own are asked; any other counts as
+/// alive.
+bool isDeadMount(const MountEntry& mount);

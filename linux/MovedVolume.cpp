@@ -8,7 +8,8 @@ std::optional<std::string> Platform::placeOfVolumeOf(const std::string& formerIm
     const auto& entries = table.entries();
     // The source of a mount is what the image was called then.
     const auto found = std::find_if(entries.rbegin(), entries.rend(), [&](const MountEntry& mount) {
-        return mount.type == MountTable::volumeType && mount.source == formerImagePath;
+        return mount.type == MountTable::volumeType && mount.isOwn() &&
+               mount.source == formerImagePath;
     });
     if (found == entries.rend()) return std::nullopt;
     return found->mountPoint.string();

@@ -32,7 +32,7 @@ void cleanUp(const MountEntry& mount) {
 }
 
 bool isLive(const MountEntry& mount) {
-    if (!isDeadMount(mount.mountPoint)) return true;
+    if (!isDeadMount(mount)) return true;
     cleanUp(mount);
     return false;
 }
@@ -53,8 +53,7 @@ std::optional<MountEntry> topmostAt(const std::string& mountPoint) {
     return found ? found : table.at(asListed(mountPoint));
 }
 
-/// Which file the volume is in, as its server tells; none when it does not answer, as another
-/// user's does not even to root.
+/// Which file the user's own volume is in, as its server tells; none when it does not answer.
 std::optional<ImageIdentity> imageOf(const MountEntry& volume) {
     const FileDescriptor root(
         ::open(volume.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -93,7 +92,9 @@ std::optional<std::string> mountPointOfImage(const fs::path& imagePath) {
     if (missing || ::stat(path.c_str(), &status) != 0) return std::nullopt;
     const ImageIdentity image{status.st_dev, status.st_ino};
     auto volumes = MountTable::current().entries();
-    std::erase_if(volumes, [](const auto& mount) { return mount.type != MountTable::volumeType; });
+    std::erase_if(volumes, [](const MountEntry& mount) {
+        return mount.type != MountTable::volumeType || !mount.isOwn();
+    });
     std::ranges::reverse(volumes);
     // Those that have the name come first: as a rule it is one of them, and the others, of which
     // one may not answer, are not asked.

@@ -10,6 +10,7 @@
 #include <string_view>
 #include <sys/acl.h>
 #include <sys/xattr.h>
+#include <type_traits>
 
 namespace Platform {
 namespace {

@@ -127,8 +127,8 @@ void closeSmartFolder(const Arguments& arguments) {
     if (Platform::isMounted(folder)) return closeFolder(item);
     if (Platform::mountPointOfImage(item))
         throw std::runtime_error("\"" + item.filename().native() +
-                                 "\" is open, but not in place. Close it with: qv close \"" +
-                                 item.native() + "\"");
+                                 "\" is open, but not in place. Close it with: qv close " +
+                                 shellWord(item.native()));
     const bool leftBehind = VaultEngine::isHidden(item);
     VaultEngine::recoverIfOrphaned(item, folder);
     if (!leftBehind) notOpen(item);

@@ -2,6 +2,7 @@
 
 #include "Quillvane/InterruptedWork.h"
 #include "Quillvane/ItemPath.h"
+#include "Quillvane/PrintableText.h"
 #include "qv/Interruption.h"
 #include "qv/ProgressDisplay.h"
 #include "qv/ResultOutput.h"
@@ -19,7 +20,7 @@ using InterruptedWork::Outcome;
 std::string withCommands(const Found& found) {
     const std::string text = InterruptedWork::text(found);
     if (!InterruptedWork::canBeEnded(found)) return text;
-    const std::string place = " \"" + InterruptedWork::place(found).native() + "\"";
+    const std::string place = " " + shellWord(InterruptedWork::place(found).native());
     return text + " To end this: qv finish" + place + " or qv undo" + place;
 }
 
@@ -69,7 +70,8 @@ void tellInterrupted(const std::string& operand, std::set<std::string>& told) {
 
 void finishInterrupted(const Arguments& arguments) {
     if (arguments.operand.empty()) {
-        for (const Found& found : InterruptedWork::find()) printResult({withCommands(found)});
+        for (const Found& found : InterruptedWork::find())
+            printResult({printableLines(withCommands(found))});
         return;
     }
     const Found found = foundAt(arguments.operand);

@@ -32,6 +32,14 @@ void printResult(std::initializer_list<std::string_view> lines) {
     }
 }
 
+std::string shellWord(std::string_view text) {
+    if (text.find_first_of("\"$`\\!") == std::string_view::npos)
+        return "\"" + std::string(text) + "\"";
+    std::string word = "'";
+    for (const char c : text) word += c == '\'' ? "'\\''" : std::string(1, c);
+    return word + "'";
+}
+
 bool canPrint(int stream) {
     pollfd output{stream, POLLOUT, 0};
     return poll(&output, 1, 0) == 1;

@@ -14,5 +14,9 @@ void printResult(std::initializer_list<std::string_view> lines);
 /// want to know: what cannot be written at once is dropped.
 void printMessage(const std::string& text);
 
+/// The text as one word of a command line, for people to copy into a shell: nothing in it is a
+/// command there.
+std::string shellWord(std::string_view text);
+
 /// Whether a line can be written to the stream without waiting for a reader.
 bool canPrint(int stream);

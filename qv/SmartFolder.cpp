@@ -105,8 +105,8 @@ private:
             manager_.attemptClose(*entry, /*automatic=*/endAtAnyRate_);
         } else if (endAtAnyRate_) {
             printMessage("\"" + item_.stem().string() +
-                         "\" stays open. Close it with: qv smart --close \"" + item_.string() +
-                         "\"");
+                         "\" stays open. Close it with: qv smart --close " +
+                         shellWord(item_.string()));
             end(/*failed=*/true);
         }
     }

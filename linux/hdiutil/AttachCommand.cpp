@@ -144,7 +144,7 @@ void print(const AttachArguments& arguments, const Attachment& attachment) {
 
 void removeDeadMountAt(const std::string& mountPoint) {
     const auto mounted = MountTable::current().volume(mountPoint);
-    if (mounted && isDeadMount(mounted->mountPoint)) removeDeadMount(mounted->mountPoint);
+    if (mounted && isDeadMount(*mounted)) removeDeadMount(mounted->mountPoint);
 }
 
 /// They take away what keeps the other users of the machine safe from a volume's owner, and the

@@ -50,8 +50,9 @@ struct Server {
     FileDescriptor process;
 };
 
-// None when the volume's root cannot be asked, as another user's cannot even by root.
+// None when the volume's root cannot be asked. Another user's is not, as he may let us wait.
 std::optional<Server> findServer(const MountEntry& volume) {
+    if (!volume.isOwn()) return std::nullopt;
     const FileDescriptor root(
         ::open(volume.mountPoint.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     ControlAddress address{};
@@ -105,7 +106,9 @@ void runDetach(const DetachArguments& arguments) {
         removeDeadMounts();
         throw ToolError::fromErrno(ENOENT);
     }
-    if (isDeadMount(volume->mountPoint)) {
+    if (isDeadMount(*volume)) {
+        // Nobody has seen it closed, and what it had not written yet is lost.
+        if (!arguments.force) throw ToolError("the volume's server has died");
         removeDeadMount(volume->mountPoint);
         return;
     }

@@ -69,6 +69,11 @@ bool removeAbandoned(const Path& path) {
     return ::lgetxattr(path.c_str(), mark, nullptr, 0) >= 0 && ::rmdir(path.c_str()) == 0;
 }
 
+// Where the open directory is now, without links.
+Path placeOf(const FileDescriptor& directory) {
+    return std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(directory.get()));
+}
+
 // Held while a place is made but nothing is mounted on it, when it looks abandoned.
 FileDescriptor lockPlaces(const Path& places) {
     FileDescriptor result(::open(places.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -121,10 +126,17 @@ MountPlace MountPlace::make(std::string_view volumeName, bool browsable) {
 }
 
 MountPlace MountPlace::existing(const Path& directory) {
-    struct stat found {};
-    if (::stat(directory.c_str(), &found) != 0) throw ToolError::fromErrno(errno);
-    if (!S_ISDIR(found.st_mode)) throw ToolError::fromErrno(ENOTDIR);
-    return {std::filesystem::canonical(directory), FileDescriptor()};
+    const Path name = directory.has_filename() ? directory : directory.parent_path();
+    constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    FileDescriptor held(::open(name.c_str(), flags));
+    if (!held) throw ToolError::fromErrno(errno);
+    MountPlace place(placeOf(held), FileDescriptor());
+    place.held_ = std::move(held);
+    return place;
+}
+
+bool MountPlace::isAt(const Path& mountPoint) const {
+    return mountPoint == (held_ ? placeOf(held_) : path_);
 }
 
 void MountPlace::mounted() const noexcept {
@@ -146,7 +158,7 @@ void removeDeadMounts() noexcept {
         for (const MountEntry& entry : table.entries()) {
             const bool ours =
                 entry.type == MountTable::volumeType || entry.type == MountTable::exportType;
-            if (ours && isChosenPlace(entry.mountPoint) && isDeadMount(entry.mountPoint))
+            if (ours && isChosenPlace(entry.mountPoint) && isDeadMount(entry))
                 removeDeadMount(entry.mountPoint);
         }
     } catch (const std::exception&) {

@@ -15,11 +15,15 @@ public:
     /// A new directory named after the volume: in ~/Volumes when `browsable`, otherwise in the
     /// runtime directory, which file managers do not show. Throws `ToolError`, `std::system_error`.
     static MountPlace make(std::string_view volumeName, bool browsable);
-    /// The caller's directory. Throws `ToolError` when it is none.
+    /// The caller's directory; not a link to one, which another user could lead elsewhere. Throws
+    /// `ToolError` when it is none.
     static MountPlace existing(const std::filesystem::path& directory);
 
     /// Where it was when it was made or named.
     const std::filesystem::path& path() const noexcept { return path_; }
+    /// True when a mount there is on the directory that was made or named, and not on another that
+    /// was put in its place.
+    bool isAt(const std::filesystem::path& mountPoint) const;
     /// To be called when something is mounted there: others may look for a place again.
     void mounted() const noexcept;
     /// Removes the directory if `make` made it; best effort, as the volume has gone already.
@@ -32,6 +36,7 @@ private:
     std::filesystem::path path_;
     /// The directory that `make` made the place in, which may be renamed; locked until `mounted`.
     FileDescriptor places_;
+    FileDescriptor held_; ///< the caller's directory
 };
 
 /// `volumeName` as the name of a directory: no slash, no control characters, valid UTF-8, at most

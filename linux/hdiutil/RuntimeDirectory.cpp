@@ -15,10 +15,11 @@ namespace {
 
 using Path = std::filesystem::path;
 
+// Anybody who could write there could put a directory of his in the place of ours.
 bool isOwnDirectory(const Path& path) {
     struct stat found {};
     return ::stat(path.c_str(), &found) == 0 && S_ISDIR(found.st_mode) &&
-           found.st_uid == ::geteuid();
+           found.st_uid == ::geteuid() && (found.st_mode & S_IWOTH) == 0;
 }
 
 Path base() {
@@ -30,6 +31,7 @@ Path base() {
     Path cache = homeDirectory() / ".cache";
     if (::mkdir(cache.c_str(), 0700) != 0 && errno != EEXIST)
         throw std::system_error(errno, std::generic_category(), cache.string());
+    if (!isOwnDirectory(cache)) throw ToolError("everybody may write to " + cache.string());
     return cache;
 }
 

@@ -66,7 +66,8 @@ void VolumeServer::mount(const ImageFile& file, const MountOptions& options) {
     if (!session_ || !takeOverPrivileges(session_.get(), *volume_))
         throw ToolError("the volume could not be mounted at " + place_.path().string());
     mount_ = MountTable::current().at(place_.path());
-    if (!mount_ || mount_->type != MountTable::volumeType)
+    const bool found = mount_ && mount_->type == MountTable::volumeType && mount_->isOwn();
+    if (!found || !place_.isAt(mount_->mountPoint))
         throw ToolError("the volume did not appear at " + place_.path().string());
 }
 

@@ -104,6 +104,32 @@ TEST(Detach, QuotesTheForcedAttempt) {
     EXPECT_EQ(tools.calls().size(), 2U);
 }
 
+TEST(CloseFilled, IsOneCallWhenAllIsWell) {
+    const RecordingTools tools;
+    closeFilled("/image", line, {"/dev/disk4", "/v"});
+    EXPECT_EQ(tools.commandLines(), (Lines{"hdiutil detach /dev/disk4"}));
+}
+
+TEST(CloseFilled, OpensAndClosesOnceMoreWhatHadToBeForced) {
+    RecordingTools tools;
+    tools.play("hdiutil", "detach", "[ \"$2\" != /dev/disk9 ]");
+    closeFilled("/image", line, {"/dev/disk9", "/v"});
+    EXPECT_EQ(tools.commandLines(),
+              (Lines{"hdiutil detach /dev/disk9", "hdiutil detach -force /dev/disk9",
+                     "hdiutil attach -stdinpass -plist -owners on -nobrowse /image",
+                     "hdiutil detach /dev/disk4"}));
+}
+
+TEST(CloseFilled, FailsWhenItIsNeverSeenClosed) {
+    RecordingTools tools;
+    const auto close = [] { closeFilled("/image", line, {"/dev/disk9", "/v"}); };
+    tools.play("hdiutil", "detach", "[ \"$2\" = -force ]");
+    EXPECT_EQ(errorOf(close, VaultError::Case::detachFailed),
+              "Couldn't eject the volume.\nThe volume couldn't be closed properly.");
+    tools.play("hdiutil", "attach", "echo damaged >&2; exit 1");
+    errorOf(close, VaultError::Case::attachFailed);
+}
+
 TEST(Detach, LaunchFailuresPass) {
     RecordingTools tools;
     tools.uninstall("hdiutil");

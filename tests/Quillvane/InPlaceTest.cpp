@@ -114,6 +114,20 @@ TEST_F(InPlaceTest, ALinkIsInTheWayWhereverItLeads) {
     EXPECT_TRUE(tools.calls().empty());
 }
 
+TEST_F(InPlaceTest, ALinkThatTakesTheFoldersPlaceMeanwhileIsNotAnOpening) {
+    fs::create_directory(place / "elsewhere");
+    tools.play("hdiutil", "attach",
+               "rmdir '" + folder.string() + "'; ln -s elsewhere '" + folder.string() + "'");
+    struct stat image {};
+    ASSERT_EQ(::stat(item.c_str(), &image), 0);
+    const FuseMount mount(place / "elsewhere", item, ImageIdentity{image.st_dev, image.st_ino});
+    SKIP_UNLESS(mount);
+    EXPECT_EQ(failureKind([&] { activate(); }), Case::targetFolderExists);
+    ASSERT_EQ(tools.calls().size(), 2U);
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach " + (place / "elsewhere").string());
+    EXPECT_TRUE(fs::is_symlink(folder));
+}
+
 TEST_F(InPlaceTest, AnythingElseIsForTheToolToRefuse) {
     writeFile(folder, "file");
     tools.play("hdiutil", "attach", "echo 'hdiutil: attach failed - Not a directory' >&2; exit 1");

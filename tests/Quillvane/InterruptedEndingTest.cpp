@@ -238,6 +238,10 @@ TEST_F(InterruptedEndingTest, ProtectingAgainClearsAwayOrRefuses) {
     EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs); }),
                 HasSubstr("while the original was being deleted"));
     EXPECT_EQ(readFile(image), "image");
+    fs::rename(image, parent / "elsewhere");
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs); }),
+                HasSubstr("is no longer there"));
+    fs::rename(parent / "elsewhere", image);
     InterruptedWork::makeWayToProtect(parent / "Other");
     EXPECT_EQ(found().state, State::deleting);
 }
@@ -249,6 +253,11 @@ TEST_F(InterruptedEndingTest, RemovingAgainClearsAwayOrFinishes) {
     expectOnlyItem();
     fs::create_directory(docs);
     removeUntilMade(/*copied=*/true);
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToRemove(item, *password()); }),
+                HasSubstr("\"Docs\" was changed since its protection was removed: "));
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(found().state, State::restored);
+    copy(volume, docs);
     EXPECT_EQ(InterruptedWork::makeWayToRemove(item, *password()), docs);
     EXPECT_THAT(names(), testing::ElementsAre("Docs"));
 }

@@ -22,9 +22,10 @@ protected:
     }
 
     /// What the copy tool makes of the folder.
-    void copyInto(const std::filesystem::path& place) const {
-        const std::string command = "mkdir -p '" + place.string() + "' && cp -a '" + docs.string() +
-                                    "/.' '" + place.string() + "'";
+    void copyInto(const std::filesystem::path& place) const { copy(docs, place); }
+    static void copy(const std::filesystem::path& from, const std::filesystem::path& to) {
+        const std::string command = "mkdir -p '" + to.string() + "' && cp -a '" + from.string() +
+                                    "/.' '" + to.string() + "'";
         if (std::system(command.c_str()) != 0) throw std::runtime_error("no copy");
     }
     static std::uint64_t inodeOf(const std::filesystem::path& path) {

@@ -106,6 +106,25 @@ TEST(KeyStore, ReadsRegularFilesOfSaneSizeOnly) {
     EXPECT_FALSE(KeyStore::read(folder / "huge").has_value());
 }
 
+TEST(KeyStore, FollowsLinksToTheUsersOwnFilesOnly) {
+    const TemporaryFolder folder;
+    const TemporaryFolder elsewhere;
+    writeFile(elsewhere / "own", "text");
+    fs::create_symlink(elsewhere / "own", folder / ".item.qvkeys");
+    EXPECT_EQ(KeyStore::read(folder / "item"), "text");
+    KeyStore::write(record("new"), folder / "item");
+    EXPECT_EQ(readFile(elsewhere / "own"), "text") << "it was written through";
+    EXPECT_EQ(KeyStore::read(folder / "item"), record("new").encode());
+
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to give a file away";
+    fs::remove(folder / ".item.qvkeys");
+    fs::create_symlink(elsewhere / "own", folder / ".item.qvkeys");
+    ASSERT_EQ(::chown((elsewhere / "own").c_str(), 65534, 65534), 0);
+    EXPECT_FALSE(KeyStore::read(folder / "item").has_value());
+    fs::rename(elsewhere / "own", folder / ".item.qvkeys");
+    EXPECT_EQ(KeyStore::read(folder / "item"), "text") << "another user's item, perhaps";
+}
+
 TEST(KeyStore, RemovesAndIgnoresWhatIsNotThere) {
     const TemporaryFolder folder;
     KeyStore::write(record(""), folder / "a");

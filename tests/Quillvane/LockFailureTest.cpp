@@ -209,6 +209,13 @@ TEST_F(LockFailureTest, WhatDidNotArriveIsNamed) {
     expectUntouched();
 }
 
+TEST_F(LockFailureTest, AVolumeThatNobodyHasSeenClosedDeletesNothing) {
+    tools.play("hdiutil", "detach", "[ \"$2\" = -force ]");
+    EXPECT_EQ(lockError().kind(), VaultError::Case::detachFailed);
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_EQ(readFile(docs / "inner/deep"), "deeper");
+}
+
 TEST_F(LockFailureTest, DetachFailureKeepsFolderAndImage) {
     tools.play("hdiutil", "detach", "echo stuck >&2; exit 1");
     EXPECT_EQ(lockError().errorDescription(), "Couldn't eject the volume.\nstuck");

@@ -7,12 +7,15 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <sys/sysmacros.h>
 #include <system_error>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -150,6 +153,47 @@ TEST(Platform, FindsTheMountOfAnImageThatWasRenamed) {
     const FuseMount other(folder / "other volume", moved, identityOf(image));
     EXPECT_EQ(Platform::mountPointOfImage(moved), folder / "volume");
     EXPECT_EQ(Platform::mountPointOfImage(image), folder / "other volume");
+}
+
+TEST(Platform, BelievesNoOtherUsersVolume) {
+    const TemporaryFolder folder;
+    const fs::path image = folder / "Docs.quillvane";
+    writeFile(image, "");
+    fs::create_directory(folder / "volume");
+    const FuseMount mount(folder / "volume", image, identityOf(image),
+                          "user_id=12345,group_id=12345,allow_other");
+    SKIP_UNLESS(mount);
+    EXPECT_FALSE(Platform::mountPointOfImage(image).has_value());
+    EXPECT_FALSE(Platform::placeOfVolumeOf(image).has_value());
+    EXPECT_TRUE(Platform::isMounted(folder / "volume"));
+}
+
+TEST(Platform, WaitsForNoOtherUsersVolume) {
+    const TemporaryFolder folder;
+    const fs::path image = folder / "Docs.quillvane";
+    writeFile(image, "");
+    fs::create_directory(folder / "volume");
+    FileDescriptor device(::open("/dev/fuse", O_RDWR | O_CLOEXEC)); // nobody reads from it
+    Mounted mount(folder / "volume", "fuse.quillvane", image,
+                  "fd=" + std::to_string(device.get()) +
+                      ",rootmode=40000,user_id=12345,group_id=12345,allow_other");
+    SKIP_UNLESS(mount);
+    std::atomic_bool ended = false;
+    // Ends the waiting, should there be any.
+    std::thread rescue([&] {
+        constexpr auto patience = std::chrono::seconds(5);
+        const auto end = std::chrono::steady_clock::now() + patience;
+        while (!ended && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        if (ended) return;
+        mount.unmount();
+        device.reset();
+    });
+    EXPECT_FALSE(Platform::mountPointOfImage(image).has_value());
+    EXPECT_TRUE(Platform::isMounted(folder / "volume"));
+    EXPECT_TRUE(Platform::isListedAsMounted(folder / "volume"));
+    ended = true;
+    rescue.join();
 }
 
 TEST(Platform, ADeadMountOfAnotherImageIsLeftAlone) {

@@ -1,4 +1,5 @@
 #include "Quillvane/FileDescriptor.h"
+#include "Quillvane/InterruptedWork.h"
 #include "Quillvane/KeyStore.h"
 #include "Quillvane/OperationCancelled.h"
 #include "Quillvane/OperationNote.h"
@@ -70,6 +71,30 @@ protected:
     std::map<std::string, std::function<void()>> actions;
     std::unique_ptr<Cancellation> cancellation = std::make_unique<Cancellation>();
 };
+
+TEST_F(RemoveTest, OfAnItemThatIsALinkOnlyTheLinkGoes) {
+    const TemporaryFolder elsewhere;
+    fs::rename(item, elsewhere / "Other.quillvane");
+    writeFile(KeyStore::path(elsewhere / "Other.quillvane"), keyFileText);
+    fs::create_symlink(elsewhere / "Other.quillvane", item);
+    EXPECT_EQ(remove(), docs);
+    EXPECT_EQ(readFile(docs / "file"), "contents");
+    EXPECT_FALSE(fs::exists(fs::symlink_status(item)));
+    EXPECT_EQ(readFile(elsewhere / "Other.quillvane"), "image");
+    EXPECT_EQ(readFile(KeyStore::path(elsewhere / "Other.quillvane")), keyFileText);
+}
+
+TEST_F(RemoveTest, AnItemThatBecomesALinkMeanwhileIsNotDeleted) {
+    const TemporaryFolder elsewhere;
+    writeFile(elsewhere / "Other.quillvane", "another");
+    actions["Ejecting the item…"] = [&] {
+        fs::remove(item);
+        fs::create_symlink(elsewhere / "Other.quillvane", item);
+    };
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    EXPECT_EQ(readFile(item), "another");
+    EXPECT_TRUE(fs::is_symlink(item));
+}
 
 TEST_F(RemoveTest, GivesTheFolderBackAndDeletesTheItem) {
     EXPECT_EQ(remove(), docs);
@@ -201,6 +226,37 @@ TEST_F(RemoveTest, AFolderThatAppearsMeanwhileIsNotTouched) {
     EXPECT_EQ(readFile(docs / "theirs"), "x");
     EXPECT_EQ(readFile(item), "image");
     EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(RemoveTest, CleanUpKeepsWhatIsNotInTheItem) {
+    tools.play("ditto", "", R"(
+cp -a "$1/." "$2"
+echo mine > "$2/added"
+echo mine > "$2/file"
+exit 1)");
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    EXPECT_EQ(readFile(docs / "added"), "mine\n");
+    EXPECT_EQ(readFile(docs / "file"), "mine\n");
+    EXPECT_FALSE(fs::exists(docs / "inner"));
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(InterruptedWork::findIn(parent.path()).at(0).state,
+              InterruptedWork::State::incomplete);
+}
+
+TEST_F(RemoveTest, CleanUpTakesFilesThatWereCutShort) {
+    tools.play("ditto", "", R"(
+cp -a "$1/." "$2"
+printf con > "$2/file"
+exit 1)");
+    EXPECT_EQ(removeError().kind(), Case::extractFailed);
+    expectUntouched();
+}
+
+TEST_F(RemoveTest, NobodyElseLooksIntoTheFolderWhileItIsFilled) {
+    actions["Extracting contents…"] = [this] {
+        EXPECT_EQ(fs::status(docs).permissions(), fs::perms::owner_all);
+    };
+    remove();
 }
 
 TEST_F(RemoveTest, CleanUpGoesOnWhenTheVolumeStays) {

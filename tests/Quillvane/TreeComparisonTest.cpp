@@ -1,5 +1,6 @@
 #include "Quillvane/TreeComparison.h"
 #include "Quillvane/OperationCancelled.h"
+#include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 
 #include <gmock/gmock.h>
@@ -289,6 +290,25 @@ TEST_F(TreeComparisonTest, RemovesNoFileThatIsTouchedMeanwhile) {
     user.join();
     EXPECT_THAT(left.first, ElementsAre("large"));
     EXPECT_TRUE(fs::exists(tree / "large"));
+}
+
+TEST_F(TreeComparisonTest, WhatCannotBeDeletedIsAFailure) {
+    EXPECT_TRUE(asOrdinaryUser(folder.path(), [&] {
+        const fs::path place = folder / "place";
+        for (const char* name : {"tree", "reference"}) {
+            fs::create_directories(place / name);
+            writeFile(place / name / "file", "contents");
+            fs::last_write_time(place / name / "file", {});
+        }
+        fs::permissions(place, fs::perms::owner_read | fs::perms::owner_exec);
+        try {
+            TreeComparison::removeAlike(place / "tree", place / "reference", Files::finished);
+        } catch (const fs::filesystem_error& error) {
+            fs::permissions(place, fs::perms::owner_all);
+            return error.path1() == place / "tree" && !fs::exists(place / "tree/file");
+        }
+        return false;
+    }));
 }
 
 TEST_F(TreeComparisonTest, LeavesWhatIsNotAlike) {

@@ -42,11 +42,13 @@ private:
 /// directory only, and which file the volume is in if it is told.
 class FuseMount {
 public:
+    /// `options` are of the kernel's file system.
     FuseMount(const std::filesystem::path& place, const std::string& source,
-              std::optional<ImageIdentity> image = std::nullopt)
+              std::optional<ImageIdentity> image = std::nullopt,
+              const std::string& options = "user_id=0,group_id=0")
         : image_(image), device_(::open("/dev/fuse", O_RDWR | O_CLOEXEC)),
           mounted_(place, "fuse.quillvane", source,
-                   "fd=" + std::to_string(device_) + ",rootmode=40000,user_id=0,group_id=0") {
+                   "fd=" + std::to_string(device_) + ",rootmode=40000," + options) {
         if (mounted_) server_ = std::thread([this] { serve(); });
     }
     ~FuseMount() {

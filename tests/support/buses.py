@@ -8,6 +8,7 @@ import subprocess
 import sys
 
 import dbus
+import dbus.lowlevel
 
 from quillvane import Case, eventually
 
@@ -127,6 +128,20 @@ class Mock:
         """Emits a signal of an object of the service."""
         self.call("EmitSignal", interface or self.interface, name, signature,
                   dbus.Array(arguments, signature="v"), path=path, interface=MOCK)
+
+    def forge(self, name, signature, *arguments, path=None, interface=None):
+        """Has another client send such a signal to each client of the bus."""
+        connection = self.bus.connection()
+        names = connection.get_object("org.freedesktop.DBus", "/org/freedesktop/DBus").ListNames(
+            dbus_interface="org.freedesktop.DBus")
+        for client in names:
+            if client.startswith(":"):
+                message = dbus.lowlevel.SignalMessage(path or self.path,
+                                                      interface or self.interface, name)
+                message.append(*arguments, signature=signature)
+                message.set_destination(client)
+                connection.send_message(message)
+        connection.flush()
 
     def calls(self, method, path=None):
         """The arguments of every call of the method so far, oldest first."""

@@ -78,6 +78,16 @@ class LoginManagerTest(BusCase):
         printer.expect("screen locked")
         printer.end()
 
+    def test_signals_for_us_alone_are_not_the_login_managers(self):
+        session = self.login.addSession("c1", os.getuid())
+        printer = self.printer()
+        self.login.forge("PrepareForShutdown", "b", True)
+        self.login.forge("Lock", "", path=session, interface=LOGIN + ".Session")
+        self.login.lock(session)
+        printer.expect("screen locked")
+        self.assertEqual(HELD, self.login.inhibitors())
+        printer.end()
+
     def test_power_off(self):
         printer = self.printer()
         printer.sayReady()  # nobody asked

@@ -1,9 +1,13 @@
 #include "linux/MountTable.h"
 #include "linux/hdiutil/MountPlace.h"
+#include "linux/hdiutil/ToolError.h"
+#include "tests/support/TemporaryFolder.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
+#include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -30,7 +34,30 @@ TEST(MountTableTest, readsEveryLineThatItUnderstands) {
     EXPECT_EQ(docs.type, "fuse.quillvane");
     EXPECT_EQ(docs.source, "/home/u/My Docs.quillvane");
     EXPECT_EQ(docs.deviceName(), "/dev/disk38");
+    EXPECT_EQ(docs.user, 1000U);
+    EXPECT_EQ(table.entries()[2].user, std::nullopt);
     EXPECT_EQ(table.entries()[2].mountPoint, "/mnt/line\nfeed\\x");
+}
+
+TEST(MountTableTest, tellsWhoseAMountIs) {
+    const auto isOwn = [](const std::string& options) {
+        return MountTable("40 22 0:38 / /mnt rw - fuse.quillvane " + options + "\n")
+            .entries()
+            .at(0)
+            .isOwn();
+    };
+    const std::string own = "user_id=" + std::to_string(::geteuid());
+    EXPECT_TRUE(isOwn("/image rw," + own + ",group_id=1"));
+    EXPECT_TRUE(isOwn("/image " + own));
+    const std::vector<std::string> others{"/image rw",
+                                          "/image rw,user_id=12345",
+                                          "/image rw,group_id=0",
+                                          "rw," + own,
+                                          "/image,user_id=0 rw",
+                                          "/image rw," + own + "x",
+                                          "/image rw,user_id=12345," + own,
+                                          "/image rw,x" + own};
+    for (const std::string& other : others) EXPECT_FALSE(isOwn(other)) << other;
 }
 
 TEST(MountTableTest, findsTheTopmostMount) {
@@ -68,9 +95,24 @@ TEST(MountTableTest, findsAVolumeWhereverItIsMounted) {
 }
 
 TEST(MountTableTest, seesThisProcesssMounts) {
-    EXPECT_TRUE(MountTable::current().at("/"));
-    EXPECT_FALSE(isDeadMount("/"));
-    EXPECT_FALSE(isDeadMount("/nowhere"));
+    ASSERT_TRUE(MountTable::current().at("/"));
+    EXPECT_FALSE(isDeadMount(*MountTable::current().at("/")));
+}
+
+TEST(MountPlaceTest, knowsTheCallersDirectoryFromAnother) {
+    const TemporaryFolder folder;
+    std::filesystem::create_directory(folder / "Docs");
+    std::filesystem::create_directory(folder / "elsewhere");
+    const MountPlace place = MountPlace::existing(folder / "Docs/");
+    EXPECT_EQ(place.path(), folder / "Docs");
+    EXPECT_TRUE(place.isAt(folder / "Docs"));
+    std::filesystem::rename(folder / "Docs", folder / "moved");
+    std::filesystem::create_directory_symlink("elsewhere", folder / "Docs");
+    EXPECT_FALSE(place.isAt(folder / "Docs"));
+    EXPECT_FALSE(place.isAt(folder / "elsewhere"));
+    EXPECT_TRUE(place.isAt(folder / "moved"));
+    EXPECT_THROW(MountPlace::existing(folder / "Docs"), ToolError);
+    EXPECT_THROW(MountPlace::existing(folder / "Docs/"), ToolError);
 }
 
 TEST(MountPlaceTest, directoryNames) {

@@ -56,18 +56,29 @@ class AttachTest(CommandCase):
         self.created()
         place = self.work / "Place, of \\ mine"
         place.mkdir()
-        for given in (place, self.work / "link"):
-            if not given.exists():
-                given.symlink_to(place)
+        (self.work / "link").symlink_to(self.work)
+        for given in (place, f"{place}/", self.work / "link" / place.name):
             _, point = self.attached("-nobrowse", "-mountpoint", given)
             self.assertEqual(str(place), point)
             self.detached(given)
             self.assertTrue(place.is_dir())
         self.assertNothingLeft()
-        for place in ("missing", self.image):
+        (self.work / "itself").symlink_to(place)
+        for place in ("missing", self.image, self.work / "itself", f"{self.work}/itself/"):
             result = self.attach("-mountpoint", place)
             self.assertEqual(1, result.returncode)
             self.assertNothingLeft()
+
+    @unittest.skipIf(IS_ROOT, "root has a place of its own, which nobody can write to")
+    def test_no_place_below_what_everybody_may_write_to(self):
+        self.created()
+        self.runtime.chmod(0o777)
+        _, point = self.attached("-nobrowse")
+        self.assertEqual(str(self.home / ".cache/quillvane/Docs"), point)
+        self.detached(point)
+        (self.home / ".cache").chmod(0o777)
+        self.assertRefused(self.attach("-nobrowse"), "hdiutil: attach failed - "
+                           f"everybody may write to {self.home}/.cache")
 
     def test_names_that_are_taken(self):
         volumes = self.home / "Volumes"
@@ -210,7 +221,7 @@ class AttachTest(CommandCase):
             os.fsync(file.fileno())
         os.kill(self.servers[-1], signal.SIGKILL)
         self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
-        self.detached(point)
+        self.detached(point, "-force")
         return point
 
     def makeReadOnly(self):

@@ -5,11 +5,13 @@ import mmap
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import sys
+import time
 import unittest
 
-from hdiutil_case import closeAnyway, CommandCase, imageOf, IS_ROOT, isRunning
+from hdiutil_case import ask, closeAnyway, CONTROL_ADDRESS, CommandCase, imageOf, IS_ROOT, isRunning
 from quillvane import eventually, mountsBelow, tool
 
 
@@ -126,8 +128,24 @@ class DetachTest(CommandCase):
         self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
         with self.assertRaises(OSError):
             os.listdir(self.point)
-        self.detached(self.device)
+        for _ in range(2):
+            self.assertRefused(self.detach(self.device),
+                               "hdiutil: detach failed - the volume's server has died")
+        self.detached(self.device, "-force")
         self.assertNothingLeft()
+
+    def test_callers_do_not_hold_up_what_is_written_behind(self):
+        name = ask(self.point, CONTROL_ADDRESS, 68)[4:].split(b"\0")[0]
+        os.mkdir(self.point + "/new")
+        end = time.monotonic() + 6
+        while time.monotonic() < end:
+            with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as caller:
+                caller.connect(b"\0" + name)
+        os.kill(self.servers[-1], signal.SIGKILL)
+        self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
+        self.reattached()
+        self.assertTrue(os.path.isdir(self.point + "/new"))
+        self.detached(self.point)
 
     def test_killed_server_at_the_callers_place(self):
         self.detached(self.point)
