@@ -6,6 +6,7 @@ import dataclasses
 import os
 import random
 import re
+import signal
 import subprocess
 import unittest
 
@@ -118,6 +119,17 @@ class FaultCase(kills.KillCase):
             made = run.calls if run.status == 0 else run.calls[:-1]
             self.assertJudged(operation, run, number, made)
             self.assertInOrder(operation, made)
+
+    def killOneAt(self, operation, number, by=None):
+        """The process is killed that is about to make such a call; the others go on."""
+        run = self.perform(operation, "--kill-at", number, *counting(by))
+        if run.status == -signal.SIGKILL:
+            run.status = None
+        with self.told(run):
+            self.assertIn(run.status, (None, 0, 1))
+            if run.status == 1:
+                self.assertReported(operation, run)
+            self.assertJudged(operation, run, number, run.calls)
 
     def failAt(self, operation, number, error, onwards=False, by=None):
         """Such a call fails, and from it on any other as well if `onwards`."""

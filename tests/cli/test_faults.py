@@ -48,6 +48,13 @@ class Sampled:
             with self.subTest(f"{number} of {program or 'all'}"):
                 self.killAt(operation, number, program)
 
+    def testOneProcessKilled(self):
+        operation, run = self.whole()
+        tools = [call.number for call in run.calls if call.program != operation.program]
+        for number in sorted(random.Random(SEED).sample(tools, min(self.errors, len(tools)))):
+            with self.subTest(f"process of {number}"):
+                self.killOneAt(operation, number)
+
     def testFailing(self):
         operation, run = self.whole()
         source = random.Random(SEED)
@@ -145,12 +152,16 @@ class ChangeAsUser(Sampled, FaultCase):
 class OpenAsUser(Sampled, FaultCase):
     operation = operations.Open
     every = 1
+    tools = 4
+    errors = 4
     user = ORDINARY
 
 
 class CloseAsUser(Sampled, FaultCase):
     operation = operations.Close
     every = 1
+    tools = 4
+    errors = 4
     user = ORDINARY
 
 

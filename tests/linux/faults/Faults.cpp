@@ -7,6 +7,7 @@
 //   --stdin FILE         what each command reads
 //   --user NUMBER        who runs them, instead of root
 //   --stop-at NUMBER     everything is killed before this call
+//   --kill-at NUMBER     the process that makes this call is killed before it
 //   --fail-at NUMBER     this call fails with --error
 //   --fail-from NUMBER   this and all later ones do that can
 //   --meanwhile-at NUMBER  before this call the program of --meanwhile runs, as root and unseen
@@ -61,6 +62,8 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
         arguments.commands.user = static_cast<uid_t>(std::stoul(value));
     else if (name == "--stop-at")
         setFault(arguments.fault, Fault::Kind::stop, value);
+    else if (name == "--kill-at")
+        setFault(arguments.fault, Fault::Kind::kill, value);
     else if (name == "--fail-at")
         setFault(arguments.fault, Fault::Kind::error, value);
     else if (name == "--fail-from")

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <poll.h>
 #include <spawn.h>
 #include <string_view>
@@ -99,7 +100,10 @@ void Supervisor::takeCall() {
     const bool now = isFaultAt(program);
     stopped_ = now && fault_.kind == Fault::Kind::stop;
     if (now && fault_.kind == Fault::Kind::meanwhile) runMeanwhile();
-    if (!stopped_) answer(request.id, fails(call, now) ? fault_.error : 0);
+    if (now && fault_.kind == Fault::Kind::kill)
+        ::kill(static_cast<pid_t>(request.pid), SIGKILL);
+    else if (!stopped_)
+        answer(request.id, fails(call, now) ? fault_.error : 0);
 }
 
 bool Supervisor::changesDirectory(const seccomp_notif& request, const Call& call,

@@ -11,6 +11,7 @@ struct Fault {
     enum class Kind {
         none,
         stop,      ///< everything ends before the call is made
+        kill,      ///< the process that makes the call is killed before it is made
         error,     ///< the call fails
         errors,    ///< the call fails, and so does each later one that the error would befall
         meanwhile, ///< a program of somebody else runs before the call is made
