@@ -6,9 +6,11 @@ import dataclasses
 import os
 import random
 import re
+import signal
 import subprocess
 import unittest
 
+import endings
 import judge
 import kills
 import power_loss
@@ -39,6 +41,7 @@ class Run:
     status: int | None  # of the operation; nothing when it was killed
     attended: bool  # whether something still ran in the end
     says: str
+    fault: str | None = None  # whether one call failed, "once", or all from it "on"
 
     def __str__(self):
         last = "".join(f"\n  {call}" for call in self.calls[-3:])
@@ -50,13 +53,16 @@ class FaultCase(kills.KillCase):
 
     user = None  # a number, or root
     latest = None  # run
-    orphans = frozenset()  # names of key files whose removal has failed in it
+    met = set()  # rows of the table of interruptions, by all cases
+    ending = None  # how what is interrupted is ended; by the number of the fault unless told
 
     def setUp(self):
         super().setUp()
         self.scene = self.directory / "scene"
         self.work = self.scene / "work"
         self.work.mkdir(parents=True)
+        self.sceneEnvironment = self.environment | {
+            "HOME": str(self.scene / "home"), "XDG_RUNTIME_DIR": str(self.scene / "runtime")}
         self.directory.chmod(0o711)
         self.directory.parent.chmod(0o711)
         folder = judge.makeFolder(self.directory / "original/Docs")
@@ -81,6 +87,11 @@ class FaultCase(kills.KillCase):
     def perform(self, operation, *fault, settle=None):
         """One run from the start; the fault is made of options of `faults`."""
         operation.prepare()
+        self.latest = self.runIt(operation, *fault, settle=settle)
+        return self.latest
+
+    def runIt(self, operation, *fault, settle=None):
+        """A run in the scene as it is."""
         secrets, log = self.directory / "secrets", self.directory / "log"
         secrets.write_text(operation.secrets)
         if self.user:
@@ -90,59 +101,67 @@ class FaultCase(kills.KillCase):
                  "--settle", operation.settling if settle is None else settle, *fault]
         for number, command in enumerate(operation.commands()):
             words += ["--then"] * (number > 0) + command
-        environment = self.environment | {"HOME": str(self.scene / "home"),
-                                          "XDG_RUNTIME_DIR": str(self.scene / "runtime")}
-        result = subprocess.run([str(word) for word in words], cwd=self.work, env=environment,
-                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                stderr=subprocess.STDOUT, text=True, timeout=180)
+        result = subprocess.run([str(word) for word in words], cwd=self.work,
+                                env=self.sceneEnvironment, stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                timeout=180)
         if result.returncode == 77:
             raise unittest.SkipTest(result.stdout)
         self.assertEqual(0, result.returncode, result.stdout)
-        self.latest = parsed(log.read_text(), result.stdout)
-        return self.latest
+        return parsed(log.read_text(), result.stdout)
 
     def killAt(self, operation, number, by=None):
         """Everything is killed before this call, which is one of all or of those that a program
         makes, unless the run ends before it comes so far."""
-        self.orphans = frozenset()
         run = self.perform(operation, "--stop-at", number, *counting(by), settle=0)
         with self.told(run):
             self.assertIn(run.status, (None, 0))
-            self.assertJudged(operation, run)
+            made = run.calls if run.status == 0 else run.calls[:-1]
+            self.assertJudged(operation, run, number, made)
+            self.assertInOrder(operation, made)
+
+    def killOneAt(self, operation, number, by=None):
+        """The process is killed that is about to make such a call; the others go on."""
+        run = self.perform(operation, "--kill-at", number, *counting(by))
+        if run.status == -signal.SIGKILL:
+            run.status = None
+        with self.told(run):
+            self.assertIn(run.status, (None, 0, 1))
+            if run.status == 1:
+                self.assertReported(operation, run)
+            self.assertJudged(operation, run, number, run.calls)
 
     def failAt(self, operation, number, error, onwards=False, by=None):
         """Such a call fails, and from it on any other as well if `onwards`."""
-        self.orphans = frozenset()
         run = self.perform(operation, "--fail-from" if onwards else "--fail-at", number,
                            "--error", error, *counting(by))
-        failed = [call for call in run.calls if by in (None, call.program)][number - 1:]
-        failed = run.calls[failed[0].number - 1:] if onwards and failed else failed[:1]
-        self.orphans = {os.path.basename(call.path) for call in failed
-                        if call.name in power_loss.ENDS and call.path.endswith(".qvkeys")}
+        run.fault = "on" if onwards else "once"
+        failed = [call for call in run.calls if by in (None, call.program)][number - 1:number]
         with self.told(run):
             self.assertIn(run.status, (0, 1))
+            if not onwards:
+                self.assertInOrder(operation, [call for call in run.calls if call not in failed])
             if run.status == 1 and not onwards:
                 self.assertReported(operation, run)
-            self.assertJudged(operation, run)
             if run.status == 0 and not onwards:
-                self.assertSynced(run, failed)
+                operation.assertLasts(run, failed)
                 self.assertEqual(operation.serving[0], run.attended)
+            before = run.calls[:failed[0].number - 1] if failed else run.calls
+            self.assertJudged(operation, run, number, before)
 
-    def assertSynced(self, run, failed):
-        """Success was not reported in spite of a sync that failed, unless it was tried again or the
-        file is gone; but for hiding an item, which is best effort."""
-        settling = power_loss.SYNCS | power_loss.ENDS
-        for call in failed:
-            if call.name in power_loss.SYNCS and call.place == "disk":
-                later = {other.path for other in run.calls[call.number:] if other.name in settling}
-                self.assertTrue(call.path in later or call.program == "in-place")
-
-    def assertJudged(self, operation, run):
+    def assertJudged(self, operation, run, number, made):
+        """Nothing is lost, and what was interrupted after these calls comes to an end."""
         where = operation.assertNothingLost()
         self.judge.assertNoPlaintext(self.scene, but=self.work / "Docs")
         if run.status == 0:
             operation.assertComplete()
-        operation.startAgain(where)
+        ending = self.ending or endings.ENDINGS[number % len(endings.ENDINGS)]
+        operation.startAgain(where, run, made, ending)
+
+    def assertInOrder(self, operation, calls):
+        """Nothing is taken away before what takes its place lasts."""
+        self.assertEqual([], list(power_loss.mistakes(
+            calls, operation.disk(), operation.isWhole())))
 
     def assertReported(self, operation, run):
         """A failure leaves what there was, unless its message says more."""

@@ -14,6 +14,8 @@ from items import PASSWORD
 VAULT_KEY = quillvane.BUILD / "bin/vault-key"
 # Stands in names and contents of the folder that is protected.
 MARKER = b"nobody may read these words"
+# All that is in the file "draft".
+DRAFT = "This-is-a-draft"
 
 
 class Judge:
@@ -34,13 +36,17 @@ class Judge:
 
     def opens(self, image, *options, secret=PASSWORD, **more):
         """Whether an item or a working image opens with a secret and has everything."""
+        return self.holds(image, lambda volume: self.isWhole(volume, **more), *options,
+                          secret=secret)
+
+    def holds(self, image, isSo, *options, secret=PASSWORD):
+        """Whether it opens, and something is so of its volume."""
         item = self._copied(image)
         result = self.case.qv("open", *options, item, secrets=(secret,))
         if result.returncode != 0:
             return False
-        volume = result.stdout.removesuffix("\n")
         try:
-            return self.isWhole(pathlib.Path(volume), **more)
+            return isSo(pathlib.Path(result.stdout.removesuffix("\n")))
         finally:
             self.case.qv("close", item, secrets=())
 
@@ -105,6 +111,7 @@ def makeFolder(folder):
     (folder / "page").write_bytes((MARKER + b"\n") * 200)
     (folder / "photo").write_bytes(quillvane.pseudoRandom(300_001, 1) + MARKER)
     (folder / "nothing").write_bytes(b"")
+    (folder / "draft").write_text(DRAFT)
     os.link(folder / "photo", folder / "letters/photo")
     os.symlink(mark, folder / "link")
     os.mkfifo(folder / "fifo", 0o640)

@@ -77,9 +77,52 @@ class Disk:
             self.contents.add(target)
 
 
-def replay(run, existing=()):
-    """Each call of a run with the state of the disk right before it."""
-    disk = Disk(existing)
-    for call in run.calls:
+def replay(calls, disk):
+    """Each of the calls with the state of the disk right before it."""
+    for call in calls:
         yield call, disk
         disk.follow(call)
+
+
+FOLDER, ITEM = "work/Docs", "work/Docs.quillvane"
+KEY = "work/.Docs.quillvane.qvkeys"
+
+
+def mistakes(calls, disk, isWhole):
+    """What would be lost if the power failed in the middle of these calls: each call, in words,
+    that takes something away before all that has to take its place is there to stay. `isWhole` says
+    whether the folder was whole in the clear; as long as it is, nothing else is needed."""
+    for call, before in replay(calls, disk):
+        if call.place != "disk" or call.name not in ENDS | MOVES:
+            continue
+        if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
+            isWhole = False
+        if not isWhole and not mayBeMade(call, before):
+            yield f"{call} while {before.unsettled('work')} would not last"
+
+
+def mayBeMade(call, disk):
+    if call.name in MOVES:
+        return call.second != ITEM or disk.lasts(KEY) or disk.lasts(keyFile(call.path))
+    if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
+        return any(disk.lasts(image) and disk.lasts(keyFile(image))
+                   for image in disk.existing if image == ITEM or isWorkingImage(image))
+    if call.path == ITEM:
+        return disk.lasts(FOLDER)
+    if call.path.endswith(".qvkeys"):  # needed as long as its image is there, or may come back
+        image = imageOf(call.path)
+        return (image not in disk.existing and image not in disk.names
+                and (image == ITEM or ITEM not in disk.existing or disk.lasts(KEY)))
+    return True
+
+
+def keyFile(image):
+    return f"work/.{os.path.basename(image)}.qvkeys"
+
+
+def imageOf(key):
+    return "work/" + os.path.basename(key)[1:].removesuffix(".qvkeys")
+
+
+def isWorkingImage(path):
+    return path.startswith("work/.Quillvane-") and path.endswith(".sparseimage")

@@ -3,16 +3,19 @@ nothing is lost, and no more is claimed than is true. `faults` does it at all of
 to supervise programs of any user."""
 
 import random
+import re
 import subprocess
 import sys
 import unittest
 
+import endings
 import faulted
 import items
 import judge
 import operations
 import power_loss
 import quillvane
+import second_writer
 from faulted import ERRORS, ORDINARY, SEED, FaultCase
 
 ITEM, KEY = f"work/{operations.ITEM}", f"work/{operations.KEY}"
@@ -22,9 +25,9 @@ class Sampled:
     """What is tried with each operation."""
 
     operation = None
-    every = 1  # one in so many calls of the operation's own program
-    tools = 20  # calls of its tools at which everything is killed
-    errors = 15  # and that fail
+    every = 2  # one in so many calls of the operation's own program
+    tools = 10  # calls of its tools at which everything is killed
+    errors = 8  # and that fail
 
     def whole(self):
         """The operation, and a run without a fault."""
@@ -33,7 +36,9 @@ class Sampled:
         with self.told(run):
             self.assertEqual(0, run.status)
             operation.assertTidy()
-            self.assertJudged(operation, run)
+            operation.assertLasts(run, [])
+            self.assertInOrder(operation, run.calls)
+            self.assertJudged(operation, run, 0, run.calls)
         return operation, run
 
     def testKilled(self):
@@ -42,6 +47,13 @@ class Sampled:
                                               self.every):
             with self.subTest(f"{number} of {program or 'all'}"):
                 self.killAt(operation, number, program)
+
+    def testOneProcessKilled(self):
+        operation, run = self.whole()
+        tools = [call.number for call in run.calls if call.program != operation.program]
+        for number in sorted(random.Random(SEED).sample(tools, min(self.errors, len(tools)))):
+            with self.subTest(f"process of {number}"):
+                self.killOneAt(operation, number)
 
     def testFailing(self):
         operation, run = self.whole()
@@ -58,81 +70,99 @@ class ProtectAsUser(Sampled, FaultCase):
     operation = operations.Protect
     user = ORDINARY
 
-    def testNothingIsDeletedBeforeItsSuccessorLasts(self):
-        _, run = self.whole()
-        deleting = False
-        for call, disk in power_loss.replay(run):
-            image = [path for path in disk.existing if path.endswith(".sparseimage")]
-            if call.name in power_loss.ENDS and call.path.startswith("work/Docs/"):
-                deleting = True
-                self.assertEqual(1, len(image))
-                self.assertTrue(disk.lasts(image[0]), disk.unsettled("work"))
-                self.assertTrue(disk.lasts(workingKey(image[0])), disk.unsettled("work"))
-            elif call.name in power_loss.MOVES and call.second == ITEM:
-                self.assertTrue(disk.lasts(KEY), disk.unsettled("work"))
-            elif call.name in power_loss.ENDS and call.path.endswith(".sparseimage.qvkeys"):
-                self.assertTrue(disk.lasts(ITEM) and disk.lasts(KEY), disk.unsettled("work"))
-        self.assertTrue(deleting)
-
 
 class ProtectAsRoot(Sampled, FaultCase):
     operation = operations.Protect
-    every = 3
-    tools = 5
-    errors = 3
+    every = 8
+    tools = 3
+    errors = 2
 
 
 class RemoveAsUser(Sampled, FaultCase):
     operation = operations.Remove
     user = ORDINARY
 
-    def testNothingIsDeletedBeforeItsSuccessorLasts(self):
-        _, run = self.whole()
-        ends = []
-        for call, disk in power_loss.replay(run, [ITEM, KEY]):
-            if call.name in power_loss.ENDS and call.path in (ITEM, KEY):
-                ends.append(call.path)
-                self.assertTrue(disk.lasts("work/Docs"), disk.unsettled("work"))
-        self.assertEqual([ITEM, KEY], ends)
-
 
 class RemoveAsRoot(Sampled, FaultCase):
     operation = operations.Remove
-    every = 3
-    tools = 5
-    errors = 3
+    every = 8
+    tools = 3
+    errors = 2
+
+
+class EndedAsUser(FaultCase):
+    """Finishing and undoing what was interrupted."""
+
+    user = ORDINARY
+    runs = 6  # of each, half of them killed and half with a failing call
+
+    def sweep(self, name):
+        operation = operations.ENDINGS[name](self)
+        run = self.perform(operation, settle=0)
+        with self.told(run):
+            self.assertEqual(0, run.status)
+            operation.assertLasts(run, [])
+            self.assertInOrder(operation, run.calls)
+            self.assertJudged(operation, run, 0, run.calls)
+        source = random.Random(SEED)
+        disk = [call.number for call in run.calls if call.place == "disk"]
+        for turn, number in enumerate(source.sample(disk, min(self.runs, len(disk)))):
+            if turn % 2:
+                with self.subTest(f"{name} {number}"):
+                    self.killAt(operation, number)
+            else:
+                error = source.choice(ERRORS)
+                with self.subTest(f"{name} {number} {error} once"):
+                    self.failAt(operation, number, error)
+
+
+for name in operations.ENDINGS:
+    setattr(EndedAsUser, f"test-{name}", lambda self, name=name: self.sweep(name))
+
+
+class SecondWriter(FaultCase):
+    """Another program writes into the folder meanwhile."""
+
+    user = ORDINARY
+
+    def sweep(self, kind, own, tools):
+        operation = kind(self)
+        calls = self.perform(operation, settle=0).calls
+        source = random.Random(SEED)
+        for writing in second_writer.WRITINGS:
+            for program, picks in (("qv", own), (None, tools)):
+                numbers = [call.number for call in calls if program in (None, call.program)]
+                for place in sorted(source.sample(range(1, len(numbers) + 1), picks)):
+                    with self.subTest(f"{writing} at {place} of {program or 'all'}"):
+                        second_writer.attempt(self, operation, writing, place, program)
+
+    def testProtecting(self):
+        self.sweep(operations.Protect, own=4, tools=2)
+
+    def testRemoving(self):
+        self.sweep(operations.Remove, own=2, tools=4)
 
 
 class ChangeAsUser(Sampled, FaultCase):
     operation = operations.Change
+    every = 1
     user = ORDINARY
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk([ITEM, KEY])
-        for call in run.calls:
-            if call.name in power_loss.MOVES:
-                self.assertNotIn(call.path, disk.contents)
-            disk.follow(call)
-        self.assertEqual([], disk.unsettled("work"))
 
 
 class OpenAsUser(Sampled, FaultCase):
     operation = operations.Open
+    every = 1
+    tools = 4
+    errors = 4
     user = ORDINARY
 
 
 class CloseAsUser(Sampled, FaultCase):
     operation = operations.Close
+    every = 1
+    tools = 4
+    errors = 4
     user = ORDINARY
-
-    def testSuccessLasts(self):
-        _, run = self.whole()
-        disk = power_loss.Disk([ITEM, KEY, "work/.hidden", "work/Docs"])
-        for call in run.calls:
-            disk.follow(call)
-        # An empty folder that comes back is taken away by the next start.
-        self.assertEqual([], [path for path in disk.unsettled("work") if path != "work/Docs"])
 
 
 class JudgeTest(FaultCase):
@@ -201,6 +231,24 @@ class JudgeTest(FaultCase):
         with self.assertRaisesRegex(AssertionError, "^lost: "):
             self.killAt(operation, len(run.calls))
 
+    def testStateThatIsNotInTheTable(self):
+        run = self.perform(self.operation)
+        for name in (operations.ITEM, operations.KEY):
+            (self.work / name).rename(self.directory / name)
+        self.putFolder()
+        self.assertRaisesRegex(AssertionError, "is not in the table", self.operation.startAgain,
+                               "folder", run, run.calls, endings.FINISH)
+
+    def testDeletionBeforeTheSuccessorLasts(self):
+        run = self.perform(self.operation)
+        def mistakes(isLeftOut):
+            calls = [call for call in run.calls if not isLeftOut(call)]
+            return list(power_loss.mistakes(calls, power_loss.Disk(), isWhole=True))
+        self.assertEqual([], mistakes(lambda call: False))
+        for path in (r"\.sparseimage$", r"^work$", r"\.tmp$"):
+            self.assertNotEqual([], mistakes(lambda call: call.name in power_loss.SYNCS
+                                             and re.search(path, call.path)), path)
+
     def testFilesWrittenUnseen(self):
         class Maps(operations.Protect):
             def commands(self):
@@ -209,10 +257,6 @@ class JudgeTest(FaultCase):
                          "file = open('Docs/photo', 'r+b'); mmap.mmap(file.fileno(), 0)"]]
         with self.assertRaisesRegex(AssertionError, "maps work/Docs/photo for writing"):
             self.perform(Maps(self))
-
-
-def workingKey(image):
-    return f"work/.{image.removeprefix('work/')}.qvkeys"
 
 
 if __name__ == "__main__":

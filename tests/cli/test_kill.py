@@ -18,33 +18,6 @@ class KillTest(kills.KillCase):
         quillvane.makeBigFolder(folder / "big", 48)
         self.useFolder(folder)
 
-    def testQvWhileProtecting(self):
-        outcomes = []
-        for step in kills.LOCK:
-            with self.subTest(step):
-                self.startWithFolder()
-                self.killQvAt(step, "lock", "Docs")
-                outcomes.append(self.assertNothingLost())
-                if outcomes[-1] == "folder":
-                    # What was left does not stand in the way of trying again. If nothing had been
-                    # deleted yet of what was about to be, there is only to go on.
-                    going = self.qv("lock", "Docs")
-                    if "while the original was being deleted" in going.stderr:
-                        going = self.qv("finish", "Docs")
-                    self.assertEqual(0, going.returncode, going)
-                    self.assertEqual(0, self.qv("remove", "Docs.quillvane").returncode)
-                    self.assertTrue(self.isWhole(self.work / "Docs"))
-        self.assertEqual({"folder", "image"}, set(outcomes))
-
-    def testQvWhileRemoving(self):
-        outcomes = []
-        for step in kills.REMOVE:
-            with self.subTest(step):
-                self.startWithItem()
-                self.killQvAt(step, "remove", "Docs.quillvane")
-                outcomes.append(self.assertNothingLost())
-        self.assertEqual({"folder", "image"}, set(outcomes))
-
     def killProcess(self, command, *process):
         """Runs qv and kills a process of it once; qv's status and what it says last."""
         running = self.start(*command)

@@ -7,8 +7,11 @@
 //   --stdin FILE         what each command reads
 //   --user NUMBER        who runs them, instead of root
 //   --stop-at NUMBER     everything is killed before this call
+//   --kill-at NUMBER     the process that makes this call is killed before it
 //   --fail-at NUMBER     this call fails with --error
 //   --fail-from NUMBER   this and all later ones do that can
+//   --meanwhile-at NUMBER  before this call the program of --meanwhile runs, as root and unseen
+//   --meanwhile FILE
 //   --by PROGRAM         the number counts only the calls of this one, as the log names it
 //   --error ENOSPC|EIO|EACCES
 //   --settle SECONDS     how long other processes may take to end after the last command
@@ -59,10 +62,16 @@ void setOption(Arguments& arguments, const std::string& name, const std::string&
         arguments.commands.user = static_cast<uid_t>(std::stoul(value));
     else if (name == "--stop-at")
         setFault(arguments.fault, Fault::Kind::stop, value);
+    else if (name == "--kill-at")
+        setFault(arguments.fault, Fault::Kind::kill, value);
     else if (name == "--fail-at")
         setFault(arguments.fault, Fault::Kind::error, value);
     else if (name == "--fail-from")
         setFault(arguments.fault, Fault::Kind::errors, value);
+    else if (name == "--meanwhile-at")
+        setFault(arguments.fault, Fault::Kind::meanwhile, value);
+    else if (name == "--meanwhile")
+        arguments.fault.meanwhile = value;
     else if (name == "--by")
         arguments.fault.program = value;
     else if (name == "--error")

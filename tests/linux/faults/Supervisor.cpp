@@ -3,11 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <csignal>
 #include <poll.h>
+#include <spawn.h>
 #include <string_view>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
 #include <system_error>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -95,7 +99,11 @@ void Supervisor::takeCall() {
     record(program, call, observation);
     const bool now = isFaultAt(program);
     stopped_ = now && fault_.kind == Fault::Kind::stop;
-    if (!stopped_) answer(request.id, fails(call, now) ? fault_.error : 0);
+    if (now && fault_.kind == Fault::Kind::meanwhile) runMeanwhile();
+    if (now && fault_.kind == Fault::Kind::kill)
+        ::kill(static_cast<pid_t>(request.pid), SIGKILL);
+    else if (!stopped_)
+        answer(request.id, fails(call, now) ? fault_.error : 0);
 }
 
 bool Supervisor::changesDirectory(const seccomp_notif& request, const Call& call,
@@ -134,6 +142,19 @@ bool Supervisor::fails(const Call& call, bool now) const {
     if (fault_.kind == Fault::Kind::error) return now;
     if (fault_.kind != Fault::Kind::errors || faultCount_ < fault_.at) return false;
     return fault_.error != ENOSPC || call.effect == Effect::grow;
+}
+
+/// Waits only so long: the program may in turn wait for the one whose call this is.
+void Supervisor::runMeanwhile() const {
+    constexpr std::chrono::milliseconds pause{2};
+    constexpr int mostPauses = 250;
+    std::array<char*, 2> arguments{const_cast<char*>(fault_.meanwhile.c_str()), nullptr};
+    pid_t process = -1;
+    const int error =
+        ::posix_spawn(&process, arguments[0], nullptr, nullptr, arguments.data(), environ);
+    if (error != 0) throw std::system_error(error, std::generic_category(), fault_.meanwhile);
+    for (int i = 0; i < mostPauses && ::waitpid(process, nullptr, WNOHANG) == 0; ++i)
+        std::this_thread::sleep_for(pause);
 }
 
 void Supervisor::answer(std::uint64_t id, int error) const {

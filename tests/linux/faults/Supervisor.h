@@ -10,13 +10,16 @@
 struct Fault {
     enum class Kind {
         none,
-        stop,   ///< everything ends before the call is made
-        error,  ///< the call fails
-        errors, ///< the call fails, and so does each later one that the error would befall
+        stop,      ///< everything ends before the call is made
+        kill,      ///< the process that makes the call is killed before it is made
+        error,     ///< the call fails
+        errors,    ///< the call fails, and so does each later one that the error would befall
+        meanwhile, ///< a program of somebody else runs before the call is made
     } kind = Kind::none;
     std::uint64_t at = 0; ///< the call's number; the first is 1
     std::string program;  ///< counting only the calls of this one; of all when empty
     int error = 0;
+    std::string meanwhile; ///< the program's path
 };
 
 /// Answers the calls of commands, and counts and logs those of the last command that change
@@ -57,6 +60,7 @@ private:
     /// Counts a call of this program.
     bool isFaultAt(const std::string& program);
     bool fails(const Call& call, bool now) const;
+    void runMeanwhile() const;
     void answer(std::uint64_t id, int error) const;
     void writeEnd();
 
