@@ -1,0 +1,28 @@
+import QtQuick
+import QtQuick.Layouts
+
+// The button that cancels what runs, or that it is too late for that.
+RowLayout {
+    id: choice
+
+    required property bool cancellable
+    required property bool committed
+
+    signal cancelled
+
+    visible: cancellable || committed
+
+    GhostButton {
+        // It stands in a bar no higher than this.
+        Layout.preferredHeight: Brand.size(24)
+        visible: choice.cancellable
+        title: "Cancel"
+        systemImage: "xmark"
+        onClicked: choice.cancelled()
+    }
+
+    FootnoteText {
+        visible: choice.committed
+        text: "Can't be cancelled any more"
+    }
+}
