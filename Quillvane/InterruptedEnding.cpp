@@ -232,23 +232,30 @@ private:
     Outcome giveName() {
         say("Finalizing the encrypted item…");
         closeVolume(image_, Force::yes);
-        const auto text = KeyStore::read(image_);
-        const auto record = text ? KeyMetadata::decode(*text) : std::nullopt;
         if (fs::exists(fs::symlink_status(item_))) throw VaultError::alreadyLocked(contents_.item);
-        if (record) {
-            KeyStore::write(*record, item_);
-        } else {
-            const auto own = KeyStore::read(item_);
-            if (!own || !KeyMetadata::decode(*own))
-                throw InterruptedWorkError("The key file of the encrypted copy is missing: " +
-                                           KeyStore::path(image_).string());
-        }
+        giveKeyFile();
         Platform::renameWithoutReplacing(image_, item_);
         DurableFile::syncDirectory(contents_.directory);
         return endNamed();
     }
 
+    static std::optional<KeyMetadata> keyRecord(const Path& container) {
+        const auto text = KeyStore::read(container);
+        return text ? KeyMetadata::decode(*text) : std::nullopt;
+    }
+
+    /// The item's key file is that of the working image, or is there already.
+    void giveKeyFile() const {
+        if (const auto record = keyRecord(image_))
+            KeyStore::write(*record, item_);
+        else if (!keyRecord(item_))
+            throw InterruptedWorkError("The key file of the encrypted copy is missing: " +
+                                       KeyStore::path(image_).string());
+    }
+
     Outcome endNamed() {
+        // The password may have been changed since: the item's own key file is the newer one.
+        if (!keyRecord(item_)) giveKeyFile();
         KeyStore::remove(image_);
         DurableFile::syncDirectory(contents_.directory);
         endNote();

@@ -60,6 +60,7 @@ bool isThere(const Contents& contents) {
 std::optional<State> stateOfProtection(const Contents& contents) {
     const Path image = contents.directory / contents.image;
     const Path item = contents.directory / contents.item;
+    if (contents.step(Step::shown)) return std::nullopt;
     if (contents.step(Step::done))
         return anythingAt(item) ? std::optional(State::named) : std::nullopt;
     const auto imageInode = contents.step(Step::deleting);
@@ -90,11 +91,18 @@ std::optional<State> stateOfRemoval(const Contents& contents) {
     return std::nullopt;
 }
 
-/// The key to an image that is gone opens nothing: the image's name was made for it alone.
-void dropWorkingKeyFile(const Contents& contents) {
-    if (contents.image.empty() || contents.step(Step::deleting)) return;
+/// The key to an image that is gone opens nothing: the image's name was made for it alone. One that
+/// has become the item has another key file by then. Whether nothing is left to be dropped.
+bool dropWorkingKeyFile(const Contents& contents) {
+    if (contents.image.empty()) return true;
     const Path image = contents.directory / contents.image;
-    if (!anythingAt(image)) KeyStore::remove(image);
+    const Path item = contents.directory / contents.item;
+    const auto imageInode = contents.step(Step::deleting);
+    if (anythingAt(image) || !anythingAt(KeyStore::path(image))) return true;
+    if (imageInode && !(isFileWithInode(item, *imageInode) && hasKeyFile(item))) return true;
+    DurableFile::syncDirectory(contents.directory); // or a crash may bring the image back
+    KeyStore::remove(image);
+    return !anythingAt(KeyStore::path(image));
 }
 
 std::vector<Found> findAmong(const std::vector<OperationNote::Entry>& notes) {
@@ -257,13 +265,22 @@ bool undoNeedsSecret(const Found& found) {
     }
 }
 
-void settle(OperationNote& note) noexcept {
+bool settle(OperationNote& note) noexcept {
     try {
-        if (stateOf(note.contents())) return;
-        dropWorkingKeyFile(note.contents());
-        note.remove();
+        if (stateOf(note.contents())) return false;
+        return dropWorkingKeyFile(note.contents()) && note.remove();
     } catch (const std::exception&) {
-        return; // it is looked at again the next time
+        return false; // it is looked at again the next time
+    }
+}
+
+void settleShown(OperationNote& note) noexcept {
+    const Contents& contents = note.contents();
+    if (!anythingAt(KeyStore::path(contents.directory / contents.image)) && note.remove()) return;
+    try {
+        note.reach(Step::shown);
+    } catch (const std::exception&) {
+        return; // then it is told once more that the key may not have been shown
     }
 }
 

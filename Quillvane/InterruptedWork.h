@@ -95,7 +95,11 @@ void makeWayToProtect(const Path& folder);
 /// if only the item was left to delete, and returns the folder.
 std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential);
 
-/// After an operation that failed: drops its note unless it left something that has to be ended.
-void settle(OperationNote& note) noexcept;
+/// After an operation: drops its note unless it left something that has to be ended; whether it
+/// could.
+bool settle(OperationNote& note) noexcept;
+/// After a protection whose recovery key was shown: the same, and what is left is cleared away
+/// later without a word.
+void settleShown(OperationNote& note) noexcept;
 
 } // namespace InterruptedWork

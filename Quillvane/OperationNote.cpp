@@ -27,7 +27,7 @@ using Contents = OperationNote::Contents;
 using Step = OperationNote::Step;
 
 constexpr const char* extension = ".note";
-constexpr std::array stepWords{"deleting", "done", "made", "copied", "undoing"};
+constexpr std::array stepWords{"deleting", "done", "made", "copied", "undoing", "shown"};
 constexpr int currentVersion = 1;
 
 [[noreturn]] void fail(const char* what, const fs::path& path) {
@@ -347,15 +347,18 @@ void OperationNote::reach(Step step, std::uint64_t number) {
     contents_.steps[step] = number;
 }
 
-void OperationNote::remove() noexcept {
+bool OperationNote::remove() noexcept {
     const auto sync = [](const Path& directory) {
         try {
             DurableFile::syncDirectory(directory);
+            return true;
         } catch (const std::exception&) {
-            return; // best effort, as the header says
+            return false;
         }
     };
-    sync(contents_.directory);
-    ::unlink(file_.c_str());
+    if (!sync(contents_.directory)) return false;
+    const bool removed = ::unlink(file_.c_str()) == 0;
+    // Should it come back, it is found once more to tell of nothing.
     sync(file_.parent_path());
+    return removed;
 }

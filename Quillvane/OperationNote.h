@@ -32,7 +32,8 @@ public:
         done,     ///< the item is whole, but its recovery key may not have been shown
         made,     ///< the folder was made; with its inode
         copied,   ///< the folder is whole and on the disk; the item begins to be deleted
-        undoing   ///< the folder is whole no longer: it begins to be deleted again
+        undoing,  ///< the folder is whole no longer: it begins to be deleted again
+        shown     ///< the recovery key was shown; what else was left is not the user's concern
     };
 
     struct Contents {
@@ -71,8 +72,8 @@ public:
     /// Throws `std::filesystem::filesystem_error`; the step may count all the same.
     void reach(Step step, std::uint64_t number = 0);
     /// The end of the operation: removes the note once what was done in the directory is on the
-    /// disk. Best effort: a note that stays is found again and dropped then.
-    void remove() noexcept;
+    /// disk. Returns false when that cannot be made sure: the note then stays, and is found again.
+    bool remove() noexcept;
 
 private:
     OperationNote(Path file, FileDescriptor fd, Contents contents);

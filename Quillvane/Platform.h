@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 /// The narrow seam to the operating system: everything in which the systems differ. One body per
@@ -22,6 +23,8 @@ struct Tools {
     std::filesystem::path ditto;
     std::filesystem::path open;
     std::filesystem::path mount; ///< unused where the system lists its mounts otherwise
+    /// True when `ditto` succeeds only if it has compared all of the copy with the original.
+    bool dittoCompares = false;
 };
 
 /// Fixed by the system, or found beside our own executable; never from the environment.
@@ -69,6 +72,13 @@ bool isPackageOrVolumeRoot(const std::filesystem::path& path);
 timespec modificationTime(const struct stat& status) noexcept;
 /// Of the contents or of what is kept about them.
 timespec changeTime(const struct stat& status) noexcept;
+
+/// Extended attributes and access control lists by name, in order.
+using Attributes = std::vector<std::pair<std::string, std::string>>;
+/// What is kept so about `name` in the open directory, without following a link, or about the open
+/// file itself when `name` is empty. Leaves out what the system keeps for itself about this one
+/// file. Nothing when not all can be read.
+std::optional<Attributes> attributesOf(int directory, const std::string& name);
 
 /// Keeps the open image from being attached for writing as long as the descriptor is open; false
 /// when it is attached so already. Where the system does not tell, it is as if it were not.

@@ -1,5 +1,6 @@
 #include "TreeComparison.h"
 
+#include "EntryMetadata.h"
 #include "FileDescriptor.h"
 #include "OperationCancelled.h"
 #include "Platform.h"
@@ -22,8 +23,19 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t mostNamed = 3;
 
-bool sameTime(const timespec& one, const timespec& other) {
+bool isSame(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+bool isAt(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+/// Both are of one entry, which was not changed from one to the other.
+bool isUnchanged(const struct stat& before, const struct stat& after) {
+    return isSame(before, after) && before.st_size == after.st_size &&
+           isAt(Platform::modificationTime(before), Platform::modificationTime(after)) &&
+           isAt(Platform::changeTime(before), Platform::changeTime(after));
 }
 
 /// Fills the buffer as far as the file reaches; nothing when it cannot be read.
@@ -79,31 +91,49 @@ public:
 protected:
     void file(int directory, const std::string& name, const struct stat& status) override {
         stopIfCancelled();
-        if (!isAlike(directory, name, status)) differs(name);
+        if (!isFileAlike(directory, name, status)) differs(name);
     }
-    void enter(int, const std::string& name, const struct stat&) override {
+    void enter(int directory, const std::string& name, const struct stat& status) override {
         stopIfCancelled();
-        if (!isFolderAlike(name)) differs(name);
+        if (!isFolderAlike(directory, name, status)) differs(name);
     }
     void failed(const std::string& name, int) override { differs(name); }
 
-    bool isFolderAlike(const std::string& name) {
+    bool isFolderAlike(int directory, const std::string& name, const struct stat& status) {
         const fs::path path = relative(name);
-        return isOfSystem(path) || reference_.directory(path) >= 0;
+        if (isOfSystem(path)) return true;
+        const int other = reference_.directory(path);
+        struct stat found {};
+        return other >= 0 && ::fstat(other, &found) == 0 &&
+               isAlike(EntryMetadata(directory, name, status), EntryMetadata(other, "", found));
     }
 
-    bool isAlike(int directory, const std::string& name, const struct stat& status) {
+    bool isFileAlike(int directory, const std::string& name, const struct stat& status) {
         const fs::path path = relative(name);
-        if (S_ISSOCK(status.st_mode) || isOfSystem(path)) return true;
+        const bool ofFileManager = S_ISREG(status.st_mode) && name == ".DS_Store";
+        if (S_ISSOCK(status.st_mode) || ofFileManager || isOfSystem(path)) return true;
         const int other = reference_.directory(path.parent_path());
         struct stat found {};
         if (other < 0 || ::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
             (found.st_mode & S_IFMT) != (status.st_mode & S_IFMT))
             return false;
-        if (S_ISLNK(status.st_mode)) return haveSameTarget(directory, other, name);
-        if (!S_ISREG(status.st_mode)) return found.st_rdev == status.st_rdev;
-        if (!mayBeAlike(status, found)) return false;
-        return haveSameContents(directory, other, name);
+        if (S_ISREG(status.st_mode)) {
+            const FileDescriptor own = open(directory, name, status);
+            const FileDescriptor original = open(other, name, found);
+            return own && original && isRegularAlike(own.get(), status, original.get(), found);
+        }
+        if (!isAlike(EntryMetadata(directory, name, status), EntryMetadata(other, name, found)))
+            return false;
+        return S_ISLNK(status.st_mode) ? haveSameTarget(directory, other, name)
+                                       : found.st_rdev == status.st_rdev;
+    }
+
+    /// The files, which `status` and `found` are of, are open for reading.
+    virtual bool isRegularAlike(int own, const struct stat& status, int original,
+                                const struct stat& found) {
+        return mayBeAlike(status, found) &&
+               isAlike(EntryMetadata(own, "", status), EntryMetadata(original, "", found)) &&
+               haveSameContents(own, original);
     }
 
     void differs(const std::string& name) {
@@ -122,10 +152,23 @@ private:
         return !path.empty() && VaultEngine::systemVolumeItems().contains(path.begin()->string());
     }
 
+    /// The file that `status` is of; none when there is another in its place.
+    static FileDescriptor open(int directory, const std::string& name, const struct stat& status) {
+        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+        FileDescriptor file(::openat(directory, name.c_str(), flags));
+        struct stat opened {};
+        if (file && (::fstat(file.get(), &opened) != 0 || !isSame(status, opened))) file.reset();
+        return file;
+    }
+
+    bool isAlike(const EntryMetadata& own, const EntryMetadata& other) const {
+        return files_ == Files::unfinished ? own.isPartOf(other) : own.isLike(other);
+    }
+
     bool mayBeAlike(const struct stat& own, const struct stat& other) const {
         if (files_ == Files::unfinished) return own.st_size <= other.st_size;
-        return own.st_size == other.st_size && own.st_mode == other.st_mode &&
-               sameTime(Platform::modificationTime(own), Platform::modificationTime(other));
+        return own.st_size == other.st_size &&
+               areAlike(Platform::modificationTime(own), Platform::modificationTime(other));
     }
 
     static bool haveSameTarget(int one, int other, const std::string& name) {
@@ -138,19 +181,15 @@ private:
                std::equal(targets[0].begin(), targets[0].begin() + length, targets[1].begin());
     }
 
-    bool haveSameContents(int directory, int other, const std::string& name) {
-        constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-        const FileDescriptor own(::openat(directory, name.c_str(), flags));
-        const FileDescriptor found(::openat(other, name.c_str(), flags));
-        if (!own || !found) return false;
+    bool haveSameContents(int own, int original) {
         for (;;) {
             stopIfCancelled();
-            const auto length = fill(own.get(), buffer_);
+            const auto length = fill(own, buffer_);
             if (!length) return false;
             const std::span<char> part =
                 std::span(otherBuffer_)
                     .first(files_ == Files::unfinished ? *length : otherBuffer_.size());
-            if (fill(found.get(), part) != length || !isPartAlike(*length)) return false;
+            if (fill(original, part) != length || !isPartAlike(*length)) return false;
             if (*length < buffer_.size()) return true;
         }
     }
@@ -177,29 +216,59 @@ private:
 
 class AlikeRemoval final : public Comparison {
 public:
-    using Comparison::Comparison;
+    AlikeRemoval(const fs::path& tree, const fs::path& reference, Files files)
+        : Comparison(tree, reference, files, nullptr), looksForWriters_(isLocal(tree)) {}
 
 private:
+    static bool isLocal(const fs::path& tree) {
+        const FileDescriptor root(::open(tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        return root && Platform::isLocal(root.get());
+    }
+
     void file(int directory, const std::string& name, const struct stat& status) override {
-        if (!isAlike(directory, name, status) || ::unlinkat(directory, name.c_str(), 0) != 0)
-            differs(name);
+        struct stat now {};
+        const bool removed = isFileAlike(directory, name, status) &&
+                             ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+                             isUnchanged(status, now) &&
+                             ::unlinkat(directory, name.c_str(), 0) == 0;
+        if (!removed) differs(name);
+    }
+
+    bool isRegularAlike(int own, const struct stat& status, int original,
+                        const struct stat& found) override {
+        // Of one who writes by mapped memory nothing is seen once he has gone, so look before, too.
+        if (isBeingWritten(own) || !Comparison::isRegularAlike(own, status, original, found) ||
+            isBeingWritten(own))
+            return false;
+        struct stat after {};
+        return ::fstat(own, &after) == 0 && isUnchanged(status, after);
+    }
+
+    bool isBeingWritten(int file) const {
+        return looksForWriters_ && writers_.isOpenForWriting(file);
     }
 
     void enter(int directory, const std::string& name, const struct stat& status) override {
+        alike_.resize(depth() + 1);
+        alike_.back() = isFolderAlike(directory, name, status);
         const mode_t mode = status.st_mode & 07777;
-        if ((mode & S_IRWXU) == S_IRWXU || status.st_uid != ::geteuid() || !isFolderAlike(name))
-            return;
+        if ((mode & S_IRWXU) == S_IRWXU || status.st_uid != ::geteuid() || !alike_.back()) return;
         // Should this fail, then so will what needs it, and what is inside stays.
         [[maybe_unused]] const int result =
             ::fchmodat(directory, name.c_str(), mode | S_IRWXU, AT_SYMLINK_NOFOLLOW);
     }
 
     void leave(int directory, const std::string& name) override {
-        if (!isFolderAlike(name)) return differs(name);
+        if (!alike_[depth()]) return differs(name);
         if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0) return;
         // What made it stay has been told, or has come this moment.
         if (errno != ENOTEMPTY && errno != EEXIST) differs(name);
     }
+
+    /// Elsewhere a file that was open just before is not deleted but renamed.
+    bool looksForWriters_;
+    Platform::WriterCheck writers_;
+    std::vector<bool> alike_; ///< by depth, whether the folder is
 };
 
 } // namespace
@@ -210,7 +279,7 @@ Differences compare(const fs::path& tree, const fs::path& reference, Files files
 }
 
 Differences removeAlike(const fs::path& tree, const fs::path& reference, Files files) {
-    return AlikeRemoval(tree, reference, files, nullptr).run();
+    return AlikeRemoval(tree, reference, files).run();
 }
 
 } // namespace TreeComparison

@@ -8,16 +8,19 @@
 
 /// Holds one tree against another that is to have everything that is in it.
 ///
-/// Alike are folders of the same name; files of the same contents, mode and time of last
-/// change; links of the same target; devices and FIFOs of the same kind. Sockets are alike to
-/// anything, as nothing can keep them, and so are `VaultEngine::systemVolumeItems` at the top. What
-/// cannot be read is not alike. Links are not followed, and other file systems not entered.
+/// Alike are files of the same contents and time of last change, links of the same target, devices
+/// and FIFOs of the same kind, and folders of the same name, if their owner, group, mode, extended
+/// attributes and access control lists are alike as well (`EntryMetadata`). Sockets are alike to
+/// anything, as nothing can keep them; so are `VaultEngine::systemVolumeItems` at the top, and
+/// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
+/// followed, and other file systems not entered.
 ///
 /// Both functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile.
 namespace TreeComparison {
 
-/// `unfinished` is for a copy that was cut short: of a file no more is asked than that every byte
-/// which is not zero is that of the other file.
+/// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte
+/// which is not zero is that of the other file, and of anything no more than that it has no
+/// attributes and grants no rights that the other does not.
 enum class Files { finished, unfinished };
 
 /// What of the tree is not alike in the other, relative to the tree.
@@ -31,7 +34,9 @@ struct Differences {
 Differences compare(const std::filesystem::path& tree, const std::filesystem::path& reference,
                     Files files, const Cancellation* cancellation = nullptr);
 /// Deletes what is alike in both from `tree`, entry by entry, and last the tree itself if nothing
-/// stays in it. What stays is told; what cannot be deleted as well.
+/// stays in it. A file that is changed meanwhile, or that somebody has open for writing, is not
+/// alike. What stays is told; what cannot be deleted as well. Throws `std::system_error` when the
+/// system does not tell what is open.
 Differences removeAlike(const std::filesystem::path& tree, const std::filesystem::path& reference,
                         Files files);
 

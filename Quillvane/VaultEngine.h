@@ -164,6 +164,11 @@ ProcessResult dittoWithProgress(const Path& from, const Path& to, std::int64_t t
 /// Nothing when every direct entry of `source` exists in `dest`, else the reason for the user.
 /// With `skipSystem`, entries in `systemVolumeItems` need not be there.
 std::optional<std::string> verifyTopLevel(const Path& source, const Path& dest, bool skipSystem);
+/// Nothing when `dest` is a copy of all of `source`, as `dittoWithProgress` has made it, else the
+/// reason for the user. What the copy tool has not compared itself is compared here. Throws
+/// `OperationCancelled`, and `std::filesystem::filesystem_error` when either is rearranged.
+std::optional<std::string> verifyCopy(const Path& source, const Path& dest,
+                                      const Cancellation* cancellation = nullptr);
 /// False also when the directory cannot be listed.
 bool isDirectoryEmpty(const Path& url);
 

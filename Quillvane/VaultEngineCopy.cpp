@@ -3,6 +3,7 @@
 #include "ErrorText.h"
 #include "OperationCancelled.h"
 #include "Platform.h"
+#include "TreeComparison.h"
 #include "TreeWalk.h"
 
 #include <algorithm>
@@ -143,6 +144,19 @@ std::optional<std::string> verifyTopLevel(const Path& source, const Path& dest, 
     }
     if (error) return "Couldn't read the folder: " + error.message();
     return std::nullopt;
+}
+
+std::optional<std::string> verifyCopy(const Path& source, const Path& dest,
+                                      const Cancellation* cancellation) {
+    if (auto missing = verifyTopLevel(source, dest, true)) return missing;
+    if (Platform::tools().dittoCompares) return std::nullopt;
+    const auto found =
+        TreeComparison::compare(source, dest, TreeComparison::Files::finished, cancellation);
+    // The root of a volume need not be able to keep everything that a folder can.
+    const bool onlyRoot = found.count == 1 && found.first.front().empty();
+    if (found.count == 0 || onlyRoot) return std::nullopt;
+    const Path& first = found.first.front().empty() ? found.first.at(1) : found.first.front();
+    return "Not the same in the copy: \"" + first.string() + "\".";
 }
 
 bool isDirectoryEmpty(const Path& url) {

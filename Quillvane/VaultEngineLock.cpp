@@ -97,6 +97,9 @@ public:
             secureImage();
             deleteOriginal();
             moveImage();
+        } catch (const OperationCancelled&) {
+            if (!InterruptedWork::settle(*note_)) throw OperationCancelled::leavingSomething();
+            throw;
         } catch (...) {
             InterruptedWork::settle(*note_);
             throw;
@@ -182,7 +185,8 @@ private:
         try {
             copyInto(mountInfo.mountPoint, bytes);
             progress_.report(0.82, "Verifying your data is safe…");
-            if (const auto reason = verifyTopLevel(folder_, mountInfo.mountPoint, true))
+            if (const auto reason =
+                    verifyCopy(folder_, mountInfo.mountPoint, progress_.cancellation()))
                 throw VaultError::verificationFailed(*reason);
             progress_.stopIfCancelled();
         } catch (...) {
@@ -320,7 +324,8 @@ private:
         try {
             DurableFile::syncDirectory(parent_);
         } catch (const fs::filesystem_error&) {
-            return; // after a crash the image may be back under its working name: keep its key
+            return; // after a crash the image may be back under its working name: keep its key,
+                    // which is dropped with the note
         }
         KeyStore::remove(image_);
     }
@@ -374,7 +379,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 }
 
 void recoveryKeyShown(const LockResult& result) noexcept {
-    if (result.note) result.note->remove();
+    if (result.note) InterruptedWork::settleShown(*result.note);
 }
 
 } // namespace VaultEngine

@@ -38,11 +38,15 @@ public:
             extract(mountInfo);
             eject(mountInfo);
             deleteItem();
+        } catch (const OperationCancelled&) {
+            if (note_ && !InterruptedWork::settle(*note_))
+                throw OperationCancelled::leavingSomething();
+            throw;
         } catch (...) {
             if (note_) InterruptedWork::settle(*note_);
             throw;
         }
-        note_->remove();
+        InterruptedWork::settle(*note_);
         progress_.report(1.0, "Done. It's a normal folder again.");
         return folder_;
     }
@@ -95,10 +99,11 @@ private:
             createFolder();
             copyFrom(mountInfo.mountPoint);
             progress_.report(0.82, "Verifying extracted data…");
-            if (const auto reason = verifyTopLevel(mountInfo.mountPoint, folder_, true))
+            if (const auto reason =
+                    verifyCopy(mountInfo.mountPoint, folder_, progress_.cancellation()))
                 throw VaultError::verificationFailed(*reason);
             Platform::syncCopiedFolder(folder_);
-            progress_.stopIfCancelled();
+            progress_.commit(); // to undo this takes the volume
         } catch (const VaultError&) {
             cleanUp(mountInfo);
             throw;
@@ -160,12 +165,6 @@ private:
     void eject(const MountInfo& mountInfo) {
         progress_.report(0.88, "Ejecting the item…");
         detach(mountInfo);
-        try {
-            progress_.commit();
-        } catch (const OperationCancelled&) {
-            removeFolder();
-            throw;
-        }
         note_->reach(OperationNote::Step::copied);
     }
 
@@ -196,7 +195,7 @@ private:
         try {
             DurableFile::syncDirectory(item_.parent_path());
         } catch (const fs::filesystem_error&) {
-            return; // after a crash the item may be back: keep its key
+            return; // after a crash the item may be back: keep its key, which the note tells of
         }
         KeyStore::remove(item_);
     }

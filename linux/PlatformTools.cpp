@@ -13,7 +13,8 @@ Tools ownTools() {
     return {.hdiutil = folder / "hdiutil",
             .ditto = folder / "ditto",
             .open = folder / "open",
-            .mount = "/usr/bin/mount"};
+            .mount = "/usr/bin/mount",
+            .dittoCompares = true};
 }
 
 Tools& current() {

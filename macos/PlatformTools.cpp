@@ -9,7 +9,8 @@ Tools& current() {
     static Tools tools{.hdiutil = "/usr/bin/hdiutil",
                        .ditto = "/usr/bin/ditto",
                        .open = "/usr/bin/open",
-                       .mount = "/sbin/mount"};
+                       .mount = "/sbin/mount",
+                       .dittoCompares = false};
     return tools;
 }
 

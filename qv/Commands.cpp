@@ -10,12 +10,15 @@
 #include "qv/InterruptedCommands.h"
 #include "qv/Interruption.h"
 #include "qv/ProgressDisplay.h"
+#include "qv/QuietFailure.h"
 #include "qv/ResultOutput.h"
 #include "qv/SecretChoice.h"
 #include "qv/SmartFolder.h"
 
 #include <algorithm>
 #include <memory>
+#include <set>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -165,12 +168,7 @@ void change(const Arguments& arguments) {
     VaultEngine::changePassword(item, current, secret.password, &Interruption::cancellation());
 }
 
-} // namespace
-
-void runCommand(const Arguments& arguments) {
-    if (arguments.command == Arguments::Command::finish) return finishInterrupted(arguments);
-    if (arguments.command == Arguments::Command::undo) return undoInterrupted(arguments);
-    tellInterrupted(arguments.operand);
+void perform(const Arguments& arguments) {
     switch (arguments.command) {
     case Arguments::Command::lock:
         return lock(arguments);
@@ -185,10 +183,32 @@ void runCommand(const Arguments& arguments) {
     case Arguments::Command::smart:
         return arguments.closeSmartFolder ? closeSmartFolder(arguments) : smart(arguments);
     case Arguments::Command::finish:
+        return finishInterrupted(arguments);
     case Arguments::Command::undo:
-        break; // see above
+        return undoInterrupted(arguments);
     case Arguments::Command::help:
     case Arguments::Command::version:
         break; // not operations
+    }
+}
+
+} // namespace
+
+void runCommand(const Arguments& arguments) {
+    if (arguments.command == Arguments::Command::finish ||
+        arguments.command == Arguments::Command::undo)
+        return perform(arguments);
+    std::set<std::string> told;
+    tellInterrupted(arguments.operand, told);
+    try {
+        perform(arguments);
+    } catch (const UsageError&) {
+        throw;
+    } catch (const QuietFailure&) {
+        throw;
+    } catch (const std::exception& error) {
+        printMessage(errorText(error));
+        tellInterrupted(arguments.operand, told); // what it leaves can be ended, too
+        throw QuietFailure();
     }
 }

@@ -57,10 +57,11 @@ void end(End operation, const Found& found, bool needsSecret, const Arguments& a
 
 } // namespace
 
-void tellInterrupted(const std::string& operand) {
+void tellInterrupted(const std::string& operand, std::set<std::string>& told) {
     try {
         for (const Found& found : InterruptedWork::findIn(itemPath(operand).parent_path()))
-            printMessage(withCommands(found));
+            if (const std::string text = withCommands(found); told.insert(text).second)
+                printMessage(text);
     } catch (const std::exception&) {
         return; // the command itself will say what is wrong
     }

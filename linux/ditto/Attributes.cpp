@@ -1,20 +1,8 @@
 #include "linux/ditto/Attributes.h"
 
-#include <algorithm>
-#include <array>
+#include "linux/CopiedAttributes.h"
 
-bool isCopiedAttribute(std::string_view name) noexcept {
-    constexpr std::array<std::string_view, 2> lists{"system.posix_acl_access",
-                                                    "system.posix_acl_default"};
-    constexpr std::array<std::string_view, 5> ofTheSystem{"security.selinux", "security.SMACK64",
-                                                          "security.apparmor", "security.ima",
-                                                          "security.evm"};
-    if (std::find(lists.begin(), lists.end(), name) != lists.end()) return true;
-    if (name.starts_with("user.") || name.starts_with("trusted.")) return true;
-    return name.starts_with("security.") &&
-           std::none_of(ofTheSystem.begin(), ofTheSystem.end(),
-                        [&](std::string_view prefix) { return name.starts_with(prefix); });
-}
+#include <algorithm>
 
 Attributes attributesOf(const Node& node) {
     Attributes attributes;

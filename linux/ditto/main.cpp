@@ -1,6 +1,8 @@
 #include "linux/ditto/FolderCopy.h"
 
+#include <csignal>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -29,6 +31,9 @@ int main(int argc, char* argv[]) {
                      "copy.\n";
         return 1;
     }
+    // Nobody would wait for the copy any more, and what is left of it is about to be cleared away.
+    // If the caller is gone already, the copy ends with the volume it reads or writes.
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
     umask(0); // the permissions of the copies are the originals'
     Report report(std::cerr);
     try {

@@ -9,7 +9,9 @@
 #include "VolumeFormatter.h"
 
 #include <cerrno>
+#include <csignal>
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,6 +30,8 @@ void runCreate(const CreateArguments& arguments) {
     if (passphrase.empty()) throw ToolError("an empty passphrase protects nothing");
     ::umask(077);
     const BlockedSignals signals;
+    // Nobody would wait for the image any more.
+    if (::prctl(PR_SET_PDEATHSIG, SIGTERM) != 0) throw ToolError::fromErrno(errno);
     removeDeadMounts();
 
     NewImageFile file(arguments.image);

@@ -1,5 +1,6 @@
 #include "Quillvane/OperationCancelled.h"
 #include "Quillvane/VaultEngine.h"
+#include "Quillvane/VaultError.h"
 #include "tests/support/RecordingTools.h"
 
 #include <gtest/gtest.h>
@@ -79,6 +80,78 @@ TEST(VerifyTopLevel, TellsWhatCannotBeListed) {
     const TemporaryFolder folder;
     EXPECT_EQ(verifyTopLevel(folder / "missing", folder.path(), true),
               "Couldn't read the folder: No such file or directory");
+}
+
+/// Two trees, and a copy tool that compares nothing.
+class VerifyCopy : public testing::Test {
+protected:
+    VerifyCopy() {
+        Platform::Tools own = Platform::tools();
+        own.dittoCompares = false;
+        Platform::setTools(own);
+        for (const fs::path& tree : {source, dest}) {
+            fs::create_directories(tree / "inner");
+            writeFile(tree / "inner/file", "contents");
+            fs::last_write_time(tree / "inner/file", fs::file_time_type{});
+        }
+    }
+
+    RecordingTools tools;
+    TemporaryFolder folder;
+    fs::path source = folder / "source";
+    fs::path dest = folder / "dest";
+};
+
+TEST_F(VerifyCopy, ComparesEverythingBelowTheTop) {
+    EXPECT_EQ(verifyCopy(source, dest), std::nullopt);
+    writeFile(dest / "inner/file", "Contents");
+    fs::last_write_time(dest / "inner/file", fs::file_time_type{});
+    EXPECT_EQ(verifyCopy(source, dest), "Not the same in the copy: \"inner/file\".");
+    fs::permissions(source, fs::perms::owner_all);
+    EXPECT_EQ(verifyCopy(source, dest), "Not the same in the copy: \"inner/file\".");
+    fs::remove_all(dest / "inner");
+    EXPECT_EQ(verifyCopy(source, dest), "Missing: \"inner\".");
+}
+
+TEST_F(VerifyCopy, AsksNothingOfTheRootButItsEntries) {
+    fs::permissions(source, fs::perms::owner_all);
+    EXPECT_EQ(verifyCopy(source, dest), std::nullopt);
+}
+
+TEST_F(VerifyCopy, BelievesAToolThatComparesItself) {
+    writeFile(dest / "inner/file", "Contents");
+    const RecordingTools others;
+    EXPECT_EQ(verifyCopy(source, dest), std::nullopt);
+}
+
+TEST_F(VerifyCopy, EndsOnRequest) {
+    Cancellation cancellation;
+    cancellation.request();
+    EXPECT_THROW(verifyCopy(source, dest, &cancellation), OperationCancelled);
+}
+
+TEST_F(VerifyCopy, IsAskedBeforeAnythingIsDeleted) {
+    tools.play("ditto", "", "cp -a \"$1/.\" \"$2\"; echo > \"$2/inner/file\"");
+    const Secret password(std::string_view("password"));
+    try {
+        lock(source, password, password, Filesystem::apfs, [](const Progress&) {});
+        FAIL() << "it was protected";
+    } catch (const VaultError& error) {
+        EXPECT_STREQ(error.what(),
+                     "Data verification failed. Your original folder was left untouched.\n"
+                     "Not the same in the copy: \"inner/file\".");
+    }
+    EXPECT_EQ(readFile(source / "inner/file"), "contents");
+
+    writeFile(folder / "Docs.quillvane", "item");
+    fs::create_directories(fs::path(tools.mountPoint()) / "inner");
+    writeFile(fs::path(tools.mountPoint()) / "inner/file", "contents");
+    EXPECT_THROW(removePassword(folder / "Docs.quillvane",
+                                Credential::password(Secret(std::string_view("password"))),
+                                [](const Progress&) {}),
+                 VaultError);
+    EXPECT_TRUE(fs::exists(folder / "Docs.quillvane"));
+    EXPECT_FALSE(fs::exists(folder / "Docs"));
 }
 
 TEST(IsDirectoryEmpty, IsTrueForEmptyDirectoriesOnly) {

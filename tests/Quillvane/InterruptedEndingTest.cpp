@@ -1,3 +1,4 @@
+#include "Quillvane/KeyMetadata.h"
 #include "Quillvane/VaultError.h"
 #include "tests/Quillvane/InterruptedFixture.h"
 
@@ -125,6 +126,14 @@ TEST_F(InterruptedEndingTest, AnImageWithItsNameLosesItsWorkingKeyFile) {
     EXPECT_THAT(InterruptedWork::text(found()), HasSubstr("recovery key may not have been shown"));
     finish();
     expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, AnImageWithItsNameIsNotLeftWithoutAKeyFile) {
+    protectUntilNamed();
+    fs::remove(KeyStore::path(item));
+    finish();
+    expectOnlyItem();
+    EXPECT_TRUE(KeyMetadata::decode(*KeyStore::read(item)));
 }
 
 TEST_F(InterruptedEndingTest, AnImageThatIsGoneIsToldUntilItIsForgotten) {

@@ -64,6 +64,29 @@ TEST_F(InterruptedWorkTest, AShownRecoveryKeyLeavesNoNote) {
     expectOnlyItem();
 }
 
+TEST_F(InterruptedWorkTest, WhatIsLeftAfterAShownRecoveryKeyGoesLaterWithoutAWord) {
+    protectUntilNamed();
+    {
+        auto note = OperationNote::take(OperationNote::all().at(0).id);
+        InterruptedWork::settleShown(*note);
+        EXPECT_TRUE(note->contents().step(OperationNote::Step::shown));
+        EXPECT_TRUE(fs::exists(KeyStore::path(image)));
+    }
+    EXPECT_THAT(InterruptedWork::findIn(parent.path()), testing::IsEmpty());
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedWorkTest, TheWorkingKeyFileStaysAsLongAsItIsTheOnlyOne) {
+    protectUntilNamed();
+    fs::remove(KeyStore::path(item));
+    {
+        auto note = OperationNote::take(OperationNote::all().at(0).id);
+        InterruptedWork::settleShown(*note);
+    }
+    EXPECT_THAT(InterruptedWork::findIn(parent.path()), testing::IsEmpty());
+    EXPECT_TRUE(fs::exists(KeyStore::path(image)));
+}
+
 TEST_F(InterruptedWorkTest, AFolderThatBeganToGoAgainIsNotWhole) {
     removeUntilMade(/*copied=*/true);
     OperationNote::take(found().note)->reach(Step::undoing);

@@ -44,6 +44,7 @@ TEST(Platform, ToolsLieBesideTheProgram) {
     EXPECT_EQ(Platform::tools().hdiutil, folder / "hdiutil");
     EXPECT_EQ(Platform::tools().ditto, folder / "ditto");
     EXPECT_EQ(Platform::tools().open, folder / "open");
+    EXPECT_TRUE(Platform::tools().dittoCompares);
 }
 
 TEST(Platform, KnowsMountPointsExactly) {

@@ -284,7 +284,7 @@ TEST_F(RemoveTest, AnItemThatWasOpenedAgainIsNotDeleted) {
 TEST_F(RemoveTest, CancellingAtAnyStepBeforeTheDeletionUndoesEverything) {
     for (const char* message :
          {"Checking the item…", "Opening the item…", "Creating the folder", "Extracting contents…",
-          "Extracting contents… ", "Verifying extracted data…", "Ejecting the item…"}) {
+          "Extracting contents… ", "Verifying extracted data…"}) {
         cancellation = std::make_unique<Cancellation>();
         actions = {{message, [this] { cancellation->request(); }}};
         EXPECT_THROW(remove(), OperationCancelled) << message;
@@ -317,7 +317,7 @@ TEST_F(RemoveTest, CancellingEndsTheCopyAtOnce) {
 
 TEST_F(RemoveTest, CancellingTooLateIsRefused) {
     bool heard = true;
-    actions["Deleting the encrypted item…"] = [&] { heard = cancellation->request(); };
+    actions["Ejecting the item…"] = [&] { heard = cancellation->request(); };
     remove();
     EXPECT_FALSE(fs::exists(item));
     EXPECT_EQ(readFile(docs / "file"), "contents");
@@ -327,7 +327,7 @@ TEST_F(RemoveTest, CancellingTooLateIsRefused) {
 TEST_F(RemoveTest, EveryReportTellsWhetherItCanStillBeCancelled) {
     remove();
     for (const Progress& report : reports)
-        EXPECT_EQ(report.cancellable, report.fraction < 0.95) << report.message;
+        EXPECT_EQ(report.cancellable, report.fraction < 0.88) << report.message;
 }
 
 } // namespace

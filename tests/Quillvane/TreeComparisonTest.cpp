@@ -4,11 +4,14 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/xattr.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -46,6 +49,10 @@ protected:
         writeFile(file, contents);
         const timespec times[2]{before.st_atim, before.st_mtim};
         ::utimensat(AT_FDCWD, file.c_str(), times, 0);
+    }
+
+    static void setAttribute(const fs::path& entry, const char* name, const std::string& value) {
+        ASSERT_EQ(::lsetxattr(entry.c_str(), name, value.data(), value.size(), 0), 0) << entry;
     }
 
     TemporaryFolder folder;
@@ -114,8 +121,115 @@ TEST_F(TreeComparisonTest, SocketsAndFilesOfTheSystemAreAlikeToAnything) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ::close(fd);
     EXPECT_THAT(differences(), IsEmpty());
+    fs::create_directories(tree / "inner/.Trashes");
+    EXPECT_THAT(differences(), ElementsAre("inner/.Trashes"));
+}
+
+TEST_F(TreeComparisonTest, WhatFileManagersKeepIsAlikeToAnything) {
     writeFile(tree / "inner/.DS_Store", "x");
-    EXPECT_THAT(differences(), ElementsAre("inner/.DS_Store"));
+    writeFile(reference / "inner/empty/.DS_Store", "one");
+    writeFile(tree / "inner/empty/.DS_Store", "another");
+    EXPECT_THAT(differences(), IsEmpty());
+    fs::create_directory(tree / "inner/empty/folder");
+    fs::create_directory(tree / "inner/empty/folder/.DS_Store");
+    EXPECT_THAT(differences(),
+                UnorderedElementsAre("inner/empty/folder", "inner/empty/folder/.DS_Store"));
+}
+
+TEST_F(TreeComparisonTest, AttributesBelongToIt) {
+    for (const fs::path name : {"", "file", "inner", "inner/empty"}) {
+        copy();
+        setAttribute(tree / name, "user.note", "one");
+        EXPECT_THAT(differences(), ElementsAre(name)) << "more of them";
+        EXPECT_THAT(differences(Files::unfinished), ElementsAre(name)) << "more of them";
+        setAttribute(reference / name, "user.note", "another");
+        EXPECT_THAT(differences(), ElementsAre(name)) << "another value";
+        EXPECT_THAT(differences(Files::unfinished), ElementsAre(name)) << "another value";
+        ::removexattr((tree / name).c_str(), "user.note");
+        EXPECT_THAT(differences(), ElementsAre(name)) << "fewer of them";
+        EXPECT_THAT(differences(Files::unfinished), IsEmpty()) << "fewer of them";
+        setAttribute(tree / name, "user.note", "another");
+        EXPECT_THAT(differences(), IsEmpty());
+        ::removexattr((reference / name).c_str(), "user.note");
+    }
+}
+
+TEST_F(TreeComparisonTest, AccessListsBelongToIt) {
+    // Version 2; user::rwx, user:65533:r, group::r, mask::r, other::-, each of tag, rights and id.
+    const auto word = [](unsigned value, int bytes) {
+        std::string text;
+        for (; bytes > 0; --bytes, value >>= 8) text += static_cast<char>(value & 0xff);
+        return text;
+    };
+    std::string list = word(2, 4);
+    const unsigned entries[][3] = {
+        {1, 7, ~0U}, {2, 4, 65533}, {4, 4, ~0U}, {0x10, 4, ~0U}, {0x20, 0, ~0U}};
+    for (const auto& entry : entries)
+        list += word(entry[0], 2) + word(entry[1], 2) + word(entry[2], 4);
+    setAttribute(tree / "inner", "system.posix_acl_default", list);
+    EXPECT_THAT(differences(), ElementsAre("inner"));
+    EXPECT_THAT(differences(Files::unfinished), ElementsAre("inner"));
+    setAttribute(reference / "inner", "system.posix_acl_default", list);
+    EXPECT_THAT(differences(), IsEmpty());
+}
+
+TEST_F(TreeComparisonTest, ModesOfFoldersBelongToIt) {
+    fs::permissions(reference / "inner", fs::perms(0500));
+    fs::permissions(tree / "inner", fs::perms(0550));
+    EXPECT_THAT(differences(), ElementsAre("inner"));
+    EXPECT_THAT(differences(Files::unfinished), ElementsAre("inner")) << "a right too many";
+    fs::permissions(tree / "inner", fs::perms(0700));
+    EXPECT_THAT(differences(), IsEmpty()) << "as a deletion that was cut short leaves it";
+    fs::permissions(reference / "inner", fs::perms(0750));
+    EXPECT_THAT(differences(), ElementsAre("inner"));
+    EXPECT_THAT(differences(Files::unfinished), IsEmpty()) << "a right that it has not got yet";
+}
+
+TEST_F(TreeComparisonTest, OwnersBelongToItWhereTheyCanBeKept) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
+    for (const char* name : {"file", "inner", "fifo", "link"}) {
+        copy();
+        ::fchownat(AT_FDCWD, (tree / name).c_str(), 65533, static_cast<gid_t>(-1),
+                   AT_SYMLINK_NOFOLLOW);
+        EXPECT_THAT(differences(), ElementsAre(name));
+        EXPECT_THAT(differences(Files::unfinished), ElementsAre(name));
+        copy();
+        ::fchownat(AT_FDCWD, (tree / name).c_str(), static_cast<uid_t>(-1), 65533,
+                   AT_SYMLINK_NOFOLLOW);
+        EXPECT_THAT(differences(), ElementsAre(name));
+    }
+}
+
+TEST_F(TreeComparisonTest, AnOrdinaryUsersCopyIsTheUsersOwn) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can become an ordinary user";
+    ::chown((reference / "file").c_str(), 65533, 65533);
+    ::chmod((reference / "file").c_str(), 06755);
+    copy();
+    ::chown((tree / "file").c_str(), 65534, 65534);
+    ::chmod((tree / "file").c_str(), 0755);
+    ::chmod(folder.path().c_str(), 0755);
+    EXPECT_THAT(differences(), ElementsAre("file"));
+    ASSERT_EQ(::seteuid(65534), 0);
+    const auto found = differences();
+    ASSERT_EQ(::seteuid(0), 0);
+    EXPECT_THAT(found, IsEmpty());
+}
+
+TEST_F(TreeComparisonTest, TimesMayBeCoarser) {
+    const auto setTime = [](const fs::path& file, timespec time) {
+        const timespec times[2]{time, time};
+        ::utimensat(AT_FDCWD, file.c_str(), times, 0);
+    };
+    setTime(reference / "file", {1'000'000'001, 123'456'789});
+    for (const timespec coarse :
+         {timespec{1'000'000'001, 123'456'700}, {1'000'000'001, 0}, {1'000'000'000, 0}}) {
+        setTime(tree / "file", coarse);
+        EXPECT_THAT(differences(), IsEmpty());
+    }
+    setTime(tree / "file", {1'000'000'001, 123'456'788});
+    EXPECT_THAT(differences(), ElementsAre("file"));
+    setTime(tree / "file", {1'000'000'002, 0});
+    EXPECT_THAT(differences(), ElementsAre("file"));
 }
 
 TEST_F(TreeComparisonTest, AnUnfinishedFileHasNothingButWhatTheOtherHas) {
@@ -136,10 +250,45 @@ TEST_F(TreeComparisonTest, EndsOnRequest) {
 }
 
 TEST_F(TreeComparisonTest, RemovesATreeThatIsAlike) {
-    fs::permissions(tree / "inner", fs::perms::owner_read | fs::perms::owner_exec);
+    for (const fs::path& inner : {tree / "inner", reference / "inner"})
+        fs::permissions(inner, fs::perms::owner_read | fs::perms::owner_exec);
     EXPECT_EQ(TreeComparison::removeAlike(tree, reference, Files::finished).count, 0U);
+    fs::permissions(reference / "inner", fs::perms::owner_all);
     EXPECT_FALSE(fs::exists(tree));
     EXPECT_TRUE(fs::exists(reference / "inner/deep"));
+}
+
+TEST_F(TreeComparisonTest, RemovesNoFolderWithAttributesOfItsOwn) {
+    setAttribute(tree / "inner", "user.note", "mine");
+    const auto left = TreeComparison::removeAlike(tree, reference, Files::finished);
+    EXPECT_THAT(left.first, ElementsAre("inner"));
+    EXPECT_TRUE(fs::is_empty(tree / "inner"));
+}
+
+TEST_F(TreeComparisonTest, RemovesNoFileThatIsOpenForWriting) {
+    const int fd = ::open((tree / "file").c_str(), O_WRONLY | O_CLOEXEC);
+    const auto left = TreeComparison::removeAlike(tree, reference, Files::finished);
+    ::close(fd);
+    EXPECT_THAT(left.first, ElementsAre("file"));
+    EXPECT_EQ(readFile(tree / "file"), "contents");
+    EXPECT_FALSE(fs::exists(tree / "inner"));
+}
+
+TEST_F(TreeComparisonTest, RemovesNoFileThatIsTouchedMeanwhile) {
+    writeFile(reference / "large", std::string(std::size_t{64} << 20, 'l'));
+    copy();
+    struct stat status {};
+    ::stat((tree / "large").c_str(), &status);
+    std::atomic_bool ended = false;
+    std::thread user([&] {
+        const timespec times[2]{status.st_atim, status.st_mtim};
+        while (!ended) ::utimensat(AT_FDCWD, (tree / "large").c_str(), times, 0);
+    });
+    const auto left = TreeComparison::removeAlike(tree, reference, Files::finished);
+    ended = true;
+    user.join();
+    EXPECT_THAT(left.first, ElementsAre("large"));
+    EXPECT_TRUE(fs::exists(tree / "large"));
 }
 
 TEST_F(TreeComparisonTest, LeavesWhatIsNotAlike) {

@@ -48,6 +48,13 @@ class ItemCase(quillvane.Case):
         self.assertEqual([], quillvane.differences(before, quillvane.describe(self.work)))
         self.assertNothingRuns()
 
+    def assertOffered(self, path, says):
+        """What comes before the line that offers to finish or undo what was left."""
+        text, offer = says[:-1].rsplit("\n", 1)
+        self.assertTrue(offer.endswith(
+            f' To end this: qv finish "{path}" or qv undo "{path}"'), says)
+        return text + "\n"
+
     def assertEndsWith(self, expected, text):
         self.assertEqual(expected, text[-len(expected):])
 

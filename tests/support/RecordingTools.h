@@ -35,7 +35,7 @@ public:
                      "<key>mount-point</key><string>" +
                      mountPoint() + "</string></dict></array>");
         Platform::setTools(
-            {folder_ / "hdiutil", folder_ / "ditto", folder_ / "open", folder_ / "mount"});
+            {folder_ / "hdiutil", folder_ / "ditto", folder_ / "open", folder_ / "mount", true});
         Platform::setStateDirectory(stateDirectory());
     }
     ~RecordingTools() {

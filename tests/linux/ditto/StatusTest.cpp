@@ -1,5 +1,5 @@
 #include "linux/ditto/Status.h"
-#include "linux/ditto/Attributes.h"
+#include "linux/CopiedAttributes.h"
 
 #include <gtest/gtest.h>
 
