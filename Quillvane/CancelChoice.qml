@@ -9,6 +9,8 @@ RowLayout {
     required property bool committed
 
     signal cancelled
+    // The button had the keys, and is gone.
+    signal keysLost
 
     visible: cancellable || committed
 
@@ -19,6 +21,12 @@ RowLayout {
         title: "Cancel"
         systemImage: "xmark"
         onClicked: choice.cancelled()
+        onVisibleChanged: {
+            if (visible || !focus)
+                return;
+            focus = false;
+            choice.keysLost();
+        }
     }
 
     FootnoteText {

@@ -238,9 +238,10 @@ void ContentModel::tellEnding(const InterruptedFindings::Ending& ending) {
     emit viewModel_.stateChanged();
 }
 
-void ContentModel::tellFailedEnding(const QString& text) {
+void ContentModel::tellFailedEnding(const QString& text, bool wasCancelled) {
     if (viewModel_.mode == Mode::smart) selectMode(Mode::lock);
     viewModel_.errorMessage = text;
+    viewModel_.wasCancelled = wasCancelled;
     emit viewModel_.stateChanged();
 }
 

@@ -104,7 +104,7 @@ private:
     void wipeSheet();
     void takeRecoveryKey();
     void tellEnding(const InterruptedFindings::Ending& ending);
-    void tellFailedEnding(const QString& text);
+    void tellFailedEnding(const QString& text, bool wasCancelled);
     /// No form asks for what the ending has taken away.
     void forgetIn(QUrl& url, const std::string& name);
     void updateDriveName();

@@ -104,6 +104,10 @@ FocusScope {
             encryption: view.words.encryption
             driveName: view.content.driveName
             onCancelled: view.content.cancel()
+            onKeysLost: {
+                if (main.enabled)
+                    sidebar.forceActiveFocus(Qt.TabFocusReason);
+            }
         }
     }
 

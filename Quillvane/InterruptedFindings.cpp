@@ -215,7 +215,7 @@ void InterruptedFindings::endFailed(const std::exception_ptr& error,
     }
     if (!now) {
         takeAway();
-        emit failed(text);
+        emit failed(text, cancelled);
         return;
     }
     running_.end();

@@ -106,7 +106,7 @@ signals:
     void fieldsChanged();
     void ended(const InterruptedFindings::Ending& ending);
     /// It could not be ended as was asked, and there is nothing any more to be ended.
-    void failed(const QString& text);
+    void failed(const QString& text, bool wasCancelled);
 
 private:
     /// One, with all that has to be looked up on the disk.

@@ -10,17 +10,41 @@ Sheet {
 
     readonly property string symbol: !findings.isChoice ? "checkmark" : findings.isProtection ? "lock.fill" : "lock.open.fill"
 
+    // It can be typed into.
+    readonly property bool asks: findings.needsSecret && !findings.isBusy
+    readonly property string told: findings.text
+
+    onAsksChanged: changing.restart()
+    onToldChanged: changing.restart()
+
+    function takeKeys() {
+        if (enabled)
+            firstFocus.forceActiveFocus(Qt.TabFocusReason);
+    }
+
     name: "An operation was interrupted"
     dismissible: !findings.isBusy
     // Not a button: a Return that was meant for something else would press it.
-    firstFocus: fields.visible ? fields.firstField : null
+    firstFocus: asks ? fields.firstField : nothing
     onDismissed: findings.later()
 
-    header: SheetHeader {
-        width: parent.width
-        systemImage: "exclamationmark.triangle.fill"
-        title: sheet.name
+    // Fires once all that has changed together is there.
+    Timer {
+        id: changing
+        interval: 0
+        onTriggered: sheet.takeKeys()
     }
+
+    header: [
+        SheetHeader {
+            width: parent.width
+            systemImage: "exclamationmark.triangle.fill"
+            title: sheet.name
+        },
+        Item {
+            id: nothing
+        }
+    ]
 
     ColumnLayout {
         width: parent.width
@@ -45,7 +69,7 @@ Sheet {
             id: fields
 
             Layout.fillWidth: true
-            visible: sheet.findings.needsSecret && !sheet.findings.isBusy
+            visible: sheet.asks
             password: sheet.findings.password
             useRecovery: sheet.findings.useRecovery
             recoveryKey: sheet.findings.recoveryKey
@@ -80,6 +104,7 @@ Sheet {
                 cancellable: sheet.findings.cancellable
                 committed: sheet.findings.committed
                 onCancelled: sheet.findings.cancel()
+                onKeysLost: sheet.takeKeys()
             }
         }
 

@@ -14,6 +14,8 @@ Item {
     required property string driveName
 
     signal cancelled
+    // The keys have to go elsewhere.
+    signal keysLost
 
     implicitHeight: Brand.size(30)
     Accessible.role: Accessible.StatusBar
@@ -40,6 +42,7 @@ Item {
             cancellable: bar.busy && bar.cancellable
             committed: bar.busy && bar.committed
             onCancelled: bar.cancelled()
+            onKeysLost: bar.keysLost()
         }
 
         Symbol {
