@@ -313,10 +313,7 @@ class Interrupted(InterruptedCase):
     def test_deletion_that_had_begun(self):
         # A leftover that came in between keeps it from being finished until it is moved away.
         folder = self.makeFolder(NAME)
-        killed = self.run_("strace", "-qq", "-o", "/dev/null", "-e", "trace=unlinkat", "-e",
-                           "inject=unlinkat:signal=KILL:when=1", QV, "lock", folder, "--stdin",
-                           stdin=PASSWORD + "\n")
-        self.assertEqual(-signal.SIGKILL, killed.returncode, killed)
+        self.interruptDeletion(folder)
         (folder / "Neues.txt").write_text("came later")
         self.startAgain("Protecting ")
         self.picture("deleting")
@@ -339,10 +336,7 @@ class Interrupted(InterruptedCase):
     def test_refused_again(self):
         # What stands in the way is offered at once.
         folder = self.makeFolder("Docs")
-        killed = self.run_("strace", "-qq", "-o", "/dev/null", "-e", "trace=unlinkat", "-e",
-                           "inject=unlinkat:signal=KILL:when=1", QV, "lock", folder, "--stdin",
-                           stdin=PASSWORD + "\n")
-        self.assertEqual(-signal.SIGKILL, killed.returncode, killed)
+        self.interruptDeletion(folder)
         self.startAgain("Protecting ")
         self.press("Later")
         self.waitUntilGone(SHEET)
@@ -384,11 +378,7 @@ class Interrupted(InterruptedCase):
 
 class BeforeTheTerms(WindowCase):
     def test_nothing_is_told_before(self):
-        folder = self.makeFolder("Docs")
-        killed = self.run_("strace", "-qq", "-o", "/dev/null", "-e", "trace=unlinkat", "-e",
-                           "inject=unlinkat:signal=KILL:when=1", QV, "lock", folder, "--stdin",
-                           stdin=PASSWORD + "\n")
-        self.assertEqual(-signal.SIGKILL, killed.returncode, killed)
+        self.interruptDeletion(self.makeFolder("Docs"))
         self.start()
         self.find("Before you use Quillvane")
         self.assertIsNone(self.look(SHEET))
