@@ -1,5 +1,5 @@
-"""What is cancelled leaves everything as it was; and what a killed program leaves is told at the next
-start, and finished or undone as the user chooses."""
+"""What is cancelled leaves everything as it was; and what a killed program leaves is told at the
+next start, and finished or undone as the user chooses."""
 
 import contextlib
 import os
