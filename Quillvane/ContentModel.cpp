@@ -14,17 +14,26 @@
 
 using Mode = VaultViewModel::Mode;
 
-ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart, OpenRouter& router,
-                           FilePanels& panels, BackgroundTasks& tasks, QObject* parent)
-    : QObject(parent), viewModel_(viewModel), smart_(smart), router_(router), panels_(panels),
-      tasks_(tasks) {
+ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart,
+                           InterruptedFindings& interrupted, OpenRouter& router, FilePanels& panels,
+                           BackgroundTasks& tasks, QObject* parent)
+    : QObject(parent), viewModel_(viewModel), smart_(smart), interrupted_(interrupted),
+      router_(router), panels_(panels), tasks_(tasks) {
     connect(&viewModel, &VaultViewModel::stateChanged, this, &ContentModel::changed);
     connect(&viewModel, &VaultViewModel::formChanged, this, &ContentModel::changed);
     connect(&viewModel, &VaultViewModel::formChanged, this, &ContentModel::updateDriveName);
     for (const auto signal :
-         {&SmartFolderManager::isBusyChanged, &SmartFolderManager::statusMessageChanged,
-          &SmartFolderManager::errorMessageChanged, &SmartFolderManager::successMessageChanged})
+         {&SmartFolderManager::isBusyChanged, &SmartFolderManager::cancellableChanged,
+          &SmartFolderManager::statusMessageChanged, &SmartFolderManager::errorMessageChanged,
+          &SmartFolderManager::successMessageChanged})
         connect(&smart, signal, this, &ContentModel::changed);
+    connect(&interrupted, &InterruptedFindings::changed, this, &ContentModel::changed);
+    connect(&interrupted, &InterruptedFindings::ended, this, &ContentModel::tellEnding);
+    connect(&interrupted, &InterruptedFindings::failed, this, &ContentModel::tellFailedEnding);
+    // What has failed may have left something that is better ended at once.
+    connect(&viewModel, &VaultViewModel::failed, &interrupted, &InterruptedFindings::lookBeside);
+    connect(&smart, &SmartFolderManager::creationFailed, &interrupted,
+            &InterruptedFindings::lookBeside);
     // A finished operation leaves no secret in the forms.
     connect(&smart, &SmartFolderManager::isBusyChanged, this, [this] {
         if (!smart_.isBusy()) viewModel_.wipeSmartForms();
@@ -44,19 +53,40 @@ ContentModel::~ContentModel() {
 }
 
 bool ContentModel::busy() const {
-    return viewModel_.isBusy || smart_.isBusy();
+    return viewModel_.isBusy || smart_.isBusy() || interrupted_.isBusy();
+}
+
+bool ContentModel::cancellable() const {
+    return viewModel_.cancellable() || smart_.cancellable() || interrupted_.cancellable();
+}
+
+bool ContentModel::committed() const {
+    return viewModel_.committed() || smart_.committed() || interrupted_.committed();
+}
+
+void ContentModel::cancel() {
+    viewModel_.cancel();
+    smart_.cancelCreation();
+    smart_.cancelOpening();
+    interrupted_.cancel();
 }
 
 double ContentModel::progressFraction() const {
+    if (interrupted_.isBusy()) return interrupted_.progressFraction();
     return viewModel_.isBusy ? viewModel_.progressFraction.value_or(-1) : -1;
 }
 
 QString ContentModel::statusMessage() const {
+    if (interrupted_.isBusy()) return interrupted_.statusMessage();
     return viewModel_.isBusy ? viewModel_.statusMessage : smart_.statusMessage();
 }
 
 QString ContentModel::errorMessage() const {
     return viewModel_.mode == Mode::smart ? smart_.errorMessage() : viewModel_.errorMessage;
+}
+
+bool ContentModel::wasCancelled() const {
+    return viewModel_.mode == Mode::smart ? smart_.wasCancelled() : viewModel_.wasCancelled;
 }
 
 QString ContentModel::successMessage() const {
@@ -173,11 +203,53 @@ void ContentModel::wipeSheet() {
 void ContentModel::takeRecoveryKey() {
     // One after the other: a key that is shown must not turn into another.
     if (!smart_.recoveryKeyToShow() || !viewModel_.recoveryKeyToShow.isEmpty()) return;
-    viewModel_.recoveryKeyToShow = textOf(*smart_.recoveryKeyToShow());
+    VaultEngine::LockResult created = smart_.takeCreated();
+    created.recoveryKey = *smart_.recoveryKeyToShow();
     smart_.clearRecoveryKeyToShow();
     viewModel_.smartCreateFolderURL.clear(); // it is an item now
     emit viewModel_.formChanged();
+    viewModel_.presentRecoveryKey(created);
+}
+
+void ContentModel::tellEnding(const InterruptedFindings::Ending& ending) {
+    const auto& contents = ending.found.contents;
+    const auto& result = ending.outcome.result;
+    const bool isItem = result && result->filename() == contents.item;
+    QString text = QString::fromStdString(ending.outcome.message);
+    if (text.isEmpty() && result)
+        text = (isItem ? QStringLiteral("Locked. Your folder is protected:\n")
+                       : QStringLiteral("Password removed. It's a normal folder again:\n")) +
+               QString::fromStdString(result->string());
+    if (result && isItem) {
+        forgetIn(viewModel_.lockFolderURL, contents.folder);
+        forgetIn(viewModel_.smartCreateFolderURL, contents.folder);
+    } else if (result) {
+        forgetIn(viewModel_.removeImageURL, contents.item);
+    }
+    const bool isProtection = contents.operation == OperationNote::Operation::protect;
+    selectMode(isProtection ? Mode::lock : Mode::remove);
+    if (ending.finished && ending.found.state == InterruptedWork::State::unfinished) {
+        viewModel_.lockFolderURL = fileUrl(InterruptedWork::place(ending.found));
+        emit viewModel_.formChanged();
+    }
+    if (!text.isEmpty()) endings_ += (endings_.isEmpty() ? "" : "\n\n") + text;
+    viewModel_.successMessage = endings_;
+    if (!interrupted_.any()) endings_.clear();
     emit viewModel_.stateChanged();
+}
+
+void ContentModel::tellFailedEnding(const QString& text, bool wasCancelled) {
+    if (viewModel_.mode == Mode::smart) selectMode(Mode::lock);
+    viewModel_.errorMessage = text;
+    viewModel_.wasCancelled = wasCancelled;
+    emit viewModel_.stateChanged();
+}
+
+void ContentModel::forgetIn(QUrl& url, const std::string& name) {
+    const std::filesystem::path chosen = filePath(url);
+    if (chosen.empty() || itemPath(chosen).filename() != name) return;
+    url.clear();
+    emit viewModel_.formChanged();
 }
 
 void ContentModel::copyRecoveryKey() {

@@ -13,10 +13,13 @@ FocusScope {
     required property SystemWords words
 
     // Sheets keep the window beneath from being used.
-    readonly property bool sheetShown: guide.shown || about.shown || recoveryKey.shown || itemOpened.shown
+    readonly property bool sheetShown: guide.shown || about.shown || interrupted
 
     // These come by themselves, before a sheet that the user asked for.
-    readonly property bool interrupted: recoveryKey.shown || itemOpened.shown
+    readonly property bool interrupted: recoveryKey.shown || itemOpened.shown || interruptedWork.shown
+
+    // Not before the terms are accepted, which is when this is made.
+    Component.onCompleted: content.interrupted.look()
 
     ColumnLayout {
         id: main
@@ -94,10 +97,17 @@ FocusScope {
         StatusBar {
             Layout.fillWidth: true
             busy: view.content.busy
+            cancellable: view.content.cancellable
+            committed: view.content.committed
             fraction: view.content.progressFraction
             message: view.content.statusMessage
             encryption: view.words.encryption
             driveName: view.content.driveName
+            onCancelled: view.content.cancel()
+            onKeysLost: {
+                if (main.enabled)
+                    sidebar.forceActiveFocus(Qt.TabFocusReason);
+            }
         }
     }
 
@@ -130,6 +140,15 @@ FocusScope {
         enabled: shown && !view.interrupted
         version: view.content.appVersion
         technology: view.words.technology
+    }
+
+    InterruptedSheet {
+        id: interruptedWork
+        anchors.fill: parent
+        findings: view.content.interrupted
+        // What the user has begun goes on before.
+        shown: findings.any && !view.vm.isBusy && !view.smart.isBusy
+        enabled: shown && !itemOpened.shown && !recoveryKey.shown
     }
 
     ItemOpenedSheet {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "ContentModel.h"
+#include "InterruptedFindings.h"
 #include "OpenRouter.h"
 #include "SmartFolderManager.h"
 #include "SystemWords.h"
@@ -30,6 +31,13 @@ struct ContentModelForQml {
     Q_GADGET
     QML_FOREIGN(ContentModel)
     QML_NAMED_ELEMENT(ContentModel)
+    QML_UNCREATABLE("made by the program")
+};
+
+struct InterruptedFindingsForQml {
+    Q_GADGET
+    QML_FOREIGN(InterruptedFindings)
+    QML_NAMED_ELEMENT(InterruptedFindings)
     QML_UNCREATABLE("made by the program")
 };
 

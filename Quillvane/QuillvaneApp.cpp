@@ -3,6 +3,7 @@
 #include "Quillvane/ApplicationArguments.h"
 #include "Quillvane/ApplicationInstance.h"
 #include "Quillvane/ContentModel.h"
+#include "Quillvane/InterruptedFindings.h"
 #include "Quillvane/ItemDetail.h"
 #include "Quillvane/OpenRouter.h"
 #include "Quillvane/Platform.h"
@@ -53,16 +54,18 @@ int runWindow(const QUrl& mainFile, ApplicationInstance& instance) {
     SmartFolderStore store(&Preferences::open, Preferences::lockDirectory());
     SystemClock clock;
     ThreadTasks tasks;
+    ThreadTasks looking; // no closing of a folder waits for it
     SystemPanels panels;
     SystemWords words;
     TermsOfUse terms(*preferences);
-    VaultViewModel viewModel(tasks, panels); // stops what it does before the manager waits for it
+    // These two stop what they do before the manager waits for it.
+    VaultViewModel viewModel(tasks, panels);
+    InterruptedFindings interrupted(looking, tasks);
     SmartFolderManager smart(*events, tasks, clock, store);
-    ContentModel content(viewModel, smart, OpenRouter::shared(), panels, tasks);
+    ContentModel content(viewModel, smart, interrupted, OpenRouter::shared(), panels, tasks);
     QObject::connect(events.get(), &SystemEvents::volumeUnmounted, &viewModel,
                      &VaultViewModel::volumeUnmounted);
-    ThreadTasks counting; // no closing of a folder waits for it
-    ItemDetail::setTasks(counting);
+    ItemDetail::setTasks(looking);
 
     qml_register_types_Quillvane();
     QQmlApplicationEngine engine;

@@ -175,7 +175,7 @@ void SmartFolderManager::endMove() {
 
 void SmartFolderManager::closeAllSynchronouslyBestEffort() {
     // What is under way would otherwise go on without us, and an opened folder stay open.
-    if (creation_) creation_->request();
+    creation_.cancel();
     cancelOpening();
     tasks_.finish();
     const std::vector<Active> entries = active();

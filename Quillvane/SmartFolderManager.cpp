@@ -2,6 +2,7 @@
 
 #include "ErrorText.h"
 #include "ItemPath.h"
+#include "OperationCancelled.h"
 #include "SystemEvents.h"
 #include "VaultEngine.h"
 
@@ -20,6 +21,16 @@ QString textOf(const std::exception_ptr& error) {
         std::rethrow_exception(error);
     } catch (const std::exception& known) {
         return QString::fromStdString(errorText(known));
+    }
+}
+
+bool isCancellation(const std::exception_ptr& error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const OperationCancelled&) {
+        return true;
+    } catch (const std::exception&) {
+        return false;
     }
 }
 
@@ -47,41 +58,60 @@ void SmartFolderManager::createSmartFolder(const Path& folder, Secret password, 
     struct Creation {
         Secret password;
         Secret confirm;
-        Cancellation cancellation;
         VaultEngine::LockResult result;
     };
     const auto creation = std::make_shared<Creation>();
     creation->password = std::move(password);
     creation->confirm = std::move(confirm);
-    creation_ = std::shared_ptr<Cancellation>(creation, &creation->cancellation);
+    creation_.begin();
+    emit cancellableChanged();
     const ProgressCallback report = scope_.reporter([this](const Progress& progress) {
+        if (!creation_.hears(progress)) return;
         setStatusMessage(QString::fromStdString(progress.message));
+        emit cancellableChanged();
     });
     offMain(
-        [creation, folder, report] {
+        [creation, folder, report, cancellation = creation_.cancellation()] {
             creation->result = VaultEngine::lock(folder, creation->password, creation->confirm,
-                                                 Filesystem::apfs, report, &creation->cancellation);
+                                                 Filesystem::apfs, report, cancellation.get());
         },
-        [this, creation](const std::exception_ptr& error) {
-            creation_.reset();
-            if (error) return fail(error);
-            endBusy();
-            recoveryKeyToShow_ = std::move(creation->result.recoveryKey);
-            emit recoveryKeyToShowChanged();
-            offMain([creation] { VaultEngine::recoveryKeyShown(creation->result); },
-                    [](const std::exception_ptr&) {});
-            QString message =
-                "Smart folder created:\n" +
-                QString::fromStdString(creation->result.container.filename().string()) + "\n\n";
-            const std::string& leftBehind = creation->result.leftBehind;
-            if (leftBehind.empty())
-                message += "It now looks like a folder: double-click, enter your password, and it "
-                           "opens in place — then closes itself.";
-            else
-                message += QString::fromStdString(leftBehind) +
-                           "\nMove it elsewhere, then the smart folder can be opened in place.";
-            setSuccessMessage(message);
+        [this, creation, folder](const std::exception_ptr& error) {
+            creation_.end();
+            emit cancellableChanged();
+            if (!error) return created(std::move(creation->result));
+            fail(error);
+            emit creationFailed(folder);
         });
+}
+
+void SmartFolderManager::created(VaultEngine::LockResult result) {
+    endBusy();
+    QString message = "Smart folder created:\n" +
+                      QString::fromStdString(result.container.filename().string()) + "\n\n";
+    if (result.leftBehind.empty())
+        message += "It now looks like a folder: double-click, enter your password, and it opens in "
+                   "place — then closes itself.";
+    else
+        message += QString::fromStdString(result.leftBehind) +
+                   "\nMove it elsewhere, then the smart folder can be opened in place.";
+    setSuccessMessage(message);
+    recoveryKeyToShow_ = std::exchange(result.recoveryKey, Secret());
+    created_ = std::move(result);
+    emit recoveryKeyToShowChanged();
+}
+
+VaultEngine::LockResult SmartFolderManager::takeCreated() {
+    return std::exchange(created_, {});
+}
+
+bool SmartFolderManager::cancellable() const {
+    return creation_.isCancellable() || (openings_ && !openings_->requested());
+}
+
+void SmartFolderManager::cancelCreation() {
+    if (!creation_.isCancellable()) return;
+    if (creation_.cancel()) setStatusMessage(QStringLiteral("Cancelling…"));
+    emit cancellableChanged();
 }
 
 void SmartFolderManager::activate(const Path& locked, Credential credential) {
@@ -97,6 +127,7 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
     managed_.insert(record.mountPath);
     opening_.push_back(record);
     if (!openings_) openings_ = std::make_shared<Cancellation>();
+    emit cancellableChanged();
     persistAndTell();
     struct Opening {
         Credential credential;
@@ -120,13 +151,16 @@ void SmartFolderManager::activate(const Path& locked, Credential credential) {
             if (opening_.empty()) {
                 closeWhenOpened_.reset();
                 openings_.reset();
+                emit cancellableChanged();
             }
             endMove();
         });
 }
 
 void SmartFolderManager::cancelOpening() {
-    if (openings_) openings_->request();
+    if (!openings_) return;
+    openings_->request();
+    emit cancellableChanged();
 }
 
 void SmartFolderManager::opened(const VaultEngine::SmartMount& mount) {
@@ -219,7 +253,7 @@ void SmartFolderManager::endBusy(bool automatic) {
 
 void SmartFolderManager::fail(const std::exception_ptr& error, bool automatic) {
     endBusy(automatic);
-    setErrorMessage(textOf(error));
+    setErrorMessage(textOf(error), isCancellation(error));
 }
 
 void SmartFolderManager::offMain(BackgroundTasks::Work work, BackgroundTasks::Ending ending) {
@@ -242,7 +276,8 @@ void SmartFolderManager::setStatusMessage(const QString& text) {
     if (std::exchange(statusMessage_, text) != text) emit statusMessageChanged();
 }
 
-void SmartFolderManager::setErrorMessage(const QString& text) {
+void SmartFolderManager::setErrorMessage(const QString& text, bool wasCancelled) {
+    wasCancelled_ = wasCancelled;
     if (std::exchange(errorMessage_, text) != text) emit errorMessageChanged();
 }
 

@@ -4,6 +4,7 @@
 #include "Cancellation.h"
 #include "Clock.h"
 #include "Credential.h"
+#include "RunningOperation.h"
 #include "Secret.h"
 #include "SmartFolderList.h"
 #include "SmartFolderStore.h"
@@ -35,6 +36,7 @@ class SmartFolderManager : public QObject {
     Q_PROPERTY(
         int timeoutMinutes READ timeoutMinutes WRITE setTimeoutMinutes NOTIFY timeoutMinutesChanged)
     Q_PROPERTY(bool isBusy READ isBusy NOTIFY isBusyChanged)
+    Q_PROPERTY(bool cancellable READ cancellable NOTIFY cancellableChanged)
     Q_PROPERTY(QString statusMessage READ statusMessage NOTIFY statusMessageChanged)
     Q_PROPERTY(QString errorMessage READ errorMessage NOTIFY errorMessageChanged)
     Q_PROPERTY(QString successMessage READ successMessage NOTIFY successMessageChanged)
@@ -58,17 +60,28 @@ public:
     bool isBusy() const { return isBusy_; }
     QString statusMessage() const { return statusMessage_; }
     QString errorMessage() const { return errorMessage_; }
+    /// Whether that is of an operation that the user has cancelled.
+    bool wasCancelled() const { return wasCancelled_; }
     QString successMessage() const { return successMessage_; }
     /// The recovery key of a Smart Folder just created, to be shown to the user once.
     const std::optional<Secret>& recoveryKeyToShow() const { return recoveryKeyToShow_; }
     void clearRecoveryKeyToShow();
+    /// What creating that Smart Folder has yielded, but for the key, for whoever shows it.
+    VaultEngine::LockResult takeCreated();
     /// True while a folder is being turned into a Smart Folder.
-    bool isCreating() const { return creation_ != nullptr; }
+    bool isCreating() const { return creation_.isRunning(); }
+    /// A creation, or an opening, can be cancelled.
+    bool cancellable() const;
+    /// A creation is past its point of no return.
+    bool committed() const { return creation_.isCommitted(); }
     /// True while a folder is being opened or closed.
     bool isMoving() const { return !opening_.empty() || !closing_.empty(); }
 
     /// Turns a folder into a protected item.
     void createSmartFolder(const Path& folder, Secret password, Secret confirm);
+    /// Asks the creation that runs to stop and to undo what it has done; without effect when it is
+    /// too late.
+    void cancelCreation();
     /// Opens the item in place.
     void activate(const Path& locked, Credential credential);
     /// Gives up what is being opened as long as its key is derived, for which a hostile key file
@@ -88,10 +101,14 @@ public:
 signals:
     void timeoutMinutesChanged();
     void isBusyChanged();
+    /// The same goes for `committed`.
+    void cancellableChanged();
     void statusMessageChanged();
     void errorMessageChanged();
     void successMessageChanged();
     void recoveryKeyToShowChanged();
+    /// Making a Smart Folder of this folder has failed, and may have left something to be ended.
+    void creationFailed(const std::filesystem::path& folder);
     /// An opening or closing has come to its end.
     void moved();
 
@@ -123,6 +140,7 @@ private:
     void offMain(BackgroundTasks::Work work, BackgroundTasks::Ending ending);
 
     void append(Active entry);
+    void created(VaultEngine::LockResult result);
     void opened(const VaultEngine::SmartMount& mount);
     void closed(const Active& entry, bool automatic);
     void closeFailed(const Active& entry, bool automatic, const std::exception_ptr& error);
@@ -132,7 +150,7 @@ private:
 
     void setBusy(bool busy);
     void setStatusMessage(const QString& text);
-    void setErrorMessage(const QString& text);
+    void setErrorMessage(const QString& text, bool wasCancelled = false);
     void setSuccessMessage(const QString& text);
 
     SystemEvents& events_;
@@ -147,8 +165,10 @@ private:
     int requested_ = 0; ///< operations under way that the user asked for
     QString statusMessage_;
     QString errorMessage_;
+    bool wasCancelled_ = false;
     QString successMessage_;
     std::optional<Secret> recoveryKeyToShow_;
+    VaultEngine::LockResult created_;
 
     /// Items that are being opened. They are in the preferences too, so that a killed program
     /// leaves none hidden that nobody knows of.
@@ -161,7 +181,7 @@ private:
     std::set<std::string> closing_;     ///< mount paths of folders that are being closed
     std::set<std::string> managed_;     ///< every mount path that was in `active_` once
     std::optional<QString> closeWhenOpened_;
-    std::shared_ptr<Cancellation> creation_;
+    RunningOperation creation_;
     std::shared_ptr<Cancellation> openings_; ///< of all that is being opened; null if nothing is
     bool powerOffWaits_ = false;
 };

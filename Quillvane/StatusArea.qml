@@ -6,6 +6,8 @@ ScrollPane {
     id: area
 
     required property string errorMessage
+    // The error is what the user asked for.
+    required property bool wasCancelled
     required property string successMessage
 
     visible: errorMessage !== "" || successMessage !== ""
@@ -22,8 +24,8 @@ ScrollPane {
             Layout.fillWidth: true
             visible: area.errorMessage !== ""
             alert: true
-            systemImage: "exclamationmark.triangle.fill"
-            symbolColor: Brand.error
+            systemImage: area.wasCancelled ? "info.circle" : "exclamationmark.triangle.fill"
+            symbolColor: area.wasCancelled ? Brand.textDim : Brand.error
             text: area.errorMessage
         }
 

@@ -6,10 +6,16 @@ Item {
     id: bar
 
     required property bool busy
+    required property bool cancellable
+    required property bool committed
     required property double fraction
     required property string message
     required property string encryption
     required property string driveName
+
+    signal cancelled
+    // The keys have to go elsewhere.
+    signal keysLost
 
     implicitHeight: Brand.size(30)
     Accessible.role: Accessible.StatusBar
@@ -30,6 +36,13 @@ Item {
             Layout.fillWidth: true
             text: bar.Accessible.name
             Accessible.ignored: true
+        }
+
+        CancelChoice {
+            cancellable: bar.busy && bar.cancellable
+            committed: bar.busy && bar.committed
+            onCancelled: bar.cancelled()
+            onKeysLost: bar.keysLost()
         }
 
         Symbol {

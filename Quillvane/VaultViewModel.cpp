@@ -2,7 +2,7 @@
 
 #include "ErrorText.h"
 #include "FileUrl.h"
-#include "ItemPath.h"
+#include "OperationCancelled.h"
 #include "Platform.h"
 #include "SecretText.h"
 #include "VaultError.h"
@@ -93,16 +93,13 @@ void VaultViewModel::performLock() {
     const auto lock = std::make_shared<Lock>(
         Lock{filePath(lockFolderURL), secretOf(lockPassword), secretOf(lockConfirm), {}});
     beginBusy(QStringLiteral("Preparing…"));
+    subject_ = lock->folder;
     perform(
-        [lock, report = reporter(), cancellation = cancellation_] {
+        [lock, report = reporter(), cancellation = running_.cancellation()] {
             lock->result = VaultEngine::lock(lock->folder, lock->password, lock->confirm,
                                              Filesystem::apfs, report, cancellation.get());
         },
-        [this, lock] {
-            finishLock(lock->result);
-            scope_.start([lock] { VaultEngine::recoveryKeyShown(lock->result); },
-                         [](const std::exception_ptr&) {});
-        });
+        [this, lock] { finishLock(lock->result); });
 }
 
 void VaultViewModel::performOpen() {
@@ -117,10 +114,14 @@ void VaultViewModel::performOpen() {
         std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}, std::nullopt});
     beginBusy(QStringLiteral("Opening…"));
     perform(
-        [open, report = reporter(), cancellation = cancellation_] {
+        [open, report = reporter(), cancellation = running_.cancellation()] {
             try {
                 open->result =
                     VaultEngine::open(open->image, open->credential, report, cancellation.get());
+                if (cancellation->requested()) { // too late to be heard
+                    VaultEngine::detach(open->result.mountInfo);
+                    throw OperationCancelled();
+                }
             } catch (const VaultError& error) {
                 if (error.kind() != VaultError::Case::attachFailed) throw;
                 open->elsewhere = mountPointOf(open->image);
@@ -145,8 +146,9 @@ void VaultViewModel::performRemove() {
     const auto remove =
         std::make_shared<Remove>(Remove{filePath(removeImageURL), removeCredential(), {}});
     beginBusy(QStringLiteral("Preparing…"));
+    subject_ = remove->item;
     perform(
-        [remove, report = reporter(), cancellation = cancellation_] {
+        [remove, report = reporter(), cancellation = running_.cancellation()] {
             remove->restored = VaultEngine::removePassword(remove->item, remove->credential, report,
                                                            cancellation.get());
         },
@@ -171,7 +173,7 @@ void VaultViewModel::performChangePassword() {
         Change{filePath(changeImageURL), changeCredential(), secretOf(changeNewPassword)});
     beginBusy(QStringLiteral("Changing password…"));
     perform(
-        [change, cancellation = cancellation_] {
+        [change, cancellation = running_.cancellation()] {
             VaultEngine::changePassword(change->item, change->current, change->newPassword,
                                         cancellation.get());
         },
@@ -180,10 +182,10 @@ void VaultViewModel::performChangePassword() {
 
 void VaultViewModel::performClose() {
     if (openMountInfo) {
-        beginBusy(QStringLiteral("Closing…"));
+        beginBusy(QStringLiteral("Closing…"), Cancellable::no);
         eject(*openMountInfo);
     } else if (!openedMountPoint.isEmpty()) {
-        beginBusy(QStringLiteral("Closing…"));
+        beginBusy(QStringLiteral("Closing…"), Cancellable::no);
         closeByMountPoint(openedMountPoint);
     }
 }
@@ -214,133 +216,39 @@ void VaultViewModel::perform(BackgroundTasks::Work work, std::function<void()> f
 
 ProgressCallback VaultViewModel::reporter() {
     return scope_.reporter([this](const Progress& progress) {
+        if (!running_.hears(progress)) return;
         progressFraction = progress.fraction;
         statusMessage = QString::fromStdString(progress.message);
         emit stateChanged();
     });
 }
 
-void VaultViewModel::finishLock(const VaultEngine::LockResult& result) {
-    wipePasswords();
-    endBusy();
-    lockFolderURL.clear();
-    recoveryKeyToShow = textOf(result.recoveryKey);
-    successMessage =
-        "Locked. Your folder is protected:\n" + QString::fromStdString(result.container.string());
-    if (!result.leftBehind.empty())
-        successMessage += "\n\n" + QString::fromStdString(result.leftBehind);
-    emit formChanged();
-    emit stateChanged();
-}
-
-void VaultViewModel::finishOpen(const VaultEngine::OpenResult& result) {
-    wipePasswords();
-    endBusy();
-    remember(result.mountInfo);
-    successMessage = QStringLiteral("Opened. Work in the folder, then eject it to lock it again.");
-    emit stateChanged();
-}
-
-void VaultViewModel::finishOpenElsewhere(const std::filesystem::path& item,
-                                         const std::string& mountPoint) {
-    wipePasswords();
-    endBusy();
-    statusMessage.clear();
-    const std::filesystem::path folder = resolvedItemPath(item).replace_extension();
-    // A Smart Folder is its manager's to close; any other is shown, with the button that closes it.
-    if (mountPoint != folder) remember({std::nullopt, mountPoint});
-    errorMessage = '"' + QString::fromStdString(folder.filename().string()) + "\" is already open.";
-    emit stateChanged();
-}
-
-void VaultViewModel::remember(const MountInfo& mountInfo) {
-    if (openMountInfo && openMountInfo->mountPoint != mountInfo.mountPoint)
-        openedBefore_.push_back(*openMountInfo);
-    openMountInfo = mountInfo;
-    openedMountPoint = QString::fromStdString(mountInfo.mountPoint);
-}
-
-void VaultViewModel::forget(const std::string& mountPoint) {
-    std::erase_if(openedBefore_,
-                  [&](const MountInfo& opened) { return opened.mountPoint == mountPoint; });
-    if (openedMountPoint != QString::fromStdString(mountPoint)) return;
-    openMountInfo.reset();
-    openedMountPoint.clear();
-    if (openedBefore_.empty()) return;
-    remember(openedBefore_.back());
-    openedBefore_.pop_back();
-}
-
-void VaultViewModel::volumeUnmounted(const std::filesystem::path& mountPoint) {
-    forget(mountPoint.string());
-    emit stateChanged();
-}
-
-void VaultViewModel::finishRemove(const std::filesystem::path& restored) {
-    wipePasswords();
-    endBusy();
-    removeImageURL.clear();
-    successMessage = "Password removed. It's a normal folder again:\n" +
-                     QString::fromStdString(restored.string());
-    emit formChanged();
-    emit stateChanged();
-}
-
-void VaultViewModel::finishChange() {
-    wipePasswords();
-    endBusy();
-    changeImageURL.clear();
-    changeUseRecovery = false;
-    successMessage = QStringLiteral("Password changed. Use your new password from now on. Your "
-                                    "recovery key still works.");
-    emit formChanged();
-    emit stateChanged();
-}
-
-void VaultViewModel::finishClose(const std::string& mountPoint) {
-    endBusy();
-    forget(mountPoint);
-    openImageURL.clear();
-    successMessage = QStringLiteral("Locked and ejected.");
-    emit formChanged();
-    emit stateChanged();
-}
-
-void VaultViewModel::finishWithError(const std::exception_ptr& error) {
-    wipePasswords();
-    endBusy();
-    statusMessage.clear();
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& known) {
-        errorMessage = QString::fromStdString(errorText(known));
-    }
-    emit stateChanged();
-}
-
 void VaultViewModel::clearMessages() {
     errorMessage.clear();
+    wasCancelled = false;
     successMessage.clear();
     statusMessage.clear();
     emit stateChanged();
 }
 
-void VaultViewModel::beginBusy(const QString& message) {
+void VaultViewModel::beginBusy(const QString& message, Cancellable cancellable) {
     clearMessages();
     isBusy = true;
-    cancellation_ = std::make_shared<Cancellation>();
+    if (cancellable == Cancellable::yes) running_.begin();
+    subject_.clear();
     progressFraction.reset();
     statusMessage = message;
     emit stateChanged();
 }
 
 void VaultViewModel::undoOperation() {
-    if (cancellation_) cancellation_->request();
+    running_.cancel();
 }
 
-void VaultViewModel::endBusy() {
-    isBusy = false;
-    progressFraction.reset();
+void VaultViewModel::cancel() {
+    if (!cancellable()) return;
+    if (running_.cancel()) statusMessage = QStringLiteral("Cancelling…");
+    emit stateChanged();
 }
 
 void VaultViewModel::wipePasswords() {
@@ -357,11 +265,6 @@ void VaultViewModel::wipeSmartForms() {
                           &smartActivateRecoveryKey})
         wipeText(*text);
     emit formChanged();
-}
-
-void VaultViewModel::dismissRecoveryKey() {
-    wipeText(recoveryKeyToShow);
-    emit stateChanged();
 }
 
 namespace {

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Cancellation.h"
 #include "Credential.h"
 #include "FilePanels.h"
+#include "RunningOperation.h"
 #include "TaskScope.h"
 #include "VaultEngine.h"
 
@@ -53,6 +53,7 @@ class VaultViewModel : public QObject {
     Q_PROPERTY(QString smartActivateRecoveryKey MEMBER smartActivateRecoveryKey NOTIFY formChanged)
     Q_PROPERTY(QString openedMountPoint MEMBER openedMountPoint NOTIFY stateChanged)
     Q_PROPERTY(bool isBusy MEMBER isBusy NOTIFY stateChanged)
+    Q_PROPERTY(bool cancellable READ cancellable NOTIFY stateChanged)
     Q_PROPERTY(double progressFraction READ progressFractionOrNegative NOTIFY stateChanged)
     Q_PROPERTY(QString statusMessage MEMBER statusMessage NOTIFY stateChanged)
     Q_PROPERTY(QString errorMessage MEMBER errorMessage NOTIFY stateChanged)
@@ -100,6 +101,8 @@ public:
     std::optional<double> progressFraction;
     QString statusMessage;
     QString errorMessage;
+    /// Whether that is of an operation that the user has cancelled.
+    bool wasCancelled = false;
     QString successMessage;
     /// To be presented once; whoever has done so empties it by `dismissRecoveryKey`.
     QString recoveryKeyToShow;
@@ -120,7 +123,18 @@ public:
     Q_INVOKABLE void performRemove();
     Q_INVOKABLE void performChangePassword();
 
+    /// What runs can be cancelled: it is neither past its point of no return, nor cancelled
+    /// already.
+    bool cancellable() const { return isBusy && running_.isCancellable(); }
+    /// What runs is past its point of no return.
+    bool committed() const { return isBusy && running_.isCommitted(); }
+    /// Asks what runs to stop and to undo what it has done; without effect when it is too late.
+    Q_INVOKABLE void cancel();
+
     Q_INVOKABLE void clearMessages();
+    /// Presents the key that protecting a folder has yielded.
+    void presentRecoveryKey(const VaultEngine::LockResult& result);
+    /// The user has the key now.
     Q_INVOKABLE void dismissRecoveryKey();
     /// Wipes the secrets of both Smart Folder forms.
     Q_INVOKABLE void wipeSmartForms();
@@ -133,12 +147,17 @@ public:
 signals:
     void formChanged();
     void stateChanged();
+    /// Protecting this folder, or removing the protection of this item, has failed, and may have
+    /// left something to be ended.
+    void failed(const std::filesystem::path& subject);
 
 private:
+    enum class Cancellable { yes, no };
+
     double progressFractionOrNegative() const { return progressFraction.value_or(-1); }
     void choose(void (FilePanels::*panel)(const QString&, FilePanels::Chosen), const QString& title,
                 QUrl VaultViewModel::*target);
-    void beginBusy(const QString& message);
+    void beginBusy(const QString& message, Cancellable cancellable = Cancellable::yes);
     void wipePasswords();
     Credential openCredential() const;
     Credential removeCredential() const;
@@ -166,7 +185,10 @@ private:
     FilePanels& panels_;
     /// What this window opened before `openMountInfo` and has not closed.
     std::vector<MountInfo> openedBefore_;
-    /// Asked to stop when the program ends, or the object goes, while an operation runs.
-    std::shared_ptr<Cancellation> cancellation_;
+    RunningOperation running_;
+    /// The folder or item of the operation that runs, if it may leave something to be ended.
+    std::filesystem::path subject_;
+    /// Of the protection whose recovery key is presented.
+    std::shared_ptr<OperationNote> keyNote_;
     TaskScope scope_;
 };

@@ -100,6 +100,7 @@ FocusScope {
             Layout.leftMargin: -ring
             Layout.rightMargin: -gutter
             errorMessage: workspace.content.errorMessage
+            wasCancelled: workspace.content.wasCancelled
             successMessage: workspace.content.successMessage
         }
     }

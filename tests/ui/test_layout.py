@@ -52,6 +52,10 @@ class Layout(WindowCase):
         self.openFromOutside(item)
         self._lookAt("item", "Cancel")
         self.quit()
+        self.interruptDeletion(self.makeFolder("Ein Ordner, der lang heißt und Übungen enthält"))
+        self.start()
+        self._lookAt("interrupted", "Later")
+        self.quit()
 
     def _protectUntilTheSheet(self, folder):
         self.resize(*SIZES[0])
@@ -108,5 +112,5 @@ class LayoutAtScale2(Layout):
 
 
 if __name__ == "__main__":
-    window.requireTools()
+    window.requireTools("strace")
     unittest.main()

@@ -160,6 +160,13 @@ class WindowCase(BusCase):
         self.key = result.stdout.splitlines()[1]
         return folder.with_name(name + ".quillvane")
 
+    def interruptDeletion(self, folder):
+        """Protects a folder with qv, which is killed when it begins to delete the original."""
+        killed = self.run_("strace", "-qq", "-o", "/dev/null", "-e", "trace=unlinkat", "-e",
+                           "inject=unlinkat:signal=KILL:when=1", QV, "lock", folder, "--stdin",
+                           stdin=PASSWORD + "\n")
+        self.assertEqual(-signal.SIGKILL, killed.returncode, killed)
+
     # What is seen
 
     def elements(self):

@@ -49,5 +49,7 @@ protected:
         [this] { return std::make_unique<QSettings>(preferences, QSettings::IniFormat); },
         parent.path()};
     SmartFolderManager smart{events, tasks, clock, store};
-    ContentModel content{*model, smart, router, panels, tasks};
+    FakeTasks looking;
+    InterruptedFindings interrupted{looking, tasks};
+    ContentModel content{*model, smart, interrupted, router, panels, tasks};
 };

@@ -182,25 +182,25 @@ TEST_F(VaultViewModelTest, ANameThatIsNoFileIsAnErrorLikeOthers) {
 }
 
 TEST_F(VaultViewModelTest, WhatArrivesAfterTheWindowWentIsDropped) {
-    model->openImageURL = itemURL;
-    model->openPassword = "secret";
-    model->performOpen();
+    open();
+    shown.clear();
+    model->performClose();
     model.reset();
     tasks.finish();
-    EXPECT_EQ(tools.calls().size(), 2U) << "the work itself goes on";
-    EXPECT_THAT(shown, ElementsAre(Status(-1, "Opening…")));
+    EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4")
+        << "the work itself goes on";
+    EXPECT_THAT(shown, ElementsAre(Status(-1, "Closing…")));
 }
 
 TEST_F(VaultViewModelTest, TheWindowMayGoWhileAThreadWorks) {
     ThreadTasks threads;
-    tools.play("hdiutil", "attach",
+    tools.play("hdiutil", "detach",
                "touch \"$here/begun\"; while [ ! -e \"$here/go\" ]; do sleep 0.01; done\n"
-               "cat \"$here/attached.plist\"");
+               "touch \"$here/closed\"");
     auto other = std::make_unique<VaultViewModel>(threads, panels);
     QSignalSpy changes(other.get(), &VaultViewModel::stateChanged);
-    other->openImageURL = itemURL;
-    other->openPassword = "secret";
-    other->performOpen();
+    other->openedMountPoint = "/volumes/Docs";
+    other->performClose();
     while (!fs::exists(tools.folder() / "begun"))
         std::this_thread::sleep_for(std::chrono::milliseconds(5));
     const auto before = changes.count();
@@ -208,7 +208,7 @@ TEST_F(VaultViewModelTest, TheWindowMayGoWhileAThreadWorks) {
     writeFile(tools.folder() / "go", "");
     threads.finish();
     EXPECT_EQ(changes.count(), before);
-    EXPECT_EQ(tools.commandLines().back(), "open " + tools.mountPoint());
+    EXPECT_TRUE(fs::exists(tools.folder() / "closed"));
 }
 
 TEST_F(VaultViewModelTest, ThreadsBringTheirResultBack) {
