@@ -126,6 +126,7 @@ public:
         case State::deleting:
         case State::unnamed:
         case State::named:
+            requirePassword();
             finish(state);
             return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
         case State::opened:
@@ -163,6 +164,11 @@ private:
     const Credential& credential() const {
         if (!credential_) throw VaultError::emptyPassword();
         return *credential_;
+    }
+
+    /// Before the item gets its name and there is nothing left to undo.
+    void requirePassword() const {
+        VaultEngine::passphrase(keyRecord(image_) ? image_ : item_, credential(), cancellation_);
     }
 
     void endNote() {

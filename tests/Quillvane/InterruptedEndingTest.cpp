@@ -1,4 +1,5 @@
 #include "Quillvane/KeyMetadata.h"
+#include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultError.h"
 #include "tests/Quillvane/InterruptedFixture.h"
 
@@ -100,6 +101,14 @@ TEST_F(InterruptedEndingTest, AnotherFolderInThePlaceOfTheDeletedOneStays) {
     finish();
     EXPECT_EQ(readFile(docs / "deep"), "deeper");
     EXPECT_EQ(readFile(item), "image");
+}
+
+TEST_F(InterruptedEndingTest, AWrongPasswordLeavesAnImageWithoutItsNameToBeUndone) {
+    protectUntilDeleted();
+    EXPECT_THROW(undo(password("wrong")), RecoveryError);
+    EXPECT_EQ(found().state, State::unnamed);
+    undo(password());
+    EXPECT_EQ(readFile(docs / "inner/deep"), "deeper");
 }
 
 TEST_F(InterruptedEndingTest, ANameThatIsTakenIsNotTakenAway) {
