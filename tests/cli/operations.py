@@ -127,7 +127,7 @@ class Protect(Interruptible):
     name = "protect"
     existing = ()
     leaves = ("Couldn't eject the volume.", "Your data is safe in the vault",
-              "Final rename failed.")
+              "Final rename failed.", 'Protecting "Docs" in ')
 
     def prepare(self):
         self.case.startWithFolder()
@@ -150,7 +150,8 @@ class Protect(Interruptible):
 
 class Remove(Interruptible):
     name = "remove"
-    leaves = ("Couldn't eject the volume.", "Your data is safe in the vault")
+    leaves = ("Couldn't eject the volume.", "Your data is safe in the vault",
+              f'Removing the protection of "{ITEM}" in ')
 
     def commands(self):
         return [[quillvane.QV, "remove", ITEM, "--stdin"]]
