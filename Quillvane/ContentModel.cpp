@@ -30,8 +30,9 @@ ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart,
     connect(&interrupted, &InterruptedFindings::changed, this, &ContentModel::changed);
     connect(&interrupted, &InterruptedFindings::ended, this, &ContentModel::tellEnding);
     connect(&interrupted, &InterruptedFindings::failed, this, &ContentModel::tellFailedEnding);
-    // What has failed may have left something that is better ended at once.
-    connect(&viewModel, &VaultViewModel::failed, &interrupted, &InterruptedFindings::lookBeside);
+    // It is told at the next operation in its directory, too; and what has failed just now may have
+    // left something that is better ended at once.
+    connect(&viewModel, &VaultViewModel::performed, &interrupted, &InterruptedFindings::lookBeside);
     connect(&smart, &SmartFolderManager::creationFailed, &interrupted,
             &InterruptedFindings::lookBeside);
     // A finished operation leaves no secret in the forms.

@@ -83,7 +83,7 @@ public:
 
     /// Looks for everything that was interrupted.
     Q_INVOKABLE void look();
-    /// Looks beside a folder or item with which something has failed just now.
+    /// Looks beside a folder or item with which something was done, or has failed, just now.
     void lookBeside(const Path& subject);
 
     /// These end the one that is told now. What needs no ending is only taken away.

@@ -111,7 +111,6 @@ void VaultViewModel::finishWithError(const std::exception_ptr& error) {
         wasCancelled = dynamic_cast<const OperationCancelled*>(&known) != nullptr;
     }
     emit stateChanged();
-    if (!subject_.empty()) emit failed(subject_);
 }
 
 void VaultViewModel::presentRecoveryKey(const VaultEngine::LockResult& result) {

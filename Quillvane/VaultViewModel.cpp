@@ -113,6 +113,7 @@ void VaultViewModel::performOpen() {
     const auto open =
         std::make_shared<Open>(Open{filePath(openImageURL), openCredential(), {}, std::nullopt});
     beginBusy(QStringLiteral("Opening…"));
+    subject_ = open->image;
     perform(
         [open, report = reporter(), cancellation = running_.cancellation()] {
             try {
@@ -172,6 +173,7 @@ void VaultViewModel::performChangePassword() {
     const auto change = std::make_shared<Change>(
         Change{filePath(changeImageURL), changeCredential(), secretOf(changeNewPassword)});
     beginBusy(QStringLiteral("Changing password…"));
+    subject_ = change->item;
     perform(
         [change, cancellation = running_.cancellation()] {
             VaultEngine::changePassword(change->item, change->current, change->newPassword,
@@ -211,6 +213,7 @@ void VaultViewModel::perform(BackgroundTasks::Work work, std::function<void()> f
                          finishWithError(error);
                      else
                          finish();
+                     if (!subject_.empty()) emit performed(subject_);
                  });
 }
 

@@ -147,9 +147,9 @@ public:
 signals:
     void formChanged();
     void stateChanged();
-    /// Protecting this folder, or removing the protection of this item, has failed, and may have
-    /// left something to be ended.
-    void failed(const std::filesystem::path& subject);
+    /// An operation on this folder or item has come to its end. In its directory there may be
+    /// something that was interrupted, or that it has left itself.
+    void performed(const std::filesystem::path& subject);
 
 private:
     enum class Cancellable { yes, no };

@@ -161,10 +161,10 @@ TEST(AccessTest, textsAreThereOnceAndTakeNoFocus) {
             SectionTitle { objectName: "title"; text: "Title" }
             BodyText { objectName: "body"; text: "Body" }
             StatusRow { systemImage: "folder"; text: "Row" }
-            StatusArea { errorMessage: "Failed"; successMessage: "" }
+            StatusArea { errorMessage: "Failed"; wasCancelled: false; successMessage: "" }
             StatusBar {
-                busy: false; fraction: -1; message: ""; encryption: "AES-256"; driveName: ""
-                implicitWidth: 400
+                busy: false; cancellable: false; committed: false; fraction: -1; message: ""
+                encryption: "AES-256"; driveName: ""; implicitWidth: 400
             }
         })");
     EXPECT_EQ(tree(window), "Heading Title\nStaticText Body\nStaticText Row\nPane Messages\n"

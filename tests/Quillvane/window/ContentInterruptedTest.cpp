@@ -59,6 +59,20 @@ TEST_F(ContentInterruptedTest, EndingIsAnOperationOfTheWindow) {
     EXPECT_TRUE(content.mayClose());
 }
 
+TEST_F(ContentInterruptedTest, IsToldAfterTheNextOperationInItsDirectory) {
+    interruptCopying();
+    writeFile(parent / "Other.quillvane", "image");
+    model->openImageURL = QUrl::fromLocalFile(QString::fromStdString(parent / "Other.quillvane"));
+    model->openPassword = "secret";
+    model->performOpen();
+    EXPECT_FALSE(interrupted.any());
+    tasks.finish();
+    looking.finish();
+    EXPECT_EQ(content.successMessage(),
+              "Opened. Work in the folder, then eject it to lock it again.");
+    EXPECT_TRUE(interrupted.text().startsWith("Protecting \"My Docs\" in "));
+}
+
 TEST_F(ContentInterruptedTest, WhatIsFinishedIsTold) {
     interruptAfterCopying();
     look();
@@ -188,9 +202,9 @@ TEST_F(ContentInterruptedTest, AFailedOperationIsLookedAfter) {
     model->removeImageURL = QUrl(docsURL.toString() + ".quillvane");
     model->performRemove();
     expectTold();
-    // Nothing of this kind is left by these.
-    model->openImageURL = QUrl(docsURL.toString() + ".quillvane");
-    model->performOpen();
+    // Closing is no occasion: what it closes was opened, and told of, before.
+    model->openedMountPoint = "/nowhere";
+    model->performClose();
     tasks.finish();
     EXPECT_TRUE(looking.started.empty());
 }
