@@ -2,11 +2,15 @@
 
 #include "DurableFile.h"
 #include "ErrorText.h"
+#include "HeldFile.h"
 #include "ItemPath.h"
 #include "KeyMetadata.h"
 #include "KeyStore.h"
+#include "OpenVolume.h"
+#include "OperationCancelled.h"
 #include "Platform.h"
 #include "ProcessRunner.h"
+#include "RecoveryError.h"
 #include "TreeComparison.h"
 #include "VaultEngine.h"
 #include "VaultError.h"
@@ -45,39 +49,6 @@ std::string namesOf(const Differences& differences) {
     return others == 0 ? text : text + " and " + std::to_string(others) + " more";
 }
 
-/// The volume in an image while the object lives.
-class OpenVolume {
-public:
-    OpenVolume(const Path& image, const std::optional<Credential>& credential)
-        : info_(open(image, credential)) {}
-    ~OpenVolume() {
-        if (!isOpen_) return;
-        try {
-            VaultEngine::detach(info_);
-        } catch (const std::exception&) {
-            return; // an error that brought us here is the one to tell
-        }
-    }
-    OpenVolume(const OpenVolume&) = delete;
-    OpenVolume& operator=(const OpenVolume&) = delete;
-
-    Path root() const { return info_.mountPoint; }
-    void close() {
-        isOpen_ = false;
-        VaultEngine::detach(info_);
-    }
-
-private:
-    static MountInfo open(const Path& image, const std::optional<Credential>& credential) {
-        if (!credential) throw VaultError::emptyPassword();
-        const Secret line = VaultEngine::passwordData(VaultEngine::passphrase(image, *credential));
-        return VaultEngine::attach(image, line, /*browsable=*/false);
-    }
-
-    MountInfo info_;
-    bool isOpen_ = true;
-};
-
 /// One that was interrupted, taken over.
 class Ending {
 public:
@@ -109,6 +80,7 @@ public:
         case State::restored:
             return deleteItem();
         case State::keyFileLeft:
+            commit();
             DurableFile::remove(KeyStore::path(item_));
             endNote();
             return {folder_, {}};
@@ -119,14 +91,16 @@ public:
 
     Outcome undo(State state) {
         switch (state) {
-        case State::unfinished:
         case State::copied:
+            requireWholeFolder();
+            [[fallthrough]];
+        case State::unfinished:
             dropImage();
             return {folder_, "What was left is cleared away. The folder is as it was."};
         case State::deleting:
         case State::unnamed:
         case State::named:
-            requirePassword();
+            requirePassword(state);
             finish(state);
             return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
         case State::opened:
@@ -137,27 +111,11 @@ public:
         case State::restored:
             return dropFolder(state);
         case State::keyFileLeft:
-            throw InterruptedWorkError("The item is gone already. Protect " +
-                                       inQuotes(contents_.folder) + " again.");
+            endNote();
+            return {{}, "The key file stays."};
         default:
             return forget();
         }
-    }
-
-    /// Deletes the item of a restored folder if the folder still has everything.
-    Outcome finishIfWhole() {
-        closeVolume(item_, Force::no);
-        OpenVolume volume(item_, credential_);
-        const Differences lacking =
-            TreeComparison::compare(volume.root(), folder_, Files::finished, cancellation_);
-        volume.close();
-        // The root of a volume need not be able to keep everything that a folder can.
-        const bool onlyRoot = lacking.count == 1 && lacking.first.front().empty();
-        if (lacking.count == 0 || onlyRoot) return deleteItem();
-        throw InterruptedWorkError(
-            inQuotes(contents_.folder) + " was changed since its protection was removed: " +
-            namesOf(lacking) + ". Finish the removal to keep the folder as it is and delete " +
-            inQuotes(contents_.item) + ", or undo it to keep the item.");
     }
 
 private:
@@ -167,8 +125,21 @@ private:
     }
 
     /// Before the item gets its name and there is nothing left to undo.
-    void requirePassword() const {
-        VaultEngine::passphrase(keyRecord(image_) ? image_ : item_, credential(), cancellation_);
+    void requirePassword(State state) const {
+        // The item's may have been changed since.
+        const bool named = state == State::named && keyRecord(item_);
+        VaultEngine::passphrase(named ? item_ : image_, credential(), cancellation_);
+    }
+
+    /// What comes now cannot be cancelled, unless more that can be follows it.
+    void commit() {
+        if (cancellation_ == nullptr) return;
+        if (goesOn_) {
+            if (cancellation_->requested()) throw OperationCancelled();
+            return;
+        }
+        cancellation_->commit();
+        cancellable_ = false;
     }
 
     void endNote() {
@@ -182,7 +153,7 @@ private:
         return {{}, "There is nothing left to be ended; it won't be told again."};
     }
 
-    void say(const char* message) const { progress_({std::nullopt, message}); }
+    void say(const char* message) const { progress_({std::nullopt, message, cancellable_}); }
 
     enum class Force { yes, no };
 
@@ -216,14 +187,31 @@ private:
     /// is found again by its name.
     void dropImage() {
         closeVolume(image_, Force::yes);
+        commit();
+        note_.reach(Step::dropping);
         DurableFile::remove(image_);
         DurableFile::remove(KeyStore::path(image_));
         endNote();
     }
 
+    /// The folder may have been worked in since, and what was changed in it is the user's; but who
+    /// deletes something may rely on the encrypted copy.
+    void requireWholeFolder() const {
+        closeVolume(image_, Force::yes);
+        OpenVolume volume(image_, credential_, cancellation_);
+        say("Comparing the folder with its encrypted copy…");
+        const Differences lacking =
+            TreeComparison::compare(volume.root(), folder_, Files::any, cancellation_);
+        volume.close();
+        if (lacking.count > 0)
+            throw InterruptedWorkError(inQuotes(contents_.folder) + " no longer has " +
+                                       namesOf(lacking) +
+                                       ". Finish this, which keeps the encrypted copy.");
+    }
+
     void deleteOriginal(State state) {
         closeVolume(image_, Force::yes);
-        OpenVolume volume(image_, credential_);
+        OpenVolume volume(image_, credential_, cancellation_);
         say("Comparing the folder with its encrypted copy…");
         if (state == State::copied) {
             requireNone(
@@ -232,9 +220,11 @@ private:
             if (::lstat(image_.c_str(), &image) != 0)
                 throw fs::filesystem_error("cannot look at", image_,
                                            std::error_code(errno, std::generic_category()));
+            commit();
             secureImage();
             note_.reach(Step::deleting, image.st_ino);
         }
+        commit();
         say("Deleting the original folder…");
         requireNone(TreeComparison::removeAlike(folder_, volume.root(), Files::finished));
         volume.close();
@@ -255,10 +245,12 @@ private:
             " holds what is not so in the encrypted copy: " + namesOf(differences) +
             (note_.contents().step(Step::deleting)
                  ? ". Move it to another folder, then finish."
-                 : ". Undo this, which keeps the folder, and protect it again."));
+                 : ". Move it to another folder, then finish; or undo this, which keeps the "
+                   "folder, and protect it again."));
     }
 
     Outcome giveName() {
+        commit();
         say("Finalizing the encrypted item…");
         closeVolume(image_, Force::yes);
         if (fs::exists(fs::symlink_status(item_))) throw VaultError::alreadyLocked(contents_.item);
@@ -285,33 +277,69 @@ private:
     Outcome endNamed() {
         // The password may have been changed since: the item's own key file is the newer one.
         if (!keyRecord(item_)) giveKeyFile();
-        DurableFile::remove(KeyStore::path(image_));
+        // Where files get other numbers at each mount it may be another's.
+        if (isNotedImage(item_) || KeyStore::read(image_) == KeyStore::read(item_))
+            DurableFile::remove(KeyStore::path(image_));
         endNote();
-        return {item_, "Your password opens " + inQuotes(contents_.item) +
-                           ". To get a recovery key, remove the protection and protect the "
-                           "folder again."};
+        std::string message = "Your password opens " + inQuotes(contents_.item) +
+                              ". To get a recovery key, remove the protection and protect the "
+                              "folder again.";
+        if (fs::exists(fs::symlink_status(folder_)))
+            message += " " + inQuotes(contents_.folder) +
+                       " beside it is another folder, and stays as it is.";
+        return {item_, message};
+    }
+
+    bool isNotedImage(const Path& file) const {
+        struct stat status {};
+        const auto inode = note_.contents().step(Step::deleting);
+        return ::lstat(file.c_str(), &status) == 0 && (!inode || status.st_ino == *inode);
     }
 
     Outcome removeAnew(State state) {
+        goesOn_ = true;
         const Outcome undone = undo(state);
         if (fs::exists(fs::symlink_status(folder_))) throw InterruptedWorkError(undone.message);
         return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
     }
 
+    /// Deletes the item of a restored folder if it has nothing that the folder has not: either may
+    /// have been worked in since.
     Outcome deleteItem() {
         closeVolume(item_, Force::no);
+        requireNothingElseInItem();
+        const HeldFile held(item_);
+        if (!Platform::reserveImage(held.fd()))
+            throw InterruptedWorkError(inQuotes(contents_.item) + " is open. Close it first.");
+        commit();
         DurableFile::remove(item_);
         DurableFile::remove(KeyStore::path(item_));
         endNote();
         return {folder_, {}};
     }
 
+    void requireNothingElseInItem() const {
+        OpenVolume volume(item_, credential_, cancellation_);
+        say("Comparing the item with the folder…");
+        const Differences lacking =
+            TreeComparison::compare(volume.root(), folder_, Files::finished, cancellation_);
+        volume.close();
+        // The root of a volume need not be able to keep everything that a folder can.
+        const bool onlyRoot = lacking.count == 1 && lacking.first.front().empty();
+        if (lacking.count > 0 && !onlyRoot)
+            throw InterruptedWorkError(inQuotes(contents_.item) + " has what is not so in " +
+                                       inQuotes(contents_.folder) + ": " + namesOf(lacking) +
+                                       ". Both stay: look at them, and delete yourself what you "
+                                       "don't need.");
+    }
+
     /// Undoes a removal: of the folder everything goes that is in the item as well.
     Outcome dropFolder(State state) {
-        closeVolume(item_, Force::yes);
+        closeVolume(item_, Force::no);
         Differences left;
         if (::rmdir(folder_.c_str()) != 0) {
-            OpenVolume volume(item_, credential_);
+            OpenVolume volume(item_, credential_, cancellation_);
+            commit();
             say("Comparing the folder with the item…");
             note_.reach(Step::undoing); // from here on the item must not be deleted
             left = TreeComparison::removeAlike(folder_, volume.root(),
@@ -334,6 +362,8 @@ private:
     const std::optional<Credential>& credential_;
     const ProgressCallback& progress_;
     Cancellation* cancellation_;
+    bool cancellable_ = true;
+    bool goesOn_ = false; ///< what is undone is only the first half
 };
 
 Ending takeOver(const Found& found, const std::optional<Credential>& credential,
@@ -370,25 +400,34 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
     return takeOver(found, credential, progress, cancellation).undo(found.state);
 }
 
-void makeWayToProtect(const Path& folder) {
+void makeWayToProtect(const Path& folder, const Credential& credential,
+                      Cancellation* cancellation) {
     for (const Found& found : findAt(folder, OperationNote::Operation::protect)) {
-        if (found.state == State::deleting || found.state == State::unnamed ||
-            found.state == State::imageMissing)
+        switch (found.state) {
+        case State::named: // a recovery key that may not have been shown is still worth telling
+            continue;
+        case State::deleting:
+        case State::unnamed:
+        case State::imageMissing:
             throw InterruptedWorkError(text(found));
-        // A recovery key that may not have been shown is still worth telling.
-        if (found.state != State::named) undo(found, std::nullopt, silent);
+        default:
+            break;
+        }
+        try {
+            undo(found, credential, silent, cancellation);
+        } catch (const RecoveryError&) {
+            throw InterruptedWorkError(text(found)); // its password is another
+        }
     }
 }
 
 std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
                                     Cancellation* cancellation) {
     for (const Found& found : findAt(item, OperationNote::Operation::remove)) {
-        if (found.state == State::restored) {
-            const std::optional<Credential> given = credential;
-            return takeOver(found, given, silent, cancellation).finishIfWhole().result;
-        }
+        if (found.state == State::restored)
+            return finish(found, credential, silent, cancellation).result;
         if (found.state == State::opened || found.state == State::incomplete)
-            undo(found, credential, silent);
+            undo(found, credential, silent, cancellation);
     }
     return std::nullopt;
 }

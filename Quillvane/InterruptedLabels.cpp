@@ -14,6 +14,8 @@ std::string finishLabel(const Found& found) {
     case State::incomplete:
     case State::restored:
         return "Finish removing";
+    case State::keyFileLeft:
+        return "Delete the key file";
     case State::imageMissing:
     case State::itemMissing:
         return "Don't tell again"; // what is missing may turn up
@@ -37,13 +39,15 @@ std::string undoLabel(const Found& found) {
         return "Delete the incomplete folder";
     case State::restored:
         return "Keep it protected";
+    case State::keyFileLeft:
+        return "Keep the key file";
     default:
         return {};
     }
 }
 
 bool isChoice(const Found& found) noexcept {
-    return canBeEnded(found) && found.state != State::named && found.state != State::keyFileLeft;
+    return canBeEnded(found) && found.state != State::named;
 }
 
 } // namespace InterruptedWork

@@ -35,7 +35,17 @@ bool isDirectoryWithInode(const Path& path, std::uint64_t inode) {
     return status && S_ISDIR(status->st_mode) && status->st_ino == inode;
 }
 
+bool isDirectory(const Path& path) {
+    const auto status = statusOf(path);
+    return status && S_ISDIR(status->st_mode);
+}
+
 /// A link counts too: an item may be given by one.
+bool isNoDirectory(const Path& path) {
+    const auto status = statusOf(path);
+    return status && !S_ISDIR(status->st_mode);
+}
+
 bool isFileWithInode(const Path& path, std::uint64_t inode) {
     const auto status = statusOf(path);
     return status && !S_ISDIR(status->st_mode) && status->st_ino == inode;
@@ -57,33 +67,53 @@ bool isThere(const Contents& contents) {
     return isDirectoryWithInode(contents.directory, contents.directoryInode);
 }
 
+// Numbers of files cannot be relied on where another is given at each mount (FAT, some file systems
+// in user space): the working image is known by its name, which was made for it alone, and of a
+// removal whatever has the names is told. What is deleted in the end is compared before.
+
 std::optional<State> stateOfProtection(const Contents& contents) {
     const Path image = contents.directory / contents.image;
     const Path item = contents.directory / contents.item;
     if (contents.step(Step::shown)) return std::nullopt;
     if (contents.step(Step::done))
         return anythingAt(item) ? std::optional(State::named) : std::nullopt;
+    const bool hasFolder =
+        isDirectoryWithInode(contents.directory / contents.folder, contents.originalInode);
+    const bool hasImage = isOwnFile(image) && hasKeyFile(image);
     const auto imageInode = contents.step(Step::deleting);
-    if (!imageInode) {
+    if (!imageInode || contents.step(Step::dropping)) {
         if (!isOwnFile(image)) return std::nullopt;
-        return hasKeyFile(image) ? State::copied : State::unfinished;
+        if (!hasImage) return State::unfinished;
+        return hasFolder ? State::copied : State::unnamed;
     }
     if (isFileWithInode(item, *imageInode)) return State::named;
-    if (!isFileWithInode(image, *imageInode)) return State::imageMissing;
-    const Path folder = contents.directory / contents.folder;
-    return isDirectoryWithInode(folder, contents.originalInode) ? State::deleting : State::unnamed;
+    if (hasImage || isFileWithInode(image, *imageInode))
+        return hasFolder ? State::deleting : State::unnamed;
+    if (!anythingAt(image) && isOwnFile(item) && hasKeyFile(item)) return State::named;
+    return State::imageMissing;
+}
+
+/// The item may have been renamed: then its password needs the key file.
+bool isRenamed(const Contents& contents) {
+    std::error_code error;
+    for (fs::directory_iterator entry(contents.directory, error), end; !error && entry != end;
+         entry.increment(error))
+        if (isFileWithInode(entry->path(), contents.originalInode)) return true;
+    return false;
 }
 
 std::optional<State> stateOfRemoval(const Contents& contents) {
     const Path item = contents.directory / contents.item;
     const Path folder = contents.directory / contents.folder;
-    const bool hasItem = isFileWithInode(item, contents.originalInode);
-    const auto made = contents.step(Step::made);
-    const bool hasFolder = made && isDirectoryWithInode(folder, *made);
+    const bool made = contents.step(Step::made).has_value();
     const bool copied = contents.step(Step::copied) && !contents.step(Step::undoing);
+    const bool hasItem = isNoDirectory(item);
+    const bool hasFolder = made && isDirectory(folder);
     if (copied && hasFolder && hasItem) return State::restored;
     if (copied && !anythingAt(item))
-        return anythingAt(KeyStore::path(item)) ? std::optional(State::keyFileLeft) : std::nullopt;
+        return anythingAt(KeyStore::path(item)) && !isRenamed(contents)
+                   ? std::optional(State::keyFileLeft)
+                   : std::nullopt;
     if (hasFolder && !copied) return hasItem ? State::incomplete : State::itemMissing;
     // It may have been made just before it could be noted.
     if (!made && hasItem && VaultEngine::isDirectoryEmpty(folder)) return State::incomplete;
@@ -91,15 +121,17 @@ std::optional<State> stateOfRemoval(const Contents& contents) {
     return std::nullopt;
 }
 
-/// The key to an image that is gone opens nothing: the image's name was made for it alone. One that
-/// has become the item has another key file by then. Whether nothing is left to be dropped.
+/// The key to an image that we began to delete opens nothing, and one that has become the item has
+/// another key file by then; any other image may only have been moved. Whether nothing is left to
+/// be dropped.
 bool dropWorkingKeyFile(const Contents& contents) {
     if (contents.image.empty()) return true;
     const Path image = contents.directory / contents.image;
     const Path item = contents.directory / contents.item;
     const auto imageInode = contents.step(Step::deleting);
     if (anythingAt(image) || !anythingAt(KeyStore::path(image))) return true;
-    if (imageInode && !(isFileWithInode(item, *imageInode) && hasKeyFile(item))) return true;
+    const bool named = imageInode && isFileWithInode(item, *imageInode) && hasKeyFile(item);
+    if (!named && !contents.step(Step::dropping)) return true;
     DurableFile::syncDirectory(contents.directory); // or a crash may bring the image back
     KeyStore::remove(image);
     return !anythingAt(KeyStore::path(image));
@@ -161,7 +193,7 @@ std::string textOfProtection(const Found& found) {
     if (found.state == State::unfinished)
         return begin + ". The folder is as it was; nothing is protected yet.";
     if (found.state == State::copied)
-        return begin + ". The folder is whole, and so is its encrypted copy.";
+        return begin + ". The folder was whole then, and so was its encrypted copy.";
     if (found.state == State::deleting)
         return begin + " while the original was being deleted. Everything is in the encrypted "
                        "copy, which your password opens; the folder may hold only a part.";
@@ -192,7 +224,9 @@ std::string textOfRemoval(const Found& found) {
         return begin + ", and the item is no longer there. The folder " +
                inQuotes(contents.folder) + " may hold only a part of it.";
     return "The protection of " + inQuotes(contents.folder) + " in " + contents.directory.string() +
-           " was removed; only its key file was left.";
+           " was removed; only the item's key file was left. If you have moved the item, keep the "
+           "key "
+           "file: its password needs it.";
 }
 
 } // namespace
@@ -245,12 +279,14 @@ bool canBeEnded(const Found& found) noexcept {
 
 bool finishNeedsSecret(const Found& found) {
     return found.state == State::copied || found.state == State::deleting ||
-           found.state == State::opened || found.state == State::incomplete;
+           found.state == State::opened || found.state == State::incomplete ||
+           found.state == State::restored;
 }
 
 bool undoNeedsSecret(const Found& found) {
     const Path directory = found.contents.directory;
     switch (found.state) {
+    case State::copied:
     case State::deleting:
     case State::unnamed:
     case State::named:

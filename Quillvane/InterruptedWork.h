@@ -89,11 +89,13 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
              const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
 /// Before a folder is protected: clears away what an interrupted attempt left beside it. Throws
-/// `InterruptedWorkError` when the folder had begun to be deleted.
-void makeWayToProtect(const Path& folder);
+/// `InterruptedWorkError` when the folder had begun to be deleted, or no longer has what is in a
+/// whole encrypted copy, which `credential` has to open.
+void makeWayToProtect(const Path& folder, const Credential& credential,
+                      Cancellation* cancellation = nullptr);
 /// Before a protection is removed: clears away what an interrupted attempt left; or finishes that,
-/// if only the item was left to delete and the folder still has everything, and returns the folder.
-/// Throws `InterruptedWorkError` when the folder was changed since.
+/// if only the item was left to delete and has nothing that the folder has not, and returns the
+/// folder. Throws `InterruptedWorkError` when it has.
 std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
                                     Cancellation* cancellation = nullptr);
 

@@ -27,7 +27,8 @@ using Contents = OperationNote::Contents;
 using Step = OperationNote::Step;
 
 constexpr const char* extension = ".note";
-constexpr std::array stepWords{"deleting", "done", "made", "copied", "undoing", "shown"};
+constexpr std::array stepWords{"deleting", "done",     "made", "copied",
+                               "undoing",  "dropping", "shown"};
 constexpr int currentVersion = 1;
 
 [[noreturn]] void fail(const char* what, const fs::path& path) {

@@ -33,6 +33,7 @@ public:
         made,     ///< the folder was made; with its inode
         copied,   ///< the folder is whole and on the disk; the item begins to be deleted
         undoing,  ///< the folder is whole no longer: it begins to be deleted again
+        dropping, ///< the image is not needed: it begins to be deleted, with its key file
         shown     ///< the recovery key was shown; what else was left is not the user's concern
     };
 

@@ -16,14 +16,15 @@
 /// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
 /// followed, and other file systems not entered.
 ///
-/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile, and
-/// when the reference cannot be opened.
+/// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile,
+/// and when the reference cannot be opened.
 namespace TreeComparison {
 
 /// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte
 /// which is not zero is that of the other file, and of anything no more than that it has no
 /// attributes and grants no rights that the other does not.
-enum class Files { finished, unfinished };
+/// With `any` all that counts is that an entry of the same kind is there.
+enum class Files { finished, unfinished, any };
 
 /// What of the tree is not alike in the other, relative to the tree.
 struct Differences {

@@ -234,9 +234,19 @@ private:
             progress_.commit();
             noteDeletion();
         } catch (...) {
+            noteDropping();
             KeyStore::remove(image_);
             removeImage();
             throw;
+        }
+    }
+
+    /// Lets a key file that should stay alone be told from one whose image was moved.
+    void noteDropping() {
+        try {
+            note_->reach(OperationNote::Step::dropping);
+        } catch (const fs::filesystem_error&) {
+            return; // best effort: then it is left
         }
     }
 
@@ -370,7 +380,7 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
     const Path folder = itemPath(folderURL);
     if (folder == folder.root_path() || Platform::isPackageOrVolumeRoot(folder))
         throw VaultError::sourceIsPackageOrHidden();
-    InterruptedWork::makeWayToProtect(folder);
+    InterruptedWork::makeWayToProtect(folder, Credential::password(password), cancellation);
     LockOperation operation(folder, vaultKey, std::move(record), filesystem, progress,
                             cancellation);
     std::string leftBehind = operation.run();

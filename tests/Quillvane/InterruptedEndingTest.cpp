@@ -28,7 +28,9 @@ TEST_F(InterruptedEndingTest, AnUnfinishedImageIsClearedAway) {
 TEST_F(InterruptedEndingTest, ACopiedFolderIsKeptOrProtected) {
     protectUntilCopied();
     EXPECT_EQ(found().state, State::copied);
-    undo();
+    EXPECT_TRUE(InterruptedWork::undoNeedsSecret(found()));
+    EXPECT_THROW(undo(password("wrong")), RecoveryError);
+    undo(password());
     expectOnlyFolder();
     protectUntilCopied();
     EXPECT_TRUE(InterruptedWork::finishNeedsSecret(found()));
@@ -40,11 +42,57 @@ TEST_F(InterruptedEndingTest, AFolderThatChangedSinceIsNotDeleted) {
     protectUntilCopied();
     writeFile(docs / "inner/new", "x");
     EXPECT_EQ(refusal([this] { finish(password()); }),
-              "\"Docs\" holds what is not so in the encrypted copy: \"inner/new\". Undo this, "
-              "which keeps the folder, and protect it again.");
+              "\"Docs\" holds what is not so in the encrypted copy: \"inner/new\". Move it to "
+              "another folder, then finish; or undo this, which keeps the folder, and protect it "
+              "again.");
     EXPECT_EQ(readFile(docs / "file"), "contents");
     EXPECT_EQ(found().state, State::copied);
     EXPECT_EQ(tools.commandLines().back(), "hdiutil detach /dev/disk4");
+}
+
+TEST_F(InterruptedEndingTest, AnImageIsNotGivenUpForAFolderThatLacksSomething) {
+    protectUntilCopied();
+    writeFile(docs / "file", "what I write in it is mine");
+    fs::remove(docs / "inner/deep");
+    EXPECT_EQ(
+        refusal([this] { undo(password()); }),
+        "\"Docs\" no longer has \"inner/deep\". Finish this, which keeps the encrypted copy.");
+    EXPECT_EQ(
+        refusal([this] { InterruptedWork::makeWayToProtect(docs, *password()); }),
+        "\"Docs\" no longer has \"inner/deep\". Finish this, which keeps the encrypted copy.");
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs, *password("another")); }),
+                HasSubstr("The folder was whole then, and so was its encrypted copy."));
+    EXPECT_EQ(readFile(image), "image");
+    writeFile(docs / "inner/deep", "");
+    undo(password());
+    EXPECT_EQ(readFile(docs / "file"), "what I write in it is mine");
+    EXPECT_THAT(names(), testing::ElementsAre("Docs"));
+}
+
+TEST_F(InterruptedEndingTest, AnImageWhoseFolderWasDeletedIsKept) {
+    protectUntilCopied();
+    fs::remove_all(docs);
+    EXPECT_EQ(found().state, State::unnamed);
+    EXPECT_EQ(finish().result, item);
+    expectOnlyItem();
+}
+
+TEST_F(InterruptedEndingTest, DeletingIsNotCancelled) {
+    protectUntilCopied();
+    Cancellation cancellation;
+    bool heard = true;
+    bool cancellable = true;
+    InterruptedWork::finish(
+        found(), password(),
+        [&](const Progress& progress) {
+            if (!progress.message.starts_with("Deleting")) return;
+            cancellable = progress.cancellable;
+            heard = cancellation.request();
+        },
+        &cancellation);
+    EXPECT_FALSE(heard);
+    EXPECT_FALSE(cancellable);
+    expectOnlyItem();
 }
 
 TEST_F(InterruptedEndingTest, AWrongPasswordChangesNothing) {
@@ -195,11 +243,11 @@ TEST_F(InterruptedEndingTest, AnIncompleteFolderIsRestoredAnew) {
 TEST_F(InterruptedEndingTest, ARestoredFolderLosesItsItem) {
     removeUntilMade(/*copied=*/true);
     EXPECT_EQ(found().state, State::restored);
-    EXPECT_FALSE(InterruptedWork::finishNeedsSecret(found()));
-    writeFile(docs / "file", "contents"); // it may have been worked in
-    EXPECT_EQ(finish().result, docs);
+    EXPECT_TRUE(InterruptedWork::finishNeedsSecret(found()));
+    writeFile(docs / "new", "it may have been worked in");
+    EXPECT_EQ(finish(password()).result, docs);
+    fs::remove(docs / "new");
     expectOnlyFolder();
-    EXPECT_TRUE(tools.calls().empty());
 }
 
 TEST_F(InterruptedEndingTest, ARestoredFolderIsGivenUpAgain) {
@@ -213,7 +261,11 @@ TEST_F(InterruptedEndingTest, AKeyFileGoesOnlyWhenAsked) {
     fs::remove(item);
     EXPECT_EQ(found().state, State::keyFileLeft);
     EXPECT_TRUE(fs::exists(KeyStore::path(item)));
-    EXPECT_EQ(refusal([this] { undo(); }), "The item is gone already. Protect \"Docs\" again.");
+    undo();
+    EXPECT_TRUE(tools.notes().empty());
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+    removeUntilMade(/*copied=*/true);
+    fs::remove(item);
     finish();
     expectOnlyFolder();
 }
@@ -241,17 +293,17 @@ TEST_F(InterruptedEndingTest, WhatChangedSinceItWasFoundIsNotEnded) {
 
 TEST_F(InterruptedEndingTest, ProtectingAgainClearsAwayOrRefuses) {
     protectUntilCopied();
-    InterruptedWork::makeWayToProtect(docs);
+    InterruptedWork::makeWayToProtect(docs, *password());
     expectOnlyFolder();
     protectUntilDeleting();
-    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs); }),
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs, *password()); }),
                 HasSubstr("while the original was being deleted"));
     EXPECT_EQ(readFile(image), "image");
     fs::rename(image, parent / "elsewhere");
-    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs); }),
+    EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs, *password()); }),
                 HasSubstr("is no longer there"));
     fs::rename(parent / "elsewhere", image);
-    InterruptedWork::makeWayToProtect(parent / "Other");
+    InterruptedWork::makeWayToProtect(parent / "Other", *password());
     EXPECT_EQ(found().state, State::deleting);
 }
 
@@ -263,7 +315,7 @@ TEST_F(InterruptedEndingTest, RemovingAgainClearsAwayOrFinishes) {
     fs::create_directory(docs);
     removeUntilMade(/*copied=*/true);
     EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToRemove(item, *password()); }),
-                HasSubstr("\"Docs\" was changed since its protection was removed: "));
+                HasSubstr("\"Docs.quillvane\" has what is not so in \"Docs\": "));
     EXPECT_EQ(readFile(item), "image");
     EXPECT_EQ(found().state, State::restored);
     copy(volume, docs);

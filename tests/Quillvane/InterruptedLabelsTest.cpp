@@ -27,13 +27,12 @@ TEST(InterruptedLabelsTest, SayWhatBecomesOfARemoval) {
     EXPECT_EQ(labels(State::opened), "Finish removing|Close the item");
     EXPECT_EQ(labels(State::incomplete), "Finish removing|Delete the incomplete folder");
     EXPECT_EQ(labels(State::restored), "Finish removing|Keep it protected");
+    EXPECT_EQ(labels(State::keyFileLeft), "Delete the key file|Keep the key file");
 }
 
 TEST(InterruptedLabelsTest, WhatIsOnlyToldIsNoChoice) {
-    for (const State state : {State::named, State::keyFileLeft}) {
-        EXPECT_EQ(labels(state), "OK|");
-        EXPECT_FALSE(InterruptedWork::isChoice(noted(state)));
-    }
+    EXPECT_EQ(labels(State::named), "OK|");
+    EXPECT_FALSE(InterruptedWork::isChoice(noted(State::named)));
     for (const State state : {State::strayImage, State::strayOpenable}) {
         EXPECT_EQ(labels(state), "OK|");
         EXPECT_FALSE(InterruptedWork::isChoice({state, {}, {}}));

@@ -19,8 +19,11 @@ TEST_F(InterruptedWorkTest, NothingWasInterrupted) {
 }
 
 TEST_F(InterruptedWorkTest, ANoteOfWhatLeftNothingGoesSilently) {
-    begin(Operation::protect);
-    writeKeyFile(image); // and so does the key of an image that is gone
+    {
+        auto note = begin(Operation::protect);
+        note.reach(OperationNote::Step::dropping);
+    }
+    writeKeyFile(image); // and so does the key of an image that was given up
     EXPECT_TRUE(InterruptedWork::find().empty());
     expectOnlyFolder();
 }
@@ -97,9 +100,35 @@ TEST_F(InterruptedWorkTest, AnotherItemOfThatNameIsLeftAlone) {
     removeUntilMade(/*copied=*/true);
     writeFile(parent / "newer", "newer");
     fs::rename(parent / "newer", item);
-    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    writeFile(volume / "what is new", "x");
+    EXPECT_EQ(found().state, State::restored);
+    EXPECT_EQ(
+        refusal([this] { finish(password()); }),
+        "\"Docs.quillvane\" has what is not so in \"Docs\": \"what is new\". Both stay: look at "
+        "them, and delete yourself what you don't need.");
     EXPECT_EQ(readFile(item), "newer");
     EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+}
+
+TEST_F(InterruptedWorkTest, AnImageThatWasMovedKeepsItsKeyFile) {
+    protectUntilCopied();
+    fs::rename(image, item);
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    EXPECT_TRUE(fs::exists(KeyStore::path(image)));
+}
+
+TEST_F(InterruptedWorkTest, AnItemThatWasRenamedKeepsItsKeyFile) {
+    removeUntilMade(/*copied=*/true);
+    fs::rename(item, parent / "Kept.quillvane");
+    EXPECT_TRUE(InterruptedWork::findIn(parent.path()).empty());
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+}
+
+TEST_F(InterruptedWorkTest, AnImageIsKnownByItsName) {
+    protectUntilDeleting();
+    writeFile(parent / "copy", "image");
+    fs::rename(parent / "copy", image);
+    EXPECT_EQ(found().state, State::deleting);
 }
 
 TEST_F(InterruptedWorkTest, ImagesWithoutANoteAreToldAndNeverTouched) {

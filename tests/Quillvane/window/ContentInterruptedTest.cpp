@@ -115,6 +115,8 @@ TEST_F(ContentInterruptedTest, WhatIsCleanedUpIsNotChosen) {
 TEST_F(ContentInterruptedTest, ARemovalThatIsFinishedIsToldAsOne) {
     writeFile(item, "image");
     fs::create_directory(parent / "Item");
+    fs::remove_all(tools.mountPoint());
+    fs::create_directory(tools.mountPoint());
     OperationNote::Contents contents;
     contents.operation = OperationNote::Operation::remove;
     contents.directory = parent.path();
@@ -129,6 +131,7 @@ TEST_F(ContentInterruptedTest, ARemovalThatIsFinishedIsToldAsOne) {
     }
     look();
     model->removeImageURL = itemURL;
+    interrupted.password = "secret";
     interrupted.finish();
     tasks.finish();
     EXPECT_EQ(model->mode, Mode::remove);

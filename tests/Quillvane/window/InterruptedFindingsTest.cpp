@@ -70,21 +70,21 @@ TEST_F(InterruptedFindingsTest, LooksInTheBackground) {
     EXPECT_EQ(told.count(), 1);
     EXPECT_EQ(findings.text().toStdString(),
               "Protecting \"Docs\" in " + parent.path().string() +
-                  " was interrupted. The folder is whole, and so is its encrypted copy.");
+                  " was interrupted. The folder was whole then, and so was its encrypted copy.");
     EXPECT_EQ(findings.finishLabel(), "Finish protecting");
     EXPECT_EQ(findings.undoLabel(), "Keep the folder");
     EXPECT_TRUE(findings.isProtection());
     EXPECT_TRUE(findings.isChoice());
     EXPECT_TRUE(findings.needsSecret());
-    EXPECT_EQ(findings.hint(), "“Keep the folder” needs no password.");
+    EXPECT_EQ(findings.hint(), "");
 }
 
 TEST_F(InterruptedFindingsTest, TheOtherButtonMayNeedTheSecret) {
-    removeUntilMade(/*copied=*/true);
+    protectUntilDeleted();
     look();
-    EXPECT_FALSE(findings.isProtection());
+    EXPECT_TRUE(findings.isProtection());
     EXPECT_TRUE(findings.needsSecret());
-    EXPECT_EQ(findings.hint(), "“Finish removing” needs no password.");
+    EXPECT_EQ(findings.hint(), "“Finish protecting” needs no password.");
     findings.submit(); // the field is not for finishing
     EXPECT_TRUE(tasks.started.empty());
 }
@@ -183,15 +183,19 @@ TEST_F(InterruptedFindingsTest, FinishesWithTheRecoveryKey) {
 }
 
 TEST_F(InterruptedFindingsTest, UndoesWithoutASecret) {
-    protectUntilCopied();
+    fs::remove_all(docs);
+    fs::create_directory(docs);
+    removeUntilMade(/*copied=*/false);
     look();
+    EXPECT_FALSE(findings.isProtection());
+    EXPECT_EQ(findings.hint(), "“Delete the incomplete folder” needs no password.");
     type("not even right");
     findings.undo();
     tasks.finish();
     expectNone();
     ASSERT_EQ(endings.size(), 1U);
     EXPECT_FALSE(endings[0].finished);
-    expectOnlyFolder();
+    expectOnlyItem();
 }
 
 TEST_F(InterruptedFindingsTest, ASecretThatIsNeededIsAskedForAtOnce) {
@@ -254,7 +258,7 @@ TEST_F(InterruptedFindingsTest, AFailureIsToldAsItStandsNow) {
 TEST_F(InterruptedFindingsTest, WhatIsGoneMeanwhileIsNotTriedAgain) {
     protectUntilCopied();
     look();
-    undo(); // in another program
+    undo(password()); // in another program
     const QSignalSpy failed(&findings, &InterruptedFindings::failed);
     type("right");
     findings.finish();
