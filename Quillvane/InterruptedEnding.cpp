@@ -164,10 +164,11 @@ private:
         for (int i = 0; i < mostPauses; ++i) {
             detach(image, force);
             if (!Platform::isImageInUse(image)) return;
+            // What the operation had started may not have ended yet.
             std::this_thread::sleep_for(pause);
         }
         throw InterruptedWorkError(inQuotes(image.filename().string()) +
-                                   " is still in use. Try again a little later.");
+                                   " is open and in use. Close it, then try again.");
     }
 
     /// It may be closing by itself at this moment.
@@ -176,11 +177,7 @@ private:
         if (!place) return;
         const Path& tool = Platform::tools().hdiutil;
         if (ProcessRunner::run(tool, {"detach", *place}).exitCode == 0) return;
-        if (force == Force::yes)
-            ProcessRunner::run(tool, {"detach", "-force", *place});
-        else if (Platform::mountPointOfImage(image))
-            throw InterruptedWorkError(inQuotes(contents_.item) +
-                                       " is open and in use. Close it, then try again.");
+        if (force == Force::yes) ProcessRunner::run(tool, {"detach", "-force", *place});
     }
 
     /// Undoes a protection before its point of no return. The image goes first: its key file alone
