@@ -185,7 +185,8 @@ std::optional<Contents> parse(std::string_view text) {
     return contents;
 }
 
-std::optional<Contents> read(int fd) {
+/// What is in the file; nothing when it cannot be read.
+std::optional<std::string> read(int fd) {
     constexpr std::size_t largestBytes = 1 << 16; // far more than a path can be long
     std::string text(largestBytes, '\0');
     std::size_t length = 0;
@@ -197,7 +198,8 @@ std::optional<Contents> read(int fd) {
         if (got == 0) break;
         length += static_cast<std::size_t>(got);
     }
-    return parse(std::string_view(text).substr(0, length));
+    text.resize(length);
+    return text;
 }
 
 void append(int fd, std::string_view line, const fs::path& file) {
@@ -228,7 +230,8 @@ bool isFree(int fd) {
 }
 
 /// The caller holds the lock of the directory. A note without a whole first line is of a program
-/// that was ended before it had changed anything, and goes.
+/// that was ended before it had changed anything, and goes. Others stay, also those that say
+/// nothing to us: a newer program may have made them, or the disk may be readable again later.
 std::vector<OperationNote::Entry> entriesOf(const fs::path& directory) {
     std::vector<OperationNote::Entry> entries;
     std::error_code error;
@@ -238,9 +241,11 @@ std::vector<OperationNote::Entry> entriesOf(const fs::path& directory) {
         const FileDescriptor fd = openNote(entry->path());
         if (!fd) continue;
         const bool interrupted = isFree(fd.get());
-        if (auto contents = read(fd.get()))
+        const auto text = read(fd.get());
+        if (!text) continue;
+        if (auto contents = parse(*text))
             entries.push_back({entry->path().stem().string(), interrupted, std::move(*contents)});
-        else if (interrupted)
+        else if (interrupted && text->find('\n') == std::string::npos)
             ::unlink(entry->path().c_str());
     }
     return entries;
@@ -329,7 +334,8 @@ std::optional<OperationNote> OperationNote::take(const std::string& id) {
         const Path file = lock.directory() / (id + extension);
         FileDescriptor fd = openNote(file);
         if (!fd || !isFree(fd.get())) return std::nullopt;
-        auto contents = read(fd.get());
+        const auto text = read(fd.get());
+        auto contents = text ? parse(*text) : std::nullopt;
         if (!contents) return std::nullopt;
         return OperationNote(file, std::move(fd), std::move(*contents));
     } catch (const std::system_error&) {

@@ -105,6 +105,18 @@ TEST_F(OperationNoteTest, ANoteWithoutItsFirstLineGoes) {
     EXPECT_TRUE(tools.notes().empty());
 }
 
+TEST_F(OperationNoteTest, ANoteThatIsNotUnderstoodStays) {
+    interrupted();
+    const fs::path file = tools.notes().at(0);
+    const std::string version = "\"version\":1";
+    std::string text = readFile(file);
+    writeFile(file, text.replace(text.find(version), version.size(), "\"version\":2"));
+    EXPECT_TRUE(OperationNote::all().empty());
+    EXPECT_EQ(readFile(file), text);
+    EXPECT_NO_THROW(OperationNote::begin(protection()));
+    EXPECT_TRUE(fs::exists(file));
+}
+
 TEST_F(OperationNoteTest, NamesThatLeadElsewhereAreNotTaken) {
     interrupted();
     const fs::path file = tools.notes().at(0);
