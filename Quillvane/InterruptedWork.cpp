@@ -54,7 +54,9 @@ bool hasKeyFile(const Path& image) {
 }
 
 bool isThere(const Contents& contents) {
-    return isDirectoryWithInode(contents.directory, contents.directoryInode);
+    const auto birth = Platform::birthTime(contents.directory);
+    const bool another = birth && contents.directoryBirth && birth != contents.directoryBirth;
+    return !another && isDirectoryWithInode(contents.directory, contents.directoryInode);
 }
 
 std::optional<State> stateOfProtection(const Contents& contents) {

@@ -116,6 +116,7 @@ std::string firstLine(const Contents& contents) {
                                         {"operation", protect ? "protect" : "remove"},
                                         {"directory", escaped(contents.directory.native())},
                                         {"directoryInode", contents.directoryInode},
+                                        {"directoryBirth", contents.directoryBirth},
                                         {"folder", escaped(contents.folder)},
                                         {"item", escaped(contents.item)},
                                         {"image", escaped(contents.image)},
@@ -145,9 +146,11 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
     const auto item = bytesOf(record, "item");
     const auto image = bytesOf(record, "image");
     const auto directoryInode = record.value("directoryInode", nlohmann::json());
+    const auto directoryBirth = record.value("directoryBirth", nlohmann::json(0));
     const auto originalInode = record.value("originalInode", nlohmann::json());
     if (!operation || !directory || !folder || folder->empty() || !item || item->empty() ||
-        !image || !directoryInode.is_number_unsigned() || !originalInode.is_number_unsigned())
+        !image || !directoryInode.is_number_unsigned() || !directoryBirth.is_number_integer() ||
+        !originalInode.is_number_unsigned())
         return std::nullopt;
     const bool protect = *operation == "protect";
     if (protect == image->empty()) return std::nullopt;
@@ -155,6 +158,7 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
                                          : OperationNote::Operation::remove,
                     .directory = *directory,
                     .directoryInode = directoryInode.get<std::uint64_t>(),
+                    .directoryBirth = directoryBirth.get<std::int64_t>(),
                     .folder = *folder,
                     .item = *item,
                     .image = *image,
@@ -270,6 +274,7 @@ std::uint64_t inodeOf(const fs::path& path) {
 void fillIn(Contents& contents) {
     contents.directory = fs::canonical(contents.directory);
     contents.directoryInode = inodeOf(contents.directory);
+    contents.directoryBirth = Platform::birthTime(contents.directory);
     const bool protect = contents.operation == OperationNote::Operation::protect;
     contents.originalInode =
         inodeOf(contents.directory / (protect ? contents.folder : contents.item));
