@@ -64,7 +64,9 @@ bool hasKeyFile(const Path& image) {
 }
 
 bool isThere(const Contents& contents) {
-    return isDirectoryWithInode(contents.directory, contents.directoryInode);
+    const auto birth = Platform::birthTime(contents.directory);
+    const bool another = birth && contents.directoryBirth && birth != contents.directoryBirth;
+    return !another && isDirectoryWithInode(contents.directory, contents.directoryInode);
 }
 
 // Numbers of files cannot be relied on where another is given at each mount (FAT, some file systems

@@ -117,6 +117,7 @@ std::string firstLine(const Contents& contents) {
                                         {"operation", protect ? "protect" : "remove"},
                                         {"directory", escaped(contents.directory.native())},
                                         {"directoryInode", contents.directoryInode},
+                                        {"directoryBirth", contents.directoryBirth},
                                         {"folder", escaped(contents.folder)},
                                         {"item", escaped(contents.item)},
                                         {"image", escaped(contents.image)},
@@ -146,9 +147,11 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
     const auto item = bytesOf(record, "item");
     const auto image = bytesOf(record, "image");
     const auto directoryInode = record.value("directoryInode", nlohmann::json());
+    const auto directoryBirth = record.value("directoryBirth", nlohmann::json(0));
     const auto originalInode = record.value("originalInode", nlohmann::json());
     if (!operation || !directory || !folder || folder->empty() || !item || item->empty() ||
-        !image || !directoryInode.is_number_unsigned() || !originalInode.is_number_unsigned())
+        !image || !directoryInode.is_number_unsigned() || !directoryBirth.is_number_integer() ||
+        !originalInode.is_number_unsigned())
         return std::nullopt;
     const bool protect = *operation == "protect";
     if (protect == image->empty()) return std::nullopt;
@@ -156,6 +159,7 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
                                          : OperationNote::Operation::remove,
                     .directory = *directory,
                     .directoryInode = directoryInode.get<std::uint64_t>(),
+                    .directoryBirth = directoryBirth.get<std::int64_t>(),
                     .folder = *folder,
                     .item = *item,
                     .image = *image,
@@ -186,7 +190,8 @@ std::optional<Contents> parse(std::string_view text) {
     return contents;
 }
 
-std::optional<Contents> read(int fd) {
+/// What is in the file; nothing when it cannot be read.
+std::optional<std::string> read(int fd) {
     constexpr std::size_t largestBytes = 1 << 16; // far more than a path can be long
     std::string text(largestBytes, '\0');
     std::size_t length = 0;
@@ -198,7 +203,8 @@ std::optional<Contents> read(int fd) {
         if (got == 0) break;
         length += static_cast<std::size_t>(got);
     }
-    return parse(std::string_view(text).substr(0, length));
+    text.resize(length);
+    return text;
 }
 
 void append(int fd, std::string_view line, const fs::path& file) {
@@ -229,7 +235,8 @@ bool isFree(int fd) {
 }
 
 /// The caller holds the lock of the directory. A note without a whole first line is of a program
-/// that was ended before it had changed anything, and goes.
+/// that was ended before it had changed anything, and goes. Others stay, also those that say
+/// nothing to us: a newer program may have made them, or the disk may be readable again later.
 std::vector<OperationNote::Entry> entriesOf(const fs::path& directory) {
     std::vector<OperationNote::Entry> entries;
     std::error_code error;
@@ -239,9 +246,11 @@ std::vector<OperationNote::Entry> entriesOf(const fs::path& directory) {
         const FileDescriptor fd = openNote(entry->path());
         if (!fd) continue;
         const bool interrupted = isFree(fd.get());
-        if (auto contents = read(fd.get()))
+        const auto text = read(fd.get());
+        if (!text) continue;
+        if (auto contents = parse(*text))
             entries.push_back({entry->path().stem().string(), interrupted, std::move(*contents)});
-        else if (interrupted)
+        else if (interrupted && text->find('\n') == std::string::npos)
             ::unlink(entry->path().c_str());
     }
     return entries;
@@ -266,6 +275,7 @@ std::uint64_t inodeOf(const fs::path& path) {
 void fillIn(Contents& contents) {
     contents.directory = fs::canonical(contents.directory);
     contents.directoryInode = inodeOf(contents.directory);
+    contents.directoryBirth = Platform::birthTime(contents.directory);
     const bool protect = contents.operation == OperationNote::Operation::protect;
     contents.originalInode =
         inodeOf(contents.directory / (protect ? contents.folder : contents.item));
@@ -330,7 +340,8 @@ std::optional<OperationNote> OperationNote::take(const std::string& id) {
         const Path file = lock.directory() / (id + extension);
         FileDescriptor fd = openNote(file);
         if (!fd || !isFree(fd.get())) return std::nullopt;
-        auto contents = read(fd.get());
+        const auto text = read(fd.get());
+        auto contents = text ? parse(*text) : std::nullopt;
         if (!contents) return std::nullopt;
         return OperationNote(file, std::move(fd), std::move(*contents));
     } catch (const std::system_error&) {

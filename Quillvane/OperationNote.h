@@ -42,6 +42,8 @@ public:
         /// Without links, and its inode: another directory by that name is another place.
         Path directory;
         std::uint64_t directoryInode = 0;
+        /// As `Platform::birthTime` has it: the roots of two disks may have the same inode.
+        std::int64_t directoryBirth = 0;
         /// File names in the directory; `image`, the working image, is that of a protection alone.
         std::string folder;
         std::string item;
@@ -63,8 +65,8 @@ public:
     /// All notes of this user. Empty when they cannot be read.
     static std::vector<Entry> all();
 
-    /// Notes an operation; `directory` and the inodes are filled in. Throws `OperationNoteError`,
-    /// with nothing changed but that directories may have been made.
+    /// Notes an operation; `directory`, its birth and the inodes are filled in. Throws
+    /// `OperationNoteError`, with nothing changed but that directories may have been made.
     static OperationNote begin(Contents contents);
     /// Takes an interrupted operation's note over; nothing when it is gone or somebody else's.
     static std::optional<OperationNote> take(const std::string& id);

@@ -72,6 +72,9 @@ bool isPackageOrVolumeRoot(const std::filesystem::path& path);
 timespec modificationTime(const struct stat& status) noexcept;
 /// Of the contents or of what is kept about them.
 timespec changeTime(const struct stat& status) noexcept;
+/// When the file was made, in nanoseconds since the epoch; a link is not followed. 0 when the file
+/// system keeps no such time on the disk, or it cannot be told.
+std::int64_t birthTime(const std::filesystem::path& path) noexcept;
 
 /// Extended attributes and access control lists by name, in order.
 using Attributes = std::vector<std::pair<std::string, std::string>>;

@@ -26,6 +26,22 @@ bool isRemote(int fd) noexcept {
     }
 }
 
+/// Others have times of their own making, like that of the mount for the root of an exFAT disk, or
+/// another one once the directory has been written to.
+bool keepsBirthTimes(const std::filesystem::path& path) noexcept {
+    struct statfs found {};
+    if (::statfs(path.c_str(), &found) != 0) return false;
+    switch (static_cast<std::uint32_t>(found.f_type)) {
+    case EXT4_SUPER_MAGIC:
+    case BTRFS_SUPER_MAGIC:
+    case XFS_SUPER_MAGIC:
+    case F2FS_SUPER_MAGIC:
+        return true;
+    default:
+        return false;
+    }
+}
+
 } // namespace
 
 timespec modificationTime(const struct stat& status) noexcept {
@@ -34,6 +50,16 @@ timespec modificationTime(const struct stat& status) noexcept {
 
 timespec changeTime(const struct stat& status) noexcept {
     return status.st_ctim;
+}
+
+std::int64_t birthTime(const std::filesystem::path& path) noexcept {
+    struct statx status {};
+    if (!keepsBirthTimes(path) ||
+        ::statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME, &status) != 0 ||
+        (status.stx_mask & STATX_BTIME) == 0)
+        return 0;
+    constexpr std::int64_t second = 1'000'000'000;
+    return status.stx_btime.tv_sec * second + status.stx_btime.tv_nsec;
 }
 
 bool reserveImage(int image) noexcept {

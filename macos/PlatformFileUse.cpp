@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <libproc.h>
+#include <string_view>
 #include <sys/file.h>
 #include <sys/mount.h>
 #include <sys/proc_info.h>
@@ -43,6 +44,17 @@ timespec modificationTime(const struct stat& status) noexcept {
 
 timespec changeTime(const struct stat& status) noexcept {
     return status.st_ctimespec;
+}
+
+std::int64_t birthTime(const std::filesystem::path& path) noexcept {
+    struct stat status {};
+    struct statfs found {};
+    if (::lstat(path.c_str(), &status) != 0 || ::statfs(path.c_str(), &found) != 0) return 0;
+    // Elsewhere another time of the file may stand in for it.
+    const std::string_view type = found.f_fstypename;
+    if (type != "apfs" && type != "hfs") return 0;
+    constexpr std::int64_t second = 1'000'000'000;
+    return status.st_birthtimespec.tv_sec * second + status.st_birthtimespec.tv_nsec;
 }
 
 bool reserveImage(int image) noexcept {

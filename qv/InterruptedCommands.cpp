@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <functional>
 #include <optional>
+#include <set>
+#include <vector>
 
 namespace {
 
@@ -24,18 +26,45 @@ std::string withCommands(const Found& found) {
     return text + " To end this: qv finish" + place + " or qv undo" + place;
 }
 
-/// What was interrupted with the folder, item or working image at the path.
+/// A path that means this one alone among the others.
+std::string pathTo(const Found& one, const std::vector<Found>& others) {
+    const auto place = InterruptedWork::place(one);
+    const auto& contents = one.contents;
+    const bool shared = std::ranges::count(others, place, &InterruptedWork::place) > 1;
+    const bool byImage = shared && !contents.image.empty();
+    return shellWord(byImage ? (contents.directory / contents.image).native() : place.native());
+}
+
+/// Throws unless all of them are called the same; then whichever is ended first will do.
+void requireOne(const std::vector<Found>& found, const std::string& name) {
+    std::set<std::string> paths;
+    std::string list;
+    for (const Found& one : found)
+        if (const auto path = pathTo(one, found); paths.insert(path).second)
+            list += "\n" + path + ": " + InterruptedWork::text(one);
+    if (paths.size() > 1)
+        throw std::runtime_error("More than one operation was interrupted with \"" + name +
+                                 "\". Say which one by its path:" + list);
+}
+
+/// What was interrupted with the folder, item or working image at the path. One that is called so
+/// comes before those that only made, or would make, something of that name.
 Found foundAt(const std::string& operand) {
     const auto path = itemPath(operand);
     const auto name = path.filename().native();
-    const auto found = InterruptedWork::findIn(path.parent_path());
-    const auto at = std::ranges::find_if(found, [&](const Found& one) {
+    auto found = InterruptedWork::findIn(path.parent_path());
+    const auto isCalledSo = [&](const Found& one) {
+        return name == InterruptedWork::place(one).filename().native();
+    };
+    const bool called = std::ranges::any_of(found, isCalledSo);
+    std::erase_if(found, [&](const Found& one) {
         const auto& contents = one.contents;
-        return name == contents.folder || name == contents.item || name == contents.image;
+        return called ? !isCalledSo(one)
+                      : name != contents.folder && name != contents.item && name != contents.image;
     });
-    if (at == found.end())
-        throw std::runtime_error("Nothing was interrupted with \"" + name + "\".");
-    return *at;
+    if (found.empty()) throw std::runtime_error("Nothing was interrupted with \"" + name + "\".");
+    requireOne(found, name);
+    return found.front();
 }
 
 using End = Outcome (*)(const Found&, const std::optional<Credential>&, const ProgressCallback&,

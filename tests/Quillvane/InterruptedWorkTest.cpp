@@ -47,6 +47,30 @@ TEST_F(InterruptedWorkTest, ADirectoryThatIsNotThereKeepsItsNote) {
     EXPECT_EQ(found().state, State::unfinished);
 }
 
+TEST_F(InterruptedWorkTest, AnotherDiskInThePlaceOfTheOneKeepsItsNote) {
+    begin(Operation::protect); // which leaves nothing, so that its note would go
+    const auto birth = Platform::birthTime(parent.path());
+    if (birth == 0) GTEST_SKIP() << "this file system keeps no birth times";
+    const fs::path file = tools.notes().at(0);
+    const std::string own = readFile(file);
+    const auto withBirth = [&](std::int64_t number) {
+        std::string text = own;
+        const std::string known = std::to_string(birth);
+        return text.replace(text.find(known), known.size(), std::to_string(number));
+    };
+    // The roots of two disks have the same inode number.
+    writeFile(file, withBirth(birth + 1));
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    EXPECT_EQ(tools.notes().size(), 1U);
+    writeFile(image, "image");
+    EXPECT_TRUE(InterruptedWork::find().empty());
+    EXPECT_EQ(readFile(file), withBirth(birth + 1));
+    for (const std::int64_t number : {birth, std::int64_t(0)}) {
+        writeFile(file, withBirth(number));
+        EXPECT_EQ(found().state, State::unfinished) << number;
+    }
+}
+
 TEST_F(InterruptedWorkTest, ARecoveryKeyThatWasNotShownIsTold) {
     const auto lock = [this] {
         const Secret secret(std::string_view("right"));

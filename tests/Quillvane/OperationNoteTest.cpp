@@ -6,6 +6,7 @@
 
 #include <fstream>
 #include <sys/stat.h>
+#include <time.h>
 
 namespace {
 
@@ -59,11 +60,34 @@ TEST_F(OperationNoteTest, TellsWhatWasNoted) {
     EXPECT_EQ(contents.operation, OperationNote::Operation::protect);
     EXPECT_EQ(contents.directory, parent.path());
     EXPECT_EQ(contents.directoryInode, inodeOf(parent.path()));
+    EXPECT_EQ(contents.directoryBirth, Platform::birthTime(parent.path()));
     EXPECT_EQ(contents.folder, folder);
     EXPECT_EQ(contents.item, folder + ".quillvane");
     EXPECT_EQ(contents.image, ".Quillvane-X.sparseimage");
     EXPECT_EQ(contents.originalInode, inodeOf(parent / folder));
     EXPECT_TRUE(contents.steps.empty());
+}
+
+TEST_F(OperationNoteTest, ANoteWithoutTheDirectorysBirthIsRead) {
+    interrupted();
+    const fs::path file = tools.notes().at(0);
+    std::string text = readFile(file);
+    const auto member = text.find("\"directoryBirth\"");
+    ASSERT_NE(member, std::string::npos);
+    writeFile(file, text.erase(member, text.find(',', member) + 1 - member));
+    EXPECT_EQ(OperationNote::all().at(0).contents.directoryBirth, 0);
+}
+
+TEST_F(OperationNoteTest, ADirectoryKeepsItsBirth) {
+    const auto birth = Platform::birthTime(parent / folder);
+    if (birth == 0) GTEST_SKIP() << "this file system keeps no birth times";
+    ::timespec now{};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    EXPECT_NEAR(static_cast<double>(birth), static_cast<double>(now.tv_sec) * 1e9, 60e9);
+    writeFile(parent / folder / "file", "contents");
+    fs::last_write_time(parent / folder, fs::file_time_type());
+    EXPECT_EQ(Platform::birthTime(parent / folder), birth);
+    EXPECT_EQ(Platform::birthTime(parent / "missing"), 0);
 }
 
 TEST_F(OperationNoteTest, IsForTheUserAlone) {
@@ -103,6 +127,18 @@ TEST_F(OperationNoteTest, ANoteWithoutItsFirstLineGoes) {
     fs::resize_file(file, fs::file_size(file) - 1);
     EXPECT_TRUE(OperationNote::all().empty());
     EXPECT_TRUE(tools.notes().empty());
+}
+
+TEST_F(OperationNoteTest, ANoteThatIsNotUnderstoodStays) {
+    interrupted();
+    const fs::path file = tools.notes().at(0);
+    const std::string version = "\"version\":1";
+    std::string text = readFile(file);
+    writeFile(file, text.replace(text.find(version), version.size(), "\"version\":2"));
+    EXPECT_TRUE(OperationNote::all().empty());
+    EXPECT_EQ(readFile(file), text);
+    EXPECT_NO_THROW(OperationNote::begin(protection()));
+    EXPECT_TRUE(fs::exists(file));
 }
 
 TEST_F(OperationNoteTest, NamesThatLeadElsewhereAreNotTaken) {

@@ -190,23 +190,25 @@ TEST_F(TreeComparisonTest, OwnersBelongToItWhereTheyCanBeKept) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can give files away";
     for (const char* name : {"file", "inner", "fifo", "link"}) {
         copy();
-        ::fchownat(AT_FDCWD, (tree / name).c_str(), 65533, static_cast<gid_t>(-1),
-                   AT_SYMLINK_NOFOLLOW);
+        ASSERT_EQ(::fchownat(AT_FDCWD, (tree / name).c_str(), 65533, static_cast<gid_t>(-1),
+                             AT_SYMLINK_NOFOLLOW),
+                  0);
         EXPECT_THAT(differences(), ElementsAre(name));
         EXPECT_THAT(differences(Files::unfinished), ElementsAre(name));
         copy();
-        ::fchownat(AT_FDCWD, (tree / name).c_str(), static_cast<uid_t>(-1), 65533,
-                   AT_SYMLINK_NOFOLLOW);
+        ASSERT_EQ(::fchownat(AT_FDCWD, (tree / name).c_str(), static_cast<uid_t>(-1), 65533,
+                             AT_SYMLINK_NOFOLLOW),
+                  0);
         EXPECT_THAT(differences(), ElementsAre(name));
     }
 }
 
 TEST_F(TreeComparisonTest, AnOrdinaryUsersCopyIsTheUsersOwn) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can become an ordinary user";
-    ::chown((reference / "file").c_str(), 65533, 65533);
+    ASSERT_EQ(::chown((reference / "file").c_str(), 65533, 65533), 0);
     ::chmod((reference / "file").c_str(), 06755);
     copy();
-    ::chown((tree / "file").c_str(), 65534, 65534);
+    ASSERT_EQ(::chown((tree / "file").c_str(), 65534, 65534), 0);
     ::chmod((tree / "file").c_str(), 0755);
     ::chmod(folder.path().c_str(), 0755);
     EXPECT_THAT(differences(), ElementsAre("file"));

@@ -1,8 +1,11 @@
 """What a killed qv leaves is found, told, finished and undone: at each of its steps, while the tools
 that it had started go on by themselves."""
 
+import base64
+import json
 import os
 import re
+import secrets
 import signal
 import unittest
 
@@ -152,6 +155,68 @@ class InterruptedTest(kills.KillCase):
         self.assertIn("Nothing was changed, because the operation couldn't be noted", result.stderr)
         (self.home / ".local").unlink()
         self.assertNothingLeftButFolder()
+
+
+class ChoiceTest(items.ItemCase):
+    """Several things were interrupted with the same names. Their notes are written by hand."""
+
+    def setUp(self):
+        super().setUp()
+        self.operations = self.home / ".local/state/quillvane/operations"
+        self.operations.mkdir(parents=True, mode=0o700)
+        self.item = self.work / "Docs.quillvane"
+        self.item.write_text("no image")
+        items.keyFile(self.item).write_text(json.dumps({
+            "version": 1, "kdf": "pbkdf2-sha256", "iterations": 210000,
+            "salt": base64.b64encode(bytes(16)).decode(),
+            "wrapped": base64.b64encode(bytes(48)).decode()}))
+
+    def note(self, operation, image, *steps):
+        record = {"version": 1, "operation": operation, "directory": str(self.work),
+                  "directoryInode": self.work.stat().st_ino, "folder": "Docs",
+                  "item": "Docs.quillvane", "image": image,
+                  "originalInode": self.item.stat().st_ino}
+        file = self.operations / (secrets.token_hex(16) + ".note")
+        file.write_text("\n".join([json.dumps(record), *steps, ""]))
+        return file
+
+    def image(self, digit):
+        return f".Quillvane-{digit * 8}-2222-4333-8444-555555555555.sparseimage"
+
+    def chosen(self, verb, path):
+        return self.qv(verb, path).stderr.partition("\n")[0]
+
+    def testTheOneThatIsCalledSoComesFirst(self):
+        folder = self.smallFolder()
+        protection = self.note("protect", self.image("1"), "done 0")
+        removal = self.note("remove", "", f"made {folder.stat().st_ino}")
+        # In whatever order they are found.
+        for step in range(8):
+            old = (protection, removal)[step % 2]
+            new = old.rename(self.operations / (secrets.token_hex(16) + ".note"))
+            protection, removal = (new, removal) if old == protection else (protection, new)
+            self.assertRegex(self.chosen("undo", "Docs.quillvane"), "^Removing the protection of")
+            self.assertRegex(self.chosen("undo", "Docs"), '^"Docs" in .* is protected, but')
+        protection.unlink()
+        self.assertRegex(self.chosen("undo", "Docs"), "^Removing the protection of")
+
+    def testOneOfSeveralHasToBeNamed(self):
+        texts = []
+        for digit in "12":
+            self.note("protect", self.image(digit), "done 0")
+            texts.append(f'"{self.work}/{self.image(digit)}"')
+        for name in ("Docs", "Docs.quillvane"):
+            for verb in ("finish", "undo"):
+                result = self.qv(verb, name)
+                self.assertEqual((1, ""), (result.returncode, result.stdout))
+                says, *paths = result.stderr.splitlines()
+                self.assertEqual(f'More than one operation was interrupted with "{name}". '
+                                 "Say which one by its path:", says)
+                self.assertEqual(texts, sorted(path.partition(": ")[0] for path in paths))
+        self.assertEqual(2, len(self.notes()))
+        self.assertEqual(str(self.item), self.succeed("finish", self.image("2"), secrets=()))
+        (left,) = self.notes()
+        self.assertIn(self.image("1"), left.read_text())
 
 
 if __name__ == "__main__":
