@@ -20,7 +20,7 @@ using InterruptedWork::Found;
 using InterruptedWork::Outcome;
 
 std::string withCommands(const Found& found) {
-    const std::string text = InterruptedWork::text(found);
+    std::string text = InterruptedWork::text(found);
     if (!InterruptedWork::canBeEnded(found)) return text;
     const std::string place = " " + shellWord(InterruptedWork::place(found).native());
     return text + " To end this: qv finish" + place + " or qv undo" + place;
