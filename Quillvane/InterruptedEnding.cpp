@@ -118,6 +118,12 @@ public:
         }
     }
 
+    /// The first half of something that goes on after it, and can still be cancelled then.
+    Outcome undoFirst(State state) {
+        goesOn_ = true;
+        return undo(state);
+    }
+
 private:
     const Credential& credential() const {
         if (!credential_) throw VaultError::emptyPassword();
@@ -294,8 +300,7 @@ private:
     }
 
     Outcome removeAnew(State state) {
-        goesOn_ = true;
-        const Outcome undone = undo(state);
+        const Outcome undone = undoFirst(state);
         if (fs::exists(fs::symlink_status(folder_))) throw InterruptedWorkError(undone.message);
         return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
     }
@@ -399,6 +404,7 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
 
 void makeWayToProtect(const Path& folder, const Credential& credential,
                       Cancellation* cancellation) {
+    const std::optional<Credential> given = credential;
     for (const Found& found : findAt(folder, OperationNote::Operation::protect)) {
         switch (found.state) {
         case State::named: // a recovery key that may not have been shown is still worth telling
@@ -411,7 +417,7 @@ void makeWayToProtect(const Path& folder, const Credential& credential,
             break;
         }
         try {
-            undo(found, credential, silent, cancellation);
+            takeOver(found, given, silent, cancellation).undoFirst(found.state);
         } catch (const RecoveryError&) {
             throw InterruptedWorkError(text(found)); // its password is another
         }
@@ -420,11 +426,12 @@ void makeWayToProtect(const Path& folder, const Credential& credential,
 
 std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
                                     Cancellation* cancellation) {
+    const std::optional<Credential> given = credential;
     for (const Found& found : findAt(item, OperationNote::Operation::remove)) {
         if (found.state == State::restored)
-            return finish(found, credential, silent, cancellation).result;
+            return finish(found, given, silent, cancellation).result;
         if (found.state == State::opened || found.state == State::incomplete)
-            undo(found, credential, silent, cancellation);
+            takeOver(found, given, silent, cancellation).undoFirst(found.state);
     }
     return std::nullopt;
 }

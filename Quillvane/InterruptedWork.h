@@ -23,7 +23,8 @@ public:
 ///
 /// What state it is is read off the disk each time, with the operation's note to tell what is
 /// ours. So finishing and undoing may be interrupted in turn, and begun again. Neither deletes
-/// anything that is not elsewhere, whole and on the disk.
+/// anything that is not elsewhere, whole and on the disk, as far as it is not the user's own wish: a
+/// key file whose item is gone.
 namespace InterruptedWork {
 
 using Path = std::filesystem::path;
@@ -31,7 +32,7 @@ using Path = std::filesystem::path;
 enum class State {
     // Protecting a folder
     unfinished,   ///< the folder is whole; the image is not, and opens for nobody
-    copied,       ///< the folder is whole, and so is the image, which the password opens
+    copied,       ///< folder and image were whole; the password opens the image
     deleting,     ///< the image is whole; of the folder at least a part is there
     unnamed,      ///< the folder is gone; the image has not got its name yet
     named,        ///< all is done, but the recovery key may not have been shown
@@ -39,8 +40,8 @@ enum class State {
     // Removing a protection
     opened,      ///< nothing was made, but the item is open
     incomplete,  ///< the item is whole, the folder beside it perhaps not
-    restored,    ///< both are whole
-    keyFileLeft, ///< the item is gone, and its key file is left
+    restored,    ///< both were whole
+    keyFileLeft, ///< the item is gone, if only from its place, and its key file is left
     itemMissing, ///< the folder is perhaps not whole, and the item is not there
     // Without a note
     strayImage,    ///< a working image that nobody can open

@@ -95,6 +95,18 @@ TEST_F(InterruptedEndingTest, DeletingIsNotCancelled) {
     expectOnlyItem();
 }
 
+TEST_F(InterruptedEndingTest, WhatFollowsAClearingAwayCanBeCancelled) {
+    Cancellation cancellation;
+    protectUntilCopied();
+    InterruptedWork::makeWayToProtect(docs, *password(), &cancellation);
+    expectOnlyFolder();
+    fs::remove(docs / "file");
+    removeUntilMade(/*copied=*/false);
+    InterruptedWork::makeWayToRemove(item, *password(), &cancellation);
+    expectOnlyItem();
+    EXPECT_TRUE(cancellation.request());
+}
+
 TEST_F(InterruptedEndingTest, AWrongPasswordChangesNothing) {
     protectUntilDeleting();
     EXPECT_ANY_THROW(finish(password("wrong")));
