@@ -23,8 +23,8 @@ public:
 ///
 /// What state it is is read off the disk each time, with the operation's note to tell what is
 /// ours. So finishing and undoing may be interrupted in turn, and begun again. Neither deletes
-/// anything that is not elsewhere, whole and on the disk, as far as it is not the user's own wish: a
-/// key file whose item is gone.
+/// anything that is not elsewhere, whole and on the disk, as far as it is not the user's own wish:
+/// a key file whose item is gone.
 namespace InterruptedWork {
 
 using Path = std::filesystem::path;
