@@ -7,7 +7,7 @@
 #include <sched.h>
 
 // Both are used in a signal handler.
-static_assert(std::atomic<pid_t>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
+static_assert(std::atomic<int>::is_always_lock_free);
 
 bool Cancellation::request() noexcept {
     State state = State::open;
