@@ -63,6 +63,7 @@ public:
     Outcome finish(State state) {
         switch (state) {
         case State::unfinished:
+            requireUselessImage();
             dropImage();
             return {{},
                     "What was left is cleared away. The folder is as it was; protect it again."};
@@ -93,8 +94,10 @@ public:
         switch (state) {
         case State::copied:
             requireWholeFolder();
-            [[fallthrough]];
+            dropImage();
+            return {folder_, "The encrypted copy is cleared away. The folder stays as it is."};
         case State::unfinished:
+            requireUselessImage();
             dropImage();
             return {folder_, "What was left is cleared away. The folder is as it was."};
         case State::deleting:
@@ -195,6 +198,19 @@ private:
         DurableFile::remove(image_);
         DurableFile::remove(KeyStore::path(image_));
         endNote();
+    }
+
+    /// Its key file may have been moved, as by who wants to open it by hand.
+    void requireUselessImage() const {
+        if (!fs::is_directory(fs::symlink_status(folder_)))
+            throw InterruptedWorkError(inQuotes(contents_.folder) +
+                                       " is no longer there, so the "
+                                       "encrypted copy stays: " +
+                                       image_.string());
+        if (fs::exists(fs::symlink_status(KeyStore::path(image_))))
+            throw InterruptedWorkError("The encrypted copy has a key file that cannot be read, so "
+                                       "both stay: " +
+                                       KeyStore::path(image_).string());
     }
 
     /// The folder may have been worked in since, and what was changed in it is the user's; but who

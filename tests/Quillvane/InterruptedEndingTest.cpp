@@ -69,6 +69,20 @@ TEST_F(InterruptedEndingTest, AnImageIsNotGivenUpForAFolderThatLacksSomething) {
     EXPECT_THAT(names(), testing::ElementsAre("Docs"));
 }
 
+TEST_F(InterruptedEndingTest, AnImageThatNothingElseIsLeftOfStays) {
+    protectUntilCopying();
+    fs::rename(docs, parent / "elsewhere");
+    EXPECT_EQ(found().state, State::unfinished);
+    const std::string stays = "\"Docs\" is no longer there, so the encrypted copy stays: ";
+    EXPECT_THAT(refusal([this] { finish(); }), HasSubstr(stays));
+    EXPECT_THAT(refusal([this] { undo(); }), HasSubstr(stays));
+    EXPECT_EQ(readFile(image), "image");
+    fs::rename(parent / "elsewhere", docs);
+    writeFile(KeyStore::path(image), "damaged");
+    EXPECT_THAT(refusal([this] { undo(); }), HasSubstr("has a key file that cannot be read"));
+    EXPECT_EQ(readFile(image), "image");
+}
+
 TEST_F(InterruptedEndingTest, AnImageWhoseFolderWasDeletedIsKept) {
     protectUntilCopied();
     fs::remove_all(docs);
