@@ -4,8 +4,10 @@
 #include "ToolError.h"
 
 #include <cerrno>
+#include <chrono>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <thread>
 
 namespace {
 
@@ -14,12 +16,20 @@ using Path = std::filesystem::path;
 // Two users of one image would destroy it. The lock belongs to the open file, so it passes to the
 // volume's server with the descriptor, and ends with the last process that holds it, however that
 // process ends. flock(2) is left to libcryptsetup, which takes it on the same file.
+//
+// A server that was killed holds its lock until the kernel has taken it down, a moment after its
+// mount is seen to be dead: that moment is waited for.
 void lock(int fd, bool readOnly) {
+    constexpr std::chrono::milliseconds pause{20};
+    constexpr int mostPauses = 50;
     struct flock range {};
     range.l_type = readOnly ? F_RDLCK : F_WRLCK;
     range.l_whence = SEEK_SET;
-    if (::fcntl(fd, F_OFD_SETLK, &range) == 0) return;
-    throw ToolError::fromErrno(errno == EACCES ? EAGAIN : errno);
+    for (int i = 0; ::fcntl(fd, F_OFD_SETLK, &range) != 0; ++i) {
+        const int reason = errno == EACCES ? EAGAIN : errno;
+        if (reason != EAGAIN || i == mostPauses) throw ToolError::fromErrno(reason);
+        std::this_thread::sleep_for(pause);
+    }
 }
 
 ImageIdentity identityOfRegularFile(int fd) {

@@ -14,7 +14,8 @@ struct ImageFile {
     bool readOnly = false;      ///< the file or its file system does not allow writing
 };
 
-/// Throws `ToolError` when it cannot be opened, is no regular file, or is in use.
+/// Waits up to a second for one that is in use. Throws `ToolError` when it cannot be opened, is no
+/// regular file, or stays in use.
 ImageFile openImage(const std::filesystem::path& path);
 
 /// A new image that is deleted again unless it is kept.

@@ -1,11 +1,14 @@
 """Drives `hdiutil attach` as its callers do, and all that can go wrong with it."""
 
 import errno
+import fcntl
 import os
 import pathlib
 import shutil
 import signal
+import struct
 import subprocess
+import threading
 import unittest
 
 from hdiutil_case import CommandCase, IS_ROOT, isLocked, isRunning, PASSPHRASE
@@ -127,6 +130,17 @@ class AttachTest(CommandCase):
                            "hdiutil: attach failed - Resource temporarily unavailable")
         self.detached(device)
         self.detached(self.attached()[0])
+
+    def test_waits_for_a_server_that_is_ending(self):
+        self.created()
+        with open(self.image, "r+b") as used:
+            lock = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
+            fcntl.fcntl(used, fcntl.F_OFD_SETLK, lock)
+            ending = threading.Timer(0.3, used.close)
+            ending.start()
+            device, _ = self.attached()
+            ending.join()
+        self.detached(device)
 
     def test_missing_or_no_file(self):
         self.assertRefused(self.attach(),
