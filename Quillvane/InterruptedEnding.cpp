@@ -1,4 +1,4 @@
-#include "InterruptedWork.h"
+#include "InterruptedEnding.h"
 
 #include "DurableFile.h"
 #include "ErrorText.h"
@@ -10,12 +10,10 @@
 #include "OperationCancelled.h"
 #include "Platform.h"
 #include "ProcessRunner.h"
-#include "RecoveryError.h"
 #include "TreeComparison.h"
 #include "VaultEngine.h"
 #include "VaultError.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <sys/stat.h>
@@ -285,12 +283,15 @@ private:
     }
 
     /// The item's key file is that of the working image, or is there already.
-    void giveKeyFile() const {
-        if (const auto record = keyRecord(image_))
+    void giveKeyFile() {
+        if (const auto record = keyRecord(image_)) {
+            if (const auto former = KeyStore::setAsideFormer(item_, *record))
+                formerKeyFile_ = former;
             KeyStore::write(*record, item_);
-        else if (!keyRecord(item_))
+        } else if (!keyRecord(item_)) {
             throw InterruptedWorkError("The key file of the encrypted copy is missing: " +
                                        KeyStore::path(image_).string());
+        }
     }
 
     Outcome endNamed() {
@@ -303,6 +304,7 @@ private:
         std::string message = "Your password opens " + inQuotes(contents_.item) +
                               ". To get a recovery key, remove the protection and protect the "
                               "folder again.";
+        if (formerKeyFile_) message += " " + KeyStore::textOfFormer(*formerKeyFile_);
         if (fs::exists(fs::symlink_status(folder_)))
             message += " " + inQuotes(contents_.folder) +
                        " beside it is another folder, and stays as it is.";
@@ -380,6 +382,7 @@ private:
     const std::optional<Credential>& credential_;
     const ProgressCallback& progress_;
     Cancellation* cancellation_;
+    std::optional<Path> formerKeyFile_; ///< of another item, where it is now
     bool cancellable_ = true;
     bool goesOn_ = false; ///< what is undone is only the first half
 };
@@ -394,18 +397,6 @@ Ending takeOver(const Found& found, const std::optional<Credential>& credential,
     return {std::move(*note), credential, progress, cancellation};
 }
 
-void silent(const Progress&) {}
-
-/// What was interrupted with this folder, or with the item of this name.
-std::vector<Found> findAt(const Path& path, OperationNote::Operation operation) {
-    auto found = findIn(path.parent_path());
-    std::erase_if(found, [&](const Found& one) {
-        return !canBeEnded(one) || one.contents.operation != operation ||
-               place(one).filename() != path.filename();
-    });
-    return found;
-}
-
 } // namespace
 
 Outcome finish(const Found& found, const std::optional<Credential>& credential,
@@ -418,38 +409,9 @@ Outcome undo(const Found& found, const std::optional<Credential>& credential,
     return takeOver(found, credential, progress, cancellation).undo(found.state);
 }
 
-void makeWayToProtect(const Path& folder, const Credential& credential,
-                      Cancellation* cancellation) {
-    const std::optional<Credential> given = credential;
-    for (const Found& found : findAt(folder, OperationNote::Operation::protect)) {
-        switch (found.state) {
-        case State::named: // a recovery key that may not have been shown is still worth telling
-            continue;
-        case State::deleting:
-        case State::unnamed:
-        case State::imageMissing:
-            throw InterruptedWorkError(text(found));
-        default:
-            break;
-        }
-        try {
-            takeOver(found, given, silent, cancellation).undoFirst(found.state);
-        } catch (const RecoveryError&) {
-            throw InterruptedWorkError(text(found)); // its password is another
-        }
-    }
-}
-
-std::optional<Path> makeWayToRemove(const Path& item, const Credential& credential,
-                                    Cancellation* cancellation) {
-    const std::optional<Credential> given = credential;
-    for (const Found& found : findAt(item, OperationNote::Operation::remove)) {
-        if (found.state == State::restored)
-            return finish(found, given, silent, cancellation).result;
-        if (found.state == State::opened || found.state == State::incomplete)
-            takeOver(found, given, silent, cancellation).undoFirst(found.state);
-    }
-    return std::nullopt;
+Outcome undoFirstHalf(const Found& found, const std::optional<Credential>& credential,
+                      const ProgressCallback& progress, Cancellation* cancellation) {
+    return takeOver(found, credential, progress, cancellation).undoFirst(found.state);
 }
 
 } // namespace InterruptedWork

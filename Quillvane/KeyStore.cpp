@@ -59,10 +59,32 @@ void write(const KeyMetadata& metadata, const std::filesystem::path& container) 
     setHidden(container, true);
 }
 
+std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path& container,
+                                                    const KeyMetadata& successor) {
+    const auto text = read(container);
+    if (!text || !KeyMetadata::decode(*text) || *text == successor.encode()) return std::nullopt;
+    for (int number = 1;; ++number) {
+        std::filesystem::path name = path(container);
+        name += number == 1 ? ".old" : ".old" + std::to_string(number);
+        if (std::filesystem::exists(std::filesystem::symlink_status(name))) continue;
+        Platform::renameWithoutReplacing(path(container), name);
+        return name;
+    }
+}
+
+std::string textOfFormer(const std::filesystem::path& setAside) {
+    return "There was the key file of another item of this name; its password needs it. It is now "
+           "\"" +
+           setAside.filename().string() + "\".";
+}
+
 bool move(const std::filesystem::path& from, const std::filesystem::path& to) noexcept {
-    std::error_code error;
-    std::filesystem::rename(path(from), path(to), error);
-    return !error;
+    try {
+        Platform::renameWithoutReplacing(path(from), path(to));
+        return true;
+    } catch (const std::exception&) {
+        return false;
+    }
 }
 
 void remove(const std::filesystem::path& container) noexcept {

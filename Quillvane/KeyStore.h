@@ -19,7 +19,16 @@ std::optional<std::string> read(const std::filesystem::path& container);
 /// `std::system_error`. Then hides it, as far as that works. Also removes what killed programs left
 /// behind in the directory (`DurableFile::removeAbandoned`).
 void write(const KeyMetadata& metadata, const std::filesystem::path& container);
-/// Gives the key file of `from` to `to`, which needs no room on the disk; false when it cannot.
+/// Gives the key file of another item, which had this name and was moved away without it, a name of
+/// its own that is free, in the same directory: the other item's password needs it. That name's
+/// path; nothing when there is no such key file, or when it is `successor` already. Throws
+/// `std::filesystem::filesystem_error`.
+std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path& container,
+                                                    const KeyMetadata& successor);
+/// A sentence for the user about what was set aside.
+std::string textOfFormer(const std::filesystem::path& setAside);
+/// Gives the key file of `from` to `to`, which has none; needs no room on the disk. False when it
+/// cannot.
 bool move(const std::filesystem::path& from, const std::filesystem::path& to) noexcept;
 /// Removes the key file; errors are ignored, "not there" included.
 void remove(const std::filesystem::path& container) noexcept;

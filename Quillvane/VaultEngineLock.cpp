@@ -105,13 +105,20 @@ public:
             throw;
         }
         progress_.report(1.0, "Done. Your folder is now protected.");
-        return leftovers_.description();
+        return whatStayed();
     }
     const Path& target() const noexcept { return target_; }
 
     const std::shared_ptr<OperationNote>& note() const noexcept { return note_; }
 
 private:
+    std::string whatStayed() const {
+        std::string text = leftovers_.description();
+        if (!formerKeyFile_) return text;
+        if (!text.empty()) text += " ";
+        return text + KeyStore::textOfFormer(*formerKeyFile_);
+    }
+
     void beginNote() {
         progress_.stopIfCancelled();
         OperationNote::Contents contents;
@@ -294,6 +301,7 @@ private:
             fs::rename(image_, target_);
         } catch (const fs::filesystem_error& error) {
             if (hasKeyFile) KeyStore::remove(target_);
+            putFormerKeyFileBack();
             throw VaultError::renameFailed("Encrypted image available at: " + image_.string() +
                                            "\n" + errorText(error));
         }
@@ -314,16 +322,26 @@ private:
     /// tried again, and reported, once the image has that name.
     bool writeKeyFileAhead() {
         try {
-            KeyStore::write(record_, target_);
+            putKeyFile();
             return true;
         } catch (const std::system_error&) {
             return false;
         }
     }
 
+    void putKeyFile() {
+        if (const auto former = KeyStore::setAsideFormer(target_, record_)) formerKeyFile_ = former;
+        KeyStore::write(record_, target_);
+    }
+
+    void putFormerKeyFileBack() const noexcept {
+        std::error_code ignored; // best effort: it is whole under the other name too
+        if (formerKeyFile_) fs::rename(*formerKeyFile_, KeyStore::path(target_), ignored);
+    }
+
     void writeKeyFile() {
         try {
-            KeyStore::write(record_, target_);
+            putKeyFile();
         } catch (const std::system_error&) {
             // The disk may be full: the working key file, which has room already, serves as well.
             if (!KeyStore::move(image_, target_)) throw;
@@ -363,6 +381,7 @@ private:
     FolderRecord recorded_; ///< of the folder, as it was before it was copied
     HeldFile madeImage_;    ///< the image as it was made
     RecordedRemoval::Leftovers leftovers_;
+    std::optional<Path> formerKeyFile_; ///< of an item that had this name, where it is now
     Filesystem filesystem_;
     std::shared_ptr<OperationNote> note_;
     OperationProgress progress_;

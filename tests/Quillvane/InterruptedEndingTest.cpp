@@ -2,6 +2,7 @@
 #include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultError.h"
 #include "tests/Quillvane/InterruptedFixture.h"
+#include "tests/support/KeyFileReader.h"
 
 namespace {
 
@@ -166,6 +167,16 @@ TEST_F(InterruptedEndingTest, AnImageWithoutItsNameGetsIt) {
     EXPECT_EQ(finish().result, item);
     expectOnlyItem();
     EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(InterruptedEndingTest, TheKeyFileOfAnItemThatWasMovedAwayIsKept) {
+    protectUntilDeleted();
+    const std::string former = KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode();
+    writeFile(KeyStore::path(item), former);
+    const std::string kept = KeyStore::path(item).string() + ".old";
+    EXPECT_THAT(finish().message, HasSubstr("\".Docs.quillvane.qvkeys.old\""));
+    EXPECT_EQ(readFile(kept), former);
+    EXPECT_EQ(KeyFileReader::vaultKey(readFile(KeyStore::path(item)), "right"), vaultKey.text());
 }
 
 TEST_F(InterruptedEndingTest, AnotherFolderInThePlaceOfTheDeletedOneStays) {

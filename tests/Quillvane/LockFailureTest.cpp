@@ -1,4 +1,5 @@
 #include "Quillvane/ErrorText.h"
+#include "Quillvane/KeyMetadata.h"
 #include "Quillvane/OperationNote.h"
 #include "tests/Quillvane/LockFixture.h"
 
@@ -260,6 +261,17 @@ TEST_F(LockFailureTest, ARenameThatFailsLeavesAnImageItsPasswordOpens) {
                   "\nNo such file or directory");
     EXPECT_EQ(KeyFileReader::vaultKey(readFile(workingKeyFile()), "pässword"), keyGivenToTool());
     EXPECT_EQ(names().size(), 1U) << "and no key file for an item that is not there";
+}
+
+TEST_F(LockFailureTest, ARenameThatFailsLeavesTheKeyFileOfAnItemThatWasMovedAway) {
+    const std::string former = KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode();
+    writeFile(keyFile, former);
+    actions["Finalizing the encrypted item…"] = [&] {
+        fs::rename(workingImage(), tools.folder() / "elsewhere");
+    };
+    lockError();
+    EXPECT_EQ(readFile(keyFile), former);
+    EXPECT_EQ(names().size(), 2U) << "beside the working key file";
 }
 
 /// While it lives, files of this process cannot grow beyond `bytes`, as on a full disk.

@@ -185,6 +185,27 @@ TEST_F(LockTest, WhatAppearsAtTheTargetMeanwhileGivesWay) {
     EXPECT_EQ(names().size(), 2U);
 }
 
+TEST_F(LockTest, TheKeyFileOfAnItemThatWasMovedAwayIsKept) {
+    const std::string former = KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode();
+    writeFile(keyFile, former);
+    EXPECT_THAT(lock().leftBehind, testing::EndsWith("\".My Docs.quillvane.qvkeys.old\"."));
+    EXPECT_EQ(readFile(keyFile.string() + ".old"), former);
+    EXPECT_EQ(KeyFileReader::vaultKey(readFile(keyFile), "pässword"), keyGivenToTool());
+}
+
+TEST_F(LockTest, AndSoIsThatOfTheItemBefore) {
+    writeFile(keyFile, KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode());
+    writeFile(keyFile.string() + ".old", "older");
+    EXPECT_THAT(lock().leftBehind, testing::EndsWith("\".My Docs.quillvane.qvkeys.old2\"."));
+    EXPECT_EQ(readFile(keyFile.string() + ".old"), "older");
+}
+
+TEST_F(LockTest, WhatIsNoKeyFileGivesWay) {
+    writeFile(keyFile, "garbage");
+    EXPECT_EQ(lock().leftBehind, "");
+    EXPECT_EQ(names(), (Names{".My Docs.quillvane.qvkeys", "My Docs.quillvane"}));
+}
+
 TEST_F(LockTest, ItsNoteTellsHowFarItCame) {
     const auto note = [this] { return readFile(tools.notes().at(0)); };
     actions["Creating the encrypted vault"] = [&] {
