@@ -58,6 +58,15 @@ bool isOwnFile(const Path& path) {
            status->st_nlink == 1;
 }
 
+/// A working image that this user is told of though it is another's: one that the system's
+/// administrator made in a folder of this user, and any for the administrator. Files of others,
+/// who could leave as many as they like in a shared directory, are not told.
+bool isForeignToTell(const Path& path) {
+    const auto status = statusOf(path);
+    return status && S_ISREG(status->st_mode) && status->st_uid != ::geteuid() &&
+           (status->st_uid == 0 || ::geteuid() == 0);
+}
+
 bool hasKeyFile(const Path& image) {
     const auto text = KeyStore::read(image);
     return text && KeyMetadata::decode(*text);
@@ -170,17 +179,21 @@ void addStrayImages(const Path& directory, const std::vector<OperationNote::Entr
     for (fs::directory_iterator entry(directory, error), end; !error && entry != end;
          entry.increment(error)) {
         const std::string name = entry->path().filename().string();
-        if (!isWorkingName(name) || !isOwnFile(entry->path())) continue;
+        const bool foreign = isForeignToTell(entry->path());
+        if (!isWorkingName(name) || !(foreign || isOwnFile(entry->path()))) continue;
         const bool noted = std::ranges::any_of(notes, [&](const auto& note) {
             return note.contents.image == name && note.contents.directory == directory;
         });
-        if (noted || Platform::isImageInUse(entry->path())) continue;
+        // Of what cannot be read nobody can tell whether it is in use.
+        const bool unknown = foreign && ::access(entry->path().c_str(), R_OK) != 0;
+        if (noted || (!unknown && Platform::isImageInUse(entry->path()))) continue;
         Contents contents;
         contents.directory = directory;
         contents.image = name;
-        found.push_back({hasKeyFile(entry->path()) ? State::strayOpenable : State::strayImage,
-                         {},
-                         std::move(contents)});
+        const State state = foreign                     ? State::strayForeign
+                            : hasKeyFile(entry->path()) ? State::strayOpenable
+                                                        : State::strayImage;
+        found.push_back({state, {}, std::move(contents)});
     }
 }
 
@@ -264,6 +277,11 @@ std::string text(const Found& found) {
                ": " + inQuotes(found.contents.image) +
                ". Its password opens it once it and its key file have the names of an item: "
                "NAME.quillvane and .NAME.quillvane.qvkeys.";
+    if (found.state == State::strayForeign)
+        return "The encrypted copy of a folder is in " + found.contents.directory.string() + ": " +
+               inQuotes(found.contents.image) +
+               ". Another user has made it, as with sudo, and may be at work on it. Don't delete "
+               "it: it may hold what is missing in the folder. That user can finish or undo it.";
     return found.contents.operation == OperationNote::Operation::protect ? textOfProtection(found)
                                                                          : textOfRemoval(found);
 }

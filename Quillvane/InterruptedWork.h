@@ -46,6 +46,7 @@ enum class State {
     // Without a note
     strayImage,    ///< a working image that nobody can open
     strayOpenable, ///< a working image with its key file
+    strayForeign,  ///< a working image of another user, who may be at work on it
 };
 
 struct Found {

@@ -33,7 +33,7 @@ TEST(InterruptedLabelsTest, SayWhatBecomesOfARemoval) {
 TEST(InterruptedLabelsTest, WhatIsOnlyToldIsNoChoice) {
     EXPECT_EQ(labels(State::named), "OK|");
     EXPECT_FALSE(InterruptedWork::isChoice(noted(State::named)));
-    for (const State state : {State::strayImage, State::strayOpenable}) {
+    for (const State state : {State::strayImage, State::strayOpenable, State::strayForeign}) {
         EXPECT_EQ(labels(state), "OK|");
         EXPECT_FALSE(InterruptedWork::isChoice({state, {}, {}}));
     }

@@ -166,6 +166,16 @@ TEST_F(InterruptedWorkTest, ImagesWithoutANoteAreToldAndNeverTouched) {
     EXPECT_TRUE(InterruptedWork::find().empty()) << "directories are not searched unasked";
 }
 
+TEST_F(InterruptedWorkTest, ImagesOfAnotherUserAreToldAsTheirs) {
+    writeFile(image, "image");
+    constexpr uid_t nobody = 65534;
+    if (::chown(image.c_str(), nobody, nobody) != 0)
+        GTEST_SKIP() << "needs root, to give a file away";
+    EXPECT_EQ(found().state, State::strayForeign);
+    EXPECT_THAT(refusal([this] { undo(); }), HasSubstr("Don't delete it"));
+    EXPECT_EQ(readFile(image), "image");
+}
+
 TEST_F(InterruptedWorkTest, NeitherOthersNamesNorImagesInUseAreTold) {
     writeFile(parent / ".Quillvane-backup.sparseimage", "");
     fs::create_symlink("Docs/file", image);
