@@ -2,10 +2,12 @@
 
 import os
 import pathlib
+import re
 import select
 import shutil
 import signal
 import subprocess
+import tempfile
 import time
 
 import quillvane
@@ -17,6 +19,18 @@ WIDE_REGISTERS = quillvane.BUILD / "tests/kernel/libwide-registers.so"
 
 class GuestError(Exception):
     """The kernel did not come to its end; the text is its console."""
+
+
+def reasonNotToRun():
+    """Why no such kernel runs here; None where it does."""
+    try:
+        with tempfile.TemporaryDirectory() as scratch:
+            Guest(scratch).run("test -d /sys/module/dm_crypt")
+    except (OSError, GuestError, AssertionError) as error:
+        reason = re.search("panic.*|not found.*|no dm-crypt|No such.*", str(error))
+        return "user-mode Linux with dm-crypt does not run here: " + (
+            reason[0] if reason else str(error))
+    return None
 
 
 class Guest:

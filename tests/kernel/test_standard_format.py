@@ -5,11 +5,9 @@ opens again whatever they did to it."""
 import os
 import pathlib
 import pickle
-import re
 import shutil
 import signal
 import subprocess
-import tempfile
 import unittest
 
 import changes
@@ -41,13 +39,8 @@ class StandardFormatTest(quillvane.Case):
     @classmethod
     def setUpClass(cls):
         super().setUpClass()
-        try:
-            with tempfile.TemporaryDirectory() as scratch:
-                guest.Guest(scratch).run("test -d /sys/module/dm_crypt")
-        except (OSError, guest.GuestError, AssertionError) as error:
-            reason = re.search("panic.*|not found.*|no dm-crypt|No such.*", str(error))
-            raise unittest.SkipTest("user-mode Linux with dm-crypt does not run here: " +
-                                    (reason[0] if reason else str(error))) from None
+        if reason := guest.reasonNotToRun():
+            raise unittest.SkipTest(reason)
 
     def setUp(self):
         super().setUp()
