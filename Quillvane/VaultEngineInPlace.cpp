@@ -5,7 +5,9 @@
 #include "Platform.h"
 #include "VaultError.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -101,6 +103,12 @@ void requireNoLink(const Path& folder, const Path& item) {
     throw VaultError::targetFolderExists(folder.filename());
 }
 
+/// Another program may have closed the volume at the same time. Of one that is gone for another
+/// reason, as when its server was killed, nobody knows whether it holds what was saved last.
+bool wasNotThere(const ProcessResult& detached) {
+    return detached.stderrString().find(std::strerror(ENOENT)) != std::string::npos;
+}
+
 void setHidden(const Path& item, bool hidden) {
     [[maybe_unused]] const std::error_code ignored = Platform::setHidden(item, hidden);
     KeyStore::setHidden(item, hidden);
@@ -150,8 +158,7 @@ SmartMount openAsFolder(const Path& container, const Credential& credential,
 void deactivateInPlace(const std::string& mountPath) {
     const Path folder = itemPath(mountPath);
     const ProcessResult result = runDiskImageTool({"detach", folder.string()});
-    // Another program may have closed it at the same time, which fails one of the two.
-    if (result.exitCode != 0 && isMountedOr(folder, true)) {
+    if (result.exitCode != 0 && !(wasNotThere(result) && !isMountedOr(folder, true))) {
         if (reportsBusy(result.standardError)) throw VaultError::detachBusy();
         throw VaultError::detachFailed(trimmed(result.stderrString()));
     }

@@ -20,6 +20,7 @@ constexpr std::chrono::seconds writeBehindPause{5};
 // The kernel ends the connection right after an unmount, unless the volume is also mounted in
 // another namespace; the server does not wait for that one.
 constexpr int unmountMilliseconds = 2000;
+constexpr int mostAtOnce = 8; // callers that ask for the end
 
 bool readable(int fd, int milliseconds) {
     pollfd waiting{fd, POLLIN, 0};
@@ -73,6 +74,9 @@ void VolumeControl::run() noexcept {
         else if (waiting[2].revents != 0)
             serve(socket_.accept());
     }
+    // Who has asked for the same meanwhile gets the same answer.
+    for (int i = 0; i < mostAtOnce && readable(socket_.fd(), 0); ++i)
+        if (FileDescriptor client = socket_.accept()) waiting_.push_back(std::move(client));
     awaitLoopEnd();
 }
 

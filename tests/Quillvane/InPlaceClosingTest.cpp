@@ -71,6 +71,15 @@ TEST_F(InPlaceClosingTest, AFailedDetachIsDoneWhenAnotherProgramHasClosedTheVolu
     EXPECT_EQ(entries(), closed);
 }
 
+TEST_F(InPlaceClosingTest, AVolumeThatNobodyHasSeenClosedIsNotCalledClosed) {
+    fs::create_directory(folder);
+    tools.play("hdiutil", "detach",
+               "echo \"detach failed - the volume's server ended unexpectedly\" >&2; exit 1");
+    EXPECT_EQ(failureKind([&] { deactivate(); }), Case::detachFailed);
+    recover();
+    EXPECT_EQ(entries(), closed);
+}
+
 // Recovering
 
 TEST_F(InPlaceClosingTest, RecoveringChangesNothingWhileTheVolumeIsThere) {

@@ -314,6 +314,7 @@ class Close(Open):
 
     name = "close"
     serving = {0: False, 1: True}
+    leaves = ("hdiutil: detach failed - the volume's server ended unexpectedly",)
 
     def commands(self):
         return [[in_place.DRIVER, "open", self.item],
