@@ -14,22 +14,6 @@ class Show(WindowCase):
     def setUp(self):
         super().setUp()
         self.acceptTerms()
-        self._installFileManager()
-
-    def _installFileManager(self):
-        """The program that opens folders here writes down what it is asked to open."""
-        self.shown = self.directory / "shown"
-        self.shown.touch()
-        manager = self.directory / "file-manager"
-        manager.write_text(f"#!/bin/sh\nprintf '%s\\n' \"$@\" >> '{self.shown}'\n")
-        manager.chmod(0o755)
-        applications = self.home / ".local/share/applications"
-        applications.mkdir(parents=True)
-        (applications / "file-manager.desktop").write_text(
-            f"[Desktop Entry]\nType=Application\nName=Files\nExec={manager} %U\n"
-            "MimeType=inode/directory;\n")
-        (self.home / ".config/mimeapps.list").write_text(
-            "[Default Applications]\ninode/directory=file-manager.desktop\n")
 
     def assertShown(self, *paths):
         expected = [str(path) for path in paths]

@@ -36,6 +36,7 @@ class WindowCase(BusCase):
                              "XDG_CONFIG_HOME": str(self.home / ".config"),
                              "XDG_CACHE_HOME": str(self.home / ".cache"),
                              "XDG_DATA_HOME": str(self.home / ".local/share")}
+        self._installFileManager()
         self._startDisplay()
         self._background("openbox", "--sm-disable")
         self._background("/usr/libexec/at-spi-bus-launcher", "--launch-immediately")
@@ -45,6 +46,23 @@ class WindowCase(BusCase):
         self._accessibility = dbus.bus.BusConnection(str(address))
         self._accessibility.set_exit_on_disconnect(False)
         self.addCleanup(self._accessibility.close)
+
+    def _installFileManager(self):
+        """The program that opens folders here writes down what it is asked to open: whatever this
+        computer has for them would take the focus."""
+        self.shown = self.directory / "shown"
+        self.shown.touch()
+        manager = self.directory / "file-manager"
+        manager.write_text(f"#!/bin/sh\nprintf '%s\\n' \"$@\" >> '{self.shown}'\n")
+        manager.chmod(0o755)
+        applications = self.home / ".local/share/applications"
+        applications.mkdir(parents=True)
+        (applications / "file-manager.desktop").write_text(
+            f"[Desktop Entry]\nType=Application\nName=Files\nExec={manager} %U\n"
+            "MimeType=inode/directory;\n")
+        (self.home / ".config").mkdir()
+        (self.home / ".config/mimeapps.list").write_text(
+            "[Default Applications]\ninode/directory=file-manager.desktop\n")
 
     def _background(self, *command, **options):
         process = subprocess.Popen(command, env=self.environment, cwd=self.home,
