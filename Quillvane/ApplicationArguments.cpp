@@ -15,23 +15,28 @@ bool looksLikeUrl(std::string_view word) {
 
 } // namespace
 
-QList<QUrl> itemsInArguments(std::span<const char* const> words,
-                             const std::filesystem::path& workingDirectory) {
-    QList<QUrl> items;
+ApplicationArguments ApplicationArguments::parse(std::span<const char* const> words,
+                                                 const std::filesystem::path& workingDirectory) {
+    QList<QUrl> files;
     bool optionsEnded = false;
+    bool protect = false;
     for (const std::string_view word : words) {
         if (!optionsEnded && word == "--") {
             optionsEnded = true;
+        } else if (!optionsEnded && word == "--protect") {
+            protect = true;
         } else if (!optionsEnded && word.size() > 1 && word.front() == '-') {
-            throw UnknownOptionError("unknown option: " + std::string(word));
+            throw WrongUsageError("unknown option: " + std::string(word));
         } else if (looksLikeUrl(word)) {
             const QUrl url =
                 QUrl::fromEncoded(QByteArray(word.data(), word.size()), QUrl::StrictMode);
             const std::filesystem::path path = filePath(url);
-            if (!path.empty()) items.append(fileUrl(path));
+            if (!path.empty()) files.append(fileUrl(path));
         } else if (!word.empty()) {
-            items.append(fileUrl(workingDirectory / word));
+            files.append(fileUrl(workingDirectory / word));
         }
     }
-    return items;
+    if (!protect) return {.items = files, .folderToProtect = {}};
+    if (files.size() != 1) throw WrongUsageError("--protect takes one folder of this computer");
+    return {.items = {}, .folderToProtect = files.first()};
 }

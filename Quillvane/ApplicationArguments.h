@@ -7,16 +7,22 @@
 #include <span>
 #include <stdexcept>
 
-/// The items to open among the words after the program's name and Qt's own options: paths, taken
-/// from `workingDirectory` when they are relative, or "file:" URLs. A URL that names no local file
-/// is left out. The application has no options; "--" goes before a name that looks like one.
-/// Throws `UnknownOptionError`, and `std::filesystem::filesystem_error` for a relative path when
-/// there is no working directory.
-QList<QUrl> itemsInArguments(std::span<const char* const> words,
-                             const std::filesystem::path& workingDirectory);
+/// What a start of the application is asked to do.
+struct ApplicationArguments {
+    QList<QUrl> items;    ///< to be opened
+    QUrl folderToProtect; ///< empty when there is none; items are given without it
 
-/// A word that looks like an option; the text names it.
-class UnknownOptionError : public std::runtime_error {
+    /// Understands the words after the program's name and Qt's own options: items, or "--protect"
+    /// and one folder. Each is a path, taken from `workingDirectory` when it is relative, or a
+    /// "file:" URL; a URL that names no local file is left out. "--" goes before a name that looks
+    /// like an option. Throws `WrongUsageError`, and `std::filesystem::filesystem_error` for a
+    /// relative path when there is no working directory.
+    static ApplicationArguments parse(std::span<const char* const> words,
+                                      const std::filesystem::path& workingDirectory);
+};
+
+/// A command line that cannot be understood; the text says why.
+class WrongUsageError : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "ApplicationArguments.h"
+
 #include <QList>
 #include <QObject>
 #include <QUrl>
@@ -10,8 +12,8 @@
 
 class ApplicationService;
 
-/// Sees to it that the user's session has one running instance of the application, which opens the
-/// items of every later start. One body per system stands in the folder named after it.
+/// Sees to it that the user's session has one running instance of the application, which does what
+/// every later start is asked to do. One body per system stands in the folder named after it.
 ///
 /// For the main thread. To be made after the application object and before anything else that acts
 /// when the application is about to quit, see `release`.
@@ -29,11 +31,12 @@ public:
     static QVariantMap platformDataFromEnvironment();
 
     enum class Role { running, handedOver };
-    /// Makes this process the running instance, which opens `items` itself and gets those of others
-    /// as soon as its event loop runs; or hands everything to the instance that runs already, after
-    /// which this process is to end. A system that cannot tell lets each start run by itself.
+    /// Makes this process the running instance, which does itself what is asked here, and what
+    /// others are asked as soon as its event loop runs; or hands everything to the instance that
+    /// runs already, after which this process is to end. A system that cannot tell lets each start
+    /// run by itself.
     /// Throws `ApplicationInstanceError` when the running instance does not answer.
-    Role start(const QList<QUrl>& items, const QVariantMap& platformData);
+    Role start(const ApplicationArguments& asked, const QVariantMap& platformData);
 
     /// From now on a start becomes an instance of its own. Done by itself, first of all, when the
     /// application is about to quit, for what else is done then may take its time.
@@ -42,6 +45,8 @@ public:
 signals:
     /// Items are to be opened, given to this start or to another.
     void opened(const QList<QUrl>& items);
+    /// A folder is to be offered for protection, likewise.
+    void protectionAsked(const QUrl& folder);
     /// Another start, or the desktop, wants the window in front. `platformData` is as above.
     void activated(const QVariantMap& platformData);
 

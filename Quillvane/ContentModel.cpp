@@ -1,5 +1,6 @@
 #include "ContentModel.h"
 
+#include "DropRules.h"
 #include "DurableFile.h"
 #include "FileManager.h"
 #include "FileUrl.h"
@@ -46,6 +47,9 @@ ContentModel::ContentModel(VaultViewModel& viewModel, SmartFolderManager& smart,
         wipeSheet(); // it was typed for another item
         emit pendingNameChanged();
     });
+    connect(&router, &OpenRouter::pendingFolderChanged, this, &ContentModel::takePendingFolder);
+    connect(this, &ContentModel::changed, this, &ContentModel::takePendingFolder);
+    takePendingFolder(); // the program was started with it
 }
 
 ContentModel::~ContentModel() {
@@ -210,6 +214,18 @@ void ContentModel::takeRecoveryKey() {
     viewModel_.smartCreateFolderURL.clear(); // it is an item now
     emit viewModel_.formChanged();
     viewModel_.presentRecoveryKey(created);
+}
+
+void ContentModel::takePendingFolder() {
+    const QUrl folder = router_.pendingFolder();
+    if (folder.isEmpty() || busy()) return; // a form is not changed while it is used
+    router_.setPendingFolder({});
+    const QUrl accepted = DropRules::accepted({folder}, true);
+    if (accepted.isEmpty()) return;
+    // As if it were dropped: the last operation's result stays, it may have come just now.
+    viewModel_.mode = Mode::lock;
+    viewModel_.lockFolderURL = accepted;
+    emit viewModel_.formChanged();
 }
 
 void ContentModel::tellEnding(const InterruptedFindings::Ending& ending) {

@@ -103,6 +103,7 @@ signals:
 private:
     void wipeSheet();
     void takeRecoveryKey();
+    void takePendingFolder();
     void tellEnding(const InterruptedFindings::Ending& ending);
     void tellFailedEnding(const QString& text, bool wasCancelled);
     /// No form asks for what the ending has taken away.

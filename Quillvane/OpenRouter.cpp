@@ -10,3 +10,9 @@ void OpenRouter::setPendingContainer(const QUrl& item) {
     pendingContainer_ = item;
     emit pendingContainerChanged();
 }
+
+void OpenRouter::setPendingFolder(const QUrl& folder) {
+    if (folder.isEmpty() && pendingFolder_.isEmpty()) return;
+    pendingFolder_ = folder;
+    emit pendingFolderChanged();
+}

@@ -3,9 +3,10 @@
 #include <QObject>
 #include <QUrl>
 
-/// Where an item that the file manager asked for waits until the window handles it.
+/// Where an item that the file manager wants opened, and a folder that it wants protected, wait
+/// until the window handles them.
 ///
-/// For the main thread. Whoever handles the item sets none; the router never does so by itself.
+/// For the main thread. Whoever handles one sets none; the router never does so by itself.
 class OpenRouter : public QObject {
     Q_OBJECT
     /// The item's "file:" URL; empty when there is none.
@@ -20,11 +21,16 @@ public:
 
     QUrl pendingContainer() const { return pendingContainer_; }
     void setPendingContainer(const QUrl& item);
+    /// The folder's "file:" URL, likewise.
+    QUrl pendingFolder() const { return pendingFolder_; }
+    void setPendingFolder(const QUrl& folder);
 
 signals:
     /// An item came, be it the one that waits already, or the item was taken away.
     void pendingContainerChanged();
+    void pendingFolderChanged();
 
 private:
     QUrl pendingContainer_;
+    QUrl pendingFolder_;
 };

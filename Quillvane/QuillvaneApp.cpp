@@ -91,10 +91,12 @@ int run(std::span<const char* const> words, const QVariantMap& platformData) {
     AppDelegate delegate;
     ApplicationInstance instance;
     QObject::connect(&instance, &ApplicationInstance::opened, &delegate, &AppDelegate::open);
+    QObject::connect(&instance, &ApplicationInstance::protectionAsked, &OpenRouter::shared(),
+                     &OpenRouter::setPendingFolder);
     delegate.applicationDidFinishLaunching();
     std::error_code unknown;
-    const QList<QUrl> items = itemsInArguments(words, std::filesystem::current_path(unknown));
-    if (instance.start(items, platformData) == ApplicationInstance::Role::handedOver) return done;
+    const auto asked = ApplicationArguments::parse(words, std::filesystem::current_path(unknown));
+    if (instance.start(asked, platformData) == ApplicationInstance::Role::handedOver) return done;
 
     const TerminationSignals termination;
     QObject::connect(&termination, &TerminationSignals::received, [] { QCoreApplication::quit(); });
@@ -116,7 +118,7 @@ int main(int argc, char* argv[]) {
     try {
         return run(std::span<const char* const>(argv, argc).subspan(argc > 0 ? 1 : 0),
                    platformData);
-    } catch (const UnknownOptionError& error) {
+    } catch (const WrongUsageError& error) {
         complain(error);
         return wrongUsage;
     } catch (const std::exception& error) {

@@ -9,6 +9,8 @@
 #include <QStringList>
 #include <QVariantList>
 
+#include <utility>
+
 // The bus gives the name to one process at a time, which settles every race between two starts: the
 // one that does not get it hands over to the one that did. The object is there before the name is,
 // and what comes in waits for the event loop, so that no call is lost.
@@ -34,16 +36,30 @@ bool mayRun(const QDBusConnection& bus) {
     return answer.arguments().value(0).toUInt() != exists;
 }
 
-/// The call that another start hands to the running instance.
-QDBusMessage handOverCall(const QList<QUrl>& items, const QVariantMap& platformData) {
-    QDBusMessage call = QDBusMessage::createMethodCall(
-        ApplicationService::name, ApplicationService::path, ApplicationService::interface,
-        items.isEmpty() ? "Activate" : "Open");
-    if (!items.isEmpty()) {
-        QStringList uris;
-        for (const QUrl& item : items) uris.append(QString::fromLatin1(item.toEncoded()));
-        call << uris;
+QString uriOf(const QUrl& file) {
+    return QString::fromLatin1(file.toEncoded());
+}
+
+/// The method of the running instance for what a start is asked to do, with its arguments but for
+/// the platform data.
+std::pair<const char*, QVariantList> methodFor(const ApplicationArguments& asked) {
+    if (!asked.folderToProtect.isEmpty()) {
+        const QVariantList parameter{uriOf(asked.folderToProtect)};
+        return {"ActivateAction",
+                QVariantList{QString(ApplicationService::protectAction), QVariant(parameter)}};
     }
+    if (asked.items.isEmpty()) return {"Activate", {}};
+    QStringList uris;
+    for (const QUrl& item : asked.items) uris.append(uriOf(item));
+    return {"Open", QVariantList{uris}};
+}
+
+/// The call that another start hands to the running instance.
+QDBusMessage handOverCall(const ApplicationArguments& asked, const QVariantMap& platformData) {
+    const auto [method, arguments] = methodFor(asked);
+    QDBusMessage call = QDBusMessage::createMethodCall(
+        ApplicationService::name, ApplicationService::path, ApplicationService::interface, method);
+    call.setArguments(arguments);
     call << platformData;
     // If the instance has gone it is for us to take its place, not for the bus to start another.
     call.setAutoStartService(false);
@@ -67,7 +83,7 @@ QVariantMap ApplicationInstance::platformDataFromEnvironment() {
          {"activation-token", qEnvironmentVariable("XDG_ACTIVATION_TOKEN")}});
 }
 
-ApplicationInstance::Role ApplicationInstance::start(const QList<QUrl>& items,
+ApplicationInstance::Role ApplicationInstance::start(const ApplicationArguments& asked,
                                                      const QVariantMap& platformData) {
     QDBusConnection bus = QDBusConnection::sessionBus();
     service_ = new ApplicationService(*this);
@@ -80,11 +96,12 @@ ApplicationInstance::Role ApplicationInstance::start(const QList<QUrl>& items,
         if (attempt == attempts || deadline.remainingTime() < patience_.count() / 10)
             throw ApplicationInstanceError("Quillvane is already running but does not answer. End "
                                            "it, or log out and in again, then try once more.");
-        const QDBusMessage answer = bus.call(handOverCall(items, platformData), QDBus::Block,
+        const QDBusMessage answer = bus.call(handOverCall(asked, platformData), QDBus::Block,
                                              static_cast<int>(deadline.remainingTime()));
         if (answer.type() == QDBusMessage::ReplyMessage) return Role::handedOver;
     }
-    if (!items.isEmpty()) emit opened(items);
+    if (!asked.items.isEmpty()) emit opened(asked.items);
+    if (!asked.folderToProtect.isEmpty()) emit protectionAsked(asked.folderToProtect);
     return Role::running;
 }
 

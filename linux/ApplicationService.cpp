@@ -13,6 +13,17 @@
 const char* const ApplicationService::name = "org.quillvane.Quillvane";
 const char* const ApplicationService::path = "/org/quillvane/Quillvane";
 const char* const ApplicationService::interface = "org.freedesktop.Application";
+const char* const ApplicationService::protectAction = "protect";
+
+namespace {
+
+/// The URL of a local file; empty when the text is none.
+QUrl localFile(const QString& uri) {
+    const QUrl url = QUrl::fromEncoded(uri.toUtf8(), QUrl::StrictMode);
+    return filePath(url).empty() ? QUrl() : url;
+}
+
+} // namespace
 
 ApplicationService::ApplicationService(ApplicationInstance& instance)
     : QDBusAbstractAdaptor(&instance), instance_(instance) {}
@@ -39,17 +50,22 @@ void ApplicationService::Open(const QStringList& uris, const QVariantMap& platfo
                               const QDBusMessage& call) {
     QList<QUrl> items;
     for (const QString& uri : uris) {
-        const QUrl url = QUrl::fromEncoded(uri.toUtf8(), QUrl::StrictMode);
-        if (!filePath(url).empty()) items.append(url);
+        const QUrl item = localFile(uri);
+        if (!item.isEmpty()) items.append(item);
     }
     if (!refusing_ && !items.isEmpty()) emit instance_.opened(items);
     activate(platform_data);
     answerLater(call);
 }
 
-void ApplicationService::ActivateAction(const QString&, const QVariantList&,
+void ApplicationService::ActivateAction(const QString& action_name, const QVariantList& parameter,
                                         const QVariantMap& platform_data,
                                         const QDBusMessage& call) {
+    if (action_name == protectAction && parameter.size() == 1) {
+        const bool isText = parameter.first().typeId() == QMetaType::QString;
+        const QUrl folder = isText ? localFile(parameter.first().toString()) : QUrl();
+        if (!refusing_ && !folder.isEmpty()) emit instance_.protectionAsked(folder);
+    }
     Activate(platform_data, call);
 }
 

@@ -20,6 +20,7 @@ public:
     static const char* const name; ///< of the instance on the bus, the application's id
     static const char* const path; ///< of the instance's object
     static const char* const interface;
+    static const char* const protectAction; ///< takes the URI of the folder to protect
 
     /// A child of `instance`, which emits what comes in.
     explicit ApplicationService(ApplicationInstance& instance);
@@ -35,7 +36,7 @@ public:
     Q_SLOT void Activate(const QVariantMap& platform_data, const QDBusMessage& call);
     Q_SLOT void Open(const QStringList& uris, const QVariantMap& platform_data,
                      const QDBusMessage& call);
-    /// Just brings the window to the front: the application offers no actions.
+    /// Any action but `protectAction` just brings the window to the front.
     Q_SLOT void ActivateAction(const QString& action_name, const QVariantList& parameter,
                                const QVariantMap& platform_data, const QDBusMessage& call);
 

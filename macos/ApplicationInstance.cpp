@@ -11,8 +11,10 @@ QVariantMap ApplicationInstance::platformDataFromEnvironment() {
     return {};
 }
 
-ApplicationInstance::Role ApplicationInstance::start(const QList<QUrl>& items, const QVariantMap&) {
-    if (!items.isEmpty()) emit opened(items);
+ApplicationInstance::Role ApplicationInstance::start(const ApplicationArguments& asked,
+                                                     const QVariantMap&) {
+    if (!asked.items.isEmpty()) emit opened(asked.items);
+    if (!asked.folderToProtect.isEmpty()) emit protectionAsked(asked.folderToProtect);
     return Role::running;
 }
 

@@ -136,9 +136,9 @@ class WindowCase(BusCase):
         self.assertEqual(0, self.program.wait(60))
         self.assertEqual("", self.complaints.read_text())
 
-    def openFromOutside(self, item):
+    def openFromOutside(self, *words):
         """What the file manager does for an item: another start, which hands it over and ends."""
-        other = self.run_(PROGRAM, item, timeout=30)
+        other = self.run_(PROGRAM, *words, timeout=30)
         self.assertEqual((0, "", ""), (other.returncode, other.stdout, other.stderr))
 
     def programThatWaits(self, tool):

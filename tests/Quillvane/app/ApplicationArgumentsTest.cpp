@@ -14,7 +14,7 @@ using ::testing::IsEmpty;
 
 std::vector<std::string> paths(std::vector<const char*> words) {
     std::vector<std::string> result;
-    for (const QUrl& url : itemsInArguments(words, "/home/ada"))
+    for (const QUrl& url : ApplicationArguments::parse(words, "/home/ada").items)
         result.push_back(filePath(url).string());
     return result;
 }
@@ -42,12 +42,12 @@ TEST(ApplicationArguments, LeavesOutWhatNamesNothing) {
                 ElementsAre("/home/ada/last"));
 }
 
-TEST(ApplicationArguments, KnowsNoOptions) {
-    for (const char* option : {"-x", "--help", "---", "--=\xff"}) {
+TEST(ApplicationArguments, KnowsNoOtherOptions) {
+    for (const char* option : {"-x", "--help", "---", "--=\xff", "--protect=/Docs"}) {
         try {
             paths({"Docs.quillvane", option});
             ADD_FAILURE() << option;
-        } catch (const UnknownOptionError& error) {
+        } catch (const WrongUsageError& error) {
             EXPECT_EQ(error.what(), std::string("unknown option: ") + option);
         }
     }
@@ -57,6 +57,24 @@ TEST(ApplicationArguments, TakesAnythingAfterTwoDashes) {
     EXPECT_THAT(paths({"a", "--", "-x", "--", "--help"}),
                 ElementsAre("/home/ada/a", "/home/ada/-x", "/home/ada/--", "/home/ada/--help"));
     EXPECT_THAT(paths({"--"}), IsEmpty());
+    EXPECT_THAT(paths({"--", "--protect"}), ElementsAre("/home/ada/--protect"));
+}
+
+TEST(ApplicationArguments, TakesOneFolderToProtect) {
+    using Words = std::vector<const char*>;
+    for (const Words& words :
+         {Words{"--protect", "Docs"}, Words{"Docs", "--protect"}, Words{"--protect", "--", "Docs"},
+          Words{"--protect", "file:///home/ada/Docs", "file:///a%zz"}}) {
+        const auto arguments = ApplicationArguments::parse(words, "/home/ada");
+        EXPECT_EQ(filePath(arguments.folderToProtect), "/home/ada/Docs");
+        EXPECT_THAT(arguments.items, IsEmpty());
+    }
+    EXPECT_TRUE(ApplicationArguments::parse(Words{"Docs"}, "/").folderToProtect.isEmpty());
+    for (const Words& words :
+         {Words{"--protect"}, Words{"--protect", ""}, Words{"--protect", "file://elsewhere/Docs"},
+          Words{"--protect", "Docs", "Other"}}) {
+        EXPECT_THROW(ApplicationArguments::parse(words, "/home/ada"), WrongUsageError);
+    }
 }
 
 } // namespace

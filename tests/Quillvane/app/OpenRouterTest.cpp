@@ -34,6 +34,20 @@ TEST_F(RouterTest, TellsOfEveryItemEvenOfTheSameAgain) {
     EXPECT_EQ(signals_, 3);
 }
 
+TEST_F(RouterTest, KeepsAFolderBesideTheItem) {
+    int told = 0;
+    QObject::connect(&router, &OpenRouter::pendingFolderChanged, [&] { ++told; });
+    router.setPendingFolder({});
+    EXPECT_EQ(told, 0);
+    router.setPendingFolder(QUrl("file:///home/ada/Docs"));
+    router.setPendingFolder(QUrl("file:///home/ada/Docs"));
+    EXPECT_EQ(told, 2);
+    EXPECT_EQ(router.pendingFolder(), QUrl("file:///home/ada/Docs"));
+    router.setPendingFolder({});
+    EXPECT_EQ(told, 3);
+    EXPECT_EQ(signals_, 0);
+}
+
 TEST_F(RouterTest, TellsOnceThatTheItemIsGone) {
     router.setPendingContainer(docs);
     router.setPendingContainer({});

@@ -37,7 +37,7 @@ void awaitEndOfInput() {
     while (read(STDIN_FILENO, &byte, 1) > 0) continue;
 }
 
-int run(const QList<QUrl>& items, const QVariantMap& platformData) {
+int run(const ApplicationArguments& asked, const QVariantMap& platformData) {
     AppDelegate delegate;
     ApplicationInstance instance(std::chrono::seconds(2));
     OpenRouter& router = OpenRouter::shared();
@@ -48,6 +48,9 @@ int run(const QList<QUrl>& items, const QVariantMap& platformData) {
     });
     QObject::connect(&router, &OpenRouter::pendingContainerChanged,
                      [&router] { say("pending " + router.pendingContainer().toEncoded()); });
+    QObject::connect(
+        &instance, &ApplicationInstance::protectionAsked, &router,
+        [](const QUrl& folder) { say("protect " + folder.toEncoded()); }, Qt::QueuedConnection);
     QSocketNotifier input(STDIN_FILENO, QSocketNotifier::Read);
     QObject::connect(&input, &QSocketNotifier::activated, [&input] {
         input.setEnabled(false);
@@ -55,7 +58,7 @@ int run(const QList<QUrl>& items, const QVariantMap& platformData) {
     });
 
     delegate.applicationDidFinishLaunching();
-    if (instance.start(items, platformData) == ApplicationInstance::Role::handedOver) {
+    if (instance.start(asked, platformData) == ApplicationInstance::Role::handedOver) {
         say("handed over");
         return 0;
     }
@@ -74,13 +77,13 @@ int main(int argc, char* argv[]) {
     const QGuiApplication application(argc, argv);
     try {
         std::error_code ignored;
-        return run(itemsInArguments(std::span<const char* const>(argv, argc).subspan(1),
-                                    std::filesystem::current_path(ignored)),
+        return run(ApplicationArguments::parse(std::span<const char* const>(argv, argc).subspan(1),
+                                               std::filesystem::current_path(ignored)),
                    platformData);
     } catch (const ApplicationInstanceError& error) {
         complain(error);
         return 1;
-    } catch (const UnknownOptionError& error) {
+    } catch (const WrongUsageError& error) {
         complain(error);
         return 2;
     }

@@ -145,6 +145,17 @@ class ArgumentsTest(StartCase):
         self.assertEqual((2, "unknown option: --help\n"), start.end())
         self.assertEqual([], start.rest())
 
+    def testOffersTheFolderOfItsArguments(self):
+        name = b"a b\n%\xff#"
+        start = self.running("--protect", name)
+        self.assertEqual("protect " + url(os.fsencode(self.work) + b"/" + name), start.line())
+        self.assertEndsWell(start)
+
+    def testOffersNothingWithoutAFolder(self):
+        start = self.start("--protect")
+        self.assertEqual((2, "--protect takes one folder of this computer\n"), start.end())
+        self.assertEqual([], start.rest())
+
     def testRunsAloneWithoutABus(self):
         for address in ("", f"unix:path={self.directory}/nowhere", "nonsense"):
             self.environment["DBUS_SESSION_BUS_ADDRESS"] = address
@@ -186,6 +197,15 @@ class OtherStartTest(StartCase):
         self.assertEqual("activated id_TIME1 -", first.line())
         self.assertHandedOver(self.start(XDG_ACTIVATION_TOKEN="tökén"))
         self.assertEqual("activated - tökén", first.line())
+        self.assertEndsWell(first)
+
+    def testHandsItsFolderOver(self):
+        first = self.running()
+        name = b"a b\n%\xff#"
+        self.assertHandedOver(self.start("--protect", name, XDG_ACTIVATION_TOKEN="token"))
+        self.assertEqual(
+            ["activated - token", "protect " + url(os.fsencode(self.work) + b"/" + name)],
+            first.lines(2))
         self.assertEndsWell(first)
 
     def testTwoAtTheSameMomentAreOneInstance(self):
@@ -283,7 +303,9 @@ class BusTest(StartCase):
                 ("Activate", ["{}"], ["activated - -"]),
                 ("Open", ["['file:///Docs.quillvane']", "{'activation-token': <'token'>}"],
                  ["activated - token", "pending file:///Docs.quillvane"]),
-                ("ActivateAction", ["new-window", "[<'any'>, <1>]", "{}"], ["activated - -"])):
+                ("ActivateAction", ["new-window", "[<'any'>, <1>]", "{}"], ["activated - -"]),
+                ("ActivateAction", ["protect", "[<'file:///Docs'>]", "{}"],
+                 ["activated - -", "protect file:///Docs"])):
             result = self.run_(*call, f"{APPLICATION}.{method}", *arguments)
             self.assertEqual((0, "()\n", ""), (result.returncode, result.stdout, result.stderr))
             self.assertEqual(lines, instance.lines(len(lines)))
@@ -316,6 +338,17 @@ class BusTest(StartCase):
         self.assertEqual("activated - -", instance.line())
         self.open()
         self.assertEqual("activated - -", instance.line())
+        self.assertEndsWell(instance)
+
+    def testIgnoresActionsThatMakeNoSense(self):
+        instance = self.running()
+        for action, *parameter in (
+                ("protect",), ("protect", "file:///a", "file:///b"), ("protect", "/a"),
+                ("protect", "file://elsewhere/a"), ("protect", dbus.Int32(1)),
+                ("protect", dbus.Array(["file:///a"], signature="s")), ("Protect", "file:///a")):
+            self.application().ActivateAction(action, dbus.Array(parameter, signature="v"),
+                                              dbus.Dictionary({}, signature="sv"))
+            self.assertEqual("activated - -", instance.line())
         self.assertEndsWell(instance)
 
     def testRefusesCallsOfTheWrongShape(self):
