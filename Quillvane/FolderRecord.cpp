@@ -32,8 +32,10 @@ std::uint64_t sizeOf(const struct stat& status) {
 }
 
 std::uint64_t lastingDigestOf(const struct stat& status) {
-    if (S_ISDIR(status.st_mode))
-        return digestOf({status.st_mode & S_IFMT, status.st_uid, status.st_gid});
+    if (S_ISDIR(status.st_mode)) {
+        const mode_t type = status.st_mode & S_IFMT; // S_IFMT is no unsigned number everywhere
+        return digestOf({type, status.st_uid, status.st_gid});
+    }
     return digestOf({status.st_mode, status.st_uid, status.st_gid,
                      static_cast<std::uint64_t>(status.st_rdev), sizeOf(status),
                      nanoseconds(Platform::modificationTime(status))});

@@ -8,6 +8,9 @@
 #include <string_view>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#if __has_include(<xlocale.h>) // macOS has there what other systems have in <locale.h>
+#include <xlocale.h>
+#endif
 
 namespace {
 
