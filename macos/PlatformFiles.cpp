@@ -2,14 +2,9 @@
 
 #include "Quillvane/FileDescriptor.h"
 
-#import <Foundation/Foundation.h>
-
-#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
-#include <sys/attr.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,30 +15,6 @@ namespace fs = std::filesystem;
 
 std::error_code lastError() {
     return {errno, std::generic_category()};
-}
-
-/// The number or Boolean that the system keeps for the item under `key`; 0 when it has none.
-std::int64_t resourceValue(const fs::path& path, NSURLResourceKey key) {
-    @autoreleasepool {
-        NSURL* url = [NSURL fileURLWithFileSystemRepresentation:path.c_str()
-                                                    isDirectory:YES
-                                                  relativeToURL:nil];
-        NSNumber* value = nil;
-        return [url getResourceValue:&value forKey:key error:nil] ? value.longLongValue : 0;
-    }
-}
-
-/// True when a volume is mounted at `folder`, a canonical path, or below it.
-bool holdsMount(const std::string& folder) {
-    const int count = ::getfsstat(nullptr, 0, MNT_NOWAIT);
-    std::vector<struct statfs> mounts(static_cast<std::size_t>(std::max(count, 0)) + 8);
-    const int read = ::getfsstat(
-        mounts.data(), static_cast<int>(mounts.size() * sizeof mounts.front()), MNT_NOWAIT);
-    const std::string inside = folder.ends_with('/') ? folder : folder + "/";
-    return std::any_of(mounts.begin(), mounts.begin() + std::max(read, 0), [&](const auto& mount) {
-        const std::string place = mount.f_mntonname;
-        return place == folder || place.starts_with(inside);
-    });
 }
 
 } // namespace
@@ -60,31 +31,6 @@ std::error_code setHidden(const fs::path& path, bool hidden) {
 bool isHidden(const fs::path& path) {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && (status.st_flags & UF_HIDDEN) != 0;
-}
-
-std::int64_t availableCapacity(const fs::path& path) {
-    return resourceValue(path, NSURLVolumeAvailableCapacityForImportantUsageKey);
-}
-
-std::optional<std::string> volumeName(const fs::path& path) {
-    @autoreleasepool {
-        NSURL* url = [NSURL fileURLWithFileSystemRepresentation:path.c_str()
-                                                    isDirectory:NO
-                                                  relativeToURL:nil];
-        NSString* name = nil;
-        if (![url getResourceValue:&name forKey:NSURLVolumeNameKey error:nil] || name == nil)
-            return std::nullopt;
-        return std::string(name.UTF8String);
-    }
-}
-
-bool isPackageOrVolumeRoot(const fs::path& path) {
-    const fs::path item = path.has_filename() ? path : path.parent_path();
-    std::error_code error;
-    if (fs::is_symlink(fs::symlink_status(item, error))) return fs::is_directory(item, error);
-    const std::string folder = fs::canonical(item, error).string();
-    if (error) return false;
-    return resourceValue(item, NSURLIsPackageKey) != 0 || holdsMount(folder);
 }
 
 void fullSync(int fd) {
