@@ -9,10 +9,6 @@ namespace Preferences {
 
 namespace fs = std::filesystem;
 
-std::unique_ptr<QSettings> open() {
-    return std::make_unique<QSettings>(QStringLiteral("Quillvane"), QStringLiteral("Quillvane"));
-}
-
 fs::path lockDirectory() {
     const QString caches = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
     fs::path directory = fs::path(QFile::encodeName(caches).toStdString()) / "quillvane";

@@ -1,6 +1,7 @@
 #include "SmartFolderStore.h"
 
 #include "PreferenceList.h"
+#include "Preferences.h"
 
 #include <QCryptographicHash>
 #include <QLockFile>
@@ -11,7 +12,7 @@
 
 namespace {
 
-const QString persistKey = QStringLiteral("quillvane.smartActive.v1");
+const QString persistKey = Preferences::keyOf(QStringLiteral("quillvane.smartActive.v1"));
 const QString nameKey = QStringLiteral("name");
 const QString containerKey = QStringLiteral("container");
 const QString mountPathKey = QStringLiteral("mountPath");

@@ -1,8 +1,11 @@
 #include "TermsOfUse.h"
 
+#include "Preferences.h"
+
 namespace {
 
-const QString acceptedVersionKey = QStringLiteral("quillvane.acceptedTermsVersion");
+const QString acceptedVersionKey =
+    Preferences::keyOf(QStringLiteral("quillvane.acceptedTermsVersion"));
 /// Raised when the terms change; everybody is asked again then.
 const QString presentVersion = QStringLiteral("2");
 
