@@ -11,6 +11,9 @@ class SystemEvents : public QObject {
     Q_OBJECT
 
 public:
+    /// To be called before the application object of a program without a window is made, whose
+    /// event loop need not be the system's own.
+    static void prepareEventLoop();
     /// The events of the system that the program runs on. Needs a running application object; what
     /// the system does not offer (no bus, say) never comes, which is no error. Never waits.
     ///

@@ -47,6 +47,8 @@ private:
 
 } // namespace
 
+void SystemEvents::prepareEventLoop() {} // what happens comes through files that Qt can watch
+
 std::unique_ptr<SystemEvents> SystemEvents::ofThisSystem() {
     return std::make_unique<LinuxSystemEvents>();
 }

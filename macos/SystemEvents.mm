@@ -45,7 +45,8 @@ namespace {
 /// The path in a notification of an unmounted volume; nil when there is none.
 NSString* volumePath(NSNotification* notification) {
     id url = notification.userInfo[NSWorkspaceVolumeURLKey];
-    if ([url isKindOfClass:NSURL.class] && [url path]) return [url path];
+    NSString* place = [url isKindOfClass:NSURL.class] ? static_cast<NSURL*>(url).path : nil;
+    if (place != nil) return place;
     id path = notification.userInfo[@"NSDevicePath"];
     return [path isKindOfClass:NSString.class] ? path : nil;
 }
@@ -87,6 +88,12 @@ private:
 };
 
 } // namespace
+
+void SystemEvents::prepareEventLoop() {
+    // Notifications come by the main run loop, which Qt takes for its event loop in programs with a
+    // window only.
+    qputenv("QT_EVENT_DISPATCHER_CORE_FOUNDATION", "1");
+}
 
 std::unique_ptr<SystemEvents> SystemEvents::ofThisSystem() {
     return std::make_unique<MacSystemEvents>();

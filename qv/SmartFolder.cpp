@@ -164,6 +164,7 @@ bool hasManager(const fs::path& item) {
 void runSmartFolder(const fs::path& path, std::optional<Credential> credential,
                     std::optional<int> minutes) {
     qInstallMessageHandler(dropMessage);
+    SystemEvents::prepareEventLoop();
     char name[] = "qv";
     char* arguments[] = {name, nullptr};
     int count = 1;
