@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 
 /// A directory of the test's own, removed with everything in it at the end.
 class TemporaryFolder {
