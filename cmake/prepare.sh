@@ -10,10 +10,10 @@ fail() {
 # installPackages LIST...: installs what is missing of the Debian packages named in the files.
 installPackages() {
     local packages=() missing=() installed package log
-    mapfile -t packages < <(grep -hv '^#' "$@")
     # Another system than Debian has these programs and libraries under names of its own; what is
     # missing there is named by the configuration of the build.
     command -v dpkg-query >/dev/null || return 0
+    mapfile -t packages < <(grep -hv '^#' "$@")
     installed=$(dpkg-query -W -f '${db:Status-Status} ${Package}\n' "${packages[@]}" 2>/dev/null || true)
     for package in "${packages[@]}"; do
         [[ $'\n'$installed$'\n' == *$'\n'"installed $package"$'\n'* ]] || missing+=("$package")
@@ -42,11 +42,12 @@ installPackages() {
 # build PRESET TESTING TARGET: configures build/PRESET where that has not been done, with the tests
 # when TESTING is ON, and builds TARGET; prints the build's output only when it fails.
 build() {
-    local preset=$1 testing=$2 target=$3 directory=$root/build/$1 log lock
+    local preset=$1 testing=$2 target=$3 directory=$root/build/$1 log
     mkdir -p "$directory"
     log=$directory/build.log
-    exec {lock}>"$directory/build.lock"
-    flock "$lock" # two runs at once must not build in one place
+    # Two runs at once must not build in one place. macOS has no such command, and an old shell.
+    exec 9>"$directory/build.lock"
+    ! command -v flock >/dev/null || flock 9
     if [[ ! -f $directory/build.ninja || $testing == ON ]]; then
         printf 'Configuring %s…\n' "$preset" >&2
         (cd "$root" && cmake --preset "$preset" -DBUILD_TESTING="$testing") \
@@ -57,7 +58,7 @@ build() {
         ninja --quiet -C "$directory" "$target" </dev/null >"$log" 2>&1 ||
             failWith "$log" "The build failed."
     fi
-    exec {lock}>&-
+    exec 9>&-
 }
 
 failWith() {
