@@ -5,9 +5,7 @@
 #include "Platform.h"
 #include "VaultError.h"
 
-#include <cerrno>
 #include <chrono>
-#include <cstring>
 #include <exception>
 #include <system_error>
 #include <thread>
@@ -104,9 +102,10 @@ void requireNoLink(const Path& folder, const Path& item) {
 }
 
 /// Another program may have closed the volume at the same time. Of one that is gone for another
-/// reason, as when its server was killed, nobody knows whether it holds what was saved last.
+/// reason, as when its server was killed, nobody knows whether it holds what was saved last. (The
+/// tool speaks English, whatever language this program is set to.)
 bool wasNotThere(const ProcessResult& detached) {
-    return detached.stderrString().find(std::strerror(ENOENT)) != std::string::npos;
+    return detached.stderrString().find("No such file or directory") != std::string::npos;
 }
 
 void setHidden(const Path& item, bool hidden) {
