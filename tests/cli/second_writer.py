@@ -7,10 +7,12 @@ import judge
 DRAFT = judge.DRAFT
 WRITTEN = DRAFT.swapcase()
 assert len(WRITTEN) == len(DRAFT) and WRITTEN != DRAFT
-# What it does in the folder, which fails when that is gone, and what it has written.
+# What it does in the folder, which fails when that is gone, and what it has written. A program
+# saves in place what it has read before: into a file that has been made, but not been filled yet,
+# it has nothing to save.
 WRITINGS = {
     "adds": (f"test -d Docs && printf {WRITTEN} > Docs/new", WRITTEN),
-    "saves": (f"test -f Docs/draft && printf {WRITTEN} 1<> Docs/draft", WRITTEN),
+    "saves": (f"grep -qF {DRAFT} Docs/draft && printf {WRITTEN} 1<> Docs/draft", WRITTEN),
     "replaces": (f"test -f Docs/draft && printf {WRITTEN} > Docs/new && mv Docs/new Docs/draft",
                  WRITTEN),
     "renames": ("mv Docs/draft Docs/new", DRAFT),
