@@ -1,21 +1,22 @@
 # Completion of qv for bash.
 
 _qv() {
-    local cur prev words cword
-    _init_completion -n = || return
+    local cur prev words cword split
+    _init_completion -s -n : || return
 
     # The command, whether its operand is there, and whether options have ended.
-    local word command= operand= ended=
+    local word before= command= operand= ended=
     for word in "${words[@]:1:cword-1}"; do
         if [[ $ended || $word != -* ]]; then
             if [[ ! $command ]]; then
                 command=$word
-            elif [[ ! $word =~ ^[0-9]+$ ]]; then # else it is a number of minutes
+            elif [[ $ended || $before != --minutes ]]; then
                 operand=$word
             fi
         elif [[ $word == -- ]]; then
             ended=yes
         fi
+        before=$word
     done
 
     if [[ $prev == --minutes && ! $ended ]]; then
@@ -37,4 +38,6 @@ _qv() {
             open | remove | change | smart | close | finish | undo) _filedir quillvane ;; # and folders
         esac
     fi
+    # Bash takes a colon for the end of a word, and replaces only what follows it.
+    __ltrim_colon_completions "$cur"
 } && complete -F _qv qv

@@ -1,8 +1,9 @@
 # Completion of qv for fish.
 
-# Folders, and the files whose name ends so.
+# Folders, and the files whose name ends so: of what fish offers for a command that it does not know,
+# and that does not exist.
 function __qv_items
-    __fish_complete_path (commandline -ct) | string match -ri '^[^\t]*(?:/|\.quillvane)(?:\t.*)?$'
+    complete -C"qv-of-no-kind "(commandline -ct) | string match -ri '^[^\t]*(?:/|\.quillvane)(?:\t.*)?$'
 end
 
 set -l commands lock open close remove change smart finish undo help

@@ -24,7 +24,7 @@ BASH = """
 . /usr/share/bash-completion/bash_completion
 . "$1"
 COMP_LINE=$2 COMP_POINT=${#2} COMP_TYPE=9 COMP_KEY=9
-IFS=' ' read -ra COMP_WORDS <<<"${2//=/ = }"
+IFS=' ' read -ra COMP_WORDS <<<"$(sed 's/[=:]/ & /g' <<<"$2")"
 [[ $2 != *' ' ]] || COMP_WORDS+=("")
 COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
 _qv qv "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}"
@@ -65,6 +65,16 @@ class Shells:
         self.assertEqual(sorted(FOLDERS + ITEMS), self.offered("qv open --recovery-key "))
         self.assertEqual(sorted(FOLDERS + ITEMS), self.offered("qv smart --minutes 5 "))
 
+    def testNamesThatBeginWithAHyphen(self):
+        (self.work / "-folder").mkdir()
+        (self.work / "-item.quillvane").touch()
+        self.assertEqual(["-item.quillvane"], self.offered("qv open -- -i"))
+        self.assertEqual(["A.quillvane"], self.offered("qv open A"))
+        self.assertEqual(["-folder"], self.offered("qv lock -- -f"))
+        self.assertEqual(sorted(["-folder", *FOLDERS]), self.offered("qv lock -- "))
+        self.assertEqual(sorted(["-folder", "-item.quillvane"] + FOLDERS + ITEMS),
+                         self.offered("qv open -- "))
+
 
 class BashTest(Shells, ShellCase):
     def offered(self, line):
@@ -74,8 +84,17 @@ class BashTest(Shells, ShellCase):
 
     def testOneOperandIsEnough(self):
         self.assertEqual([], self.offered("qv open A.quillvane "))
+        self.assertEqual([], self.offered("qv lock 2024 "))
         self.assertEqual(sorted(FOLDERS + ITEMS), self.offered("qv smart --minutes=5 "))
         self.assertEqual(sorted(FOLDERS + ITEMS), self.offered("qv open -- "))
+
+    def testNamesWithColons(self):
+        (self.work / "at10:30.quillvane").touch()
+        # What is before the colon is a word of its own to the shell, and stays.
+        self.assertEqual(["30.quillvane"], self.offered("qv open at10:3"))
+
+    def testMinutesAfterAnEqualsSign(self):
+        self.assertEqual(["30"], self.offered("qv smart --minutes=3"))
 
 
 class FishTest(Shells, ShellCase):
@@ -84,6 +103,11 @@ class FishTest(Shells, ShellCase):
                            COMPLETIONS / "qv.fish", line)
         self.assertEqual((0, ""), (result.returncode, result.stderr), line)
         return sorted(word.split("\t")[0].removesuffix("/") for word in result.stdout.splitlines())
+
+    def testPlacesAndQuotes(self):
+        self.environment["HOME"] = str(self.work)
+        self.assertEqual(["~/A.quillvane"], self.offered("qv open ~/A"))
+        self.assertEqual(["B b.QUILLVANE"], self.offered("qv open 'B b"))
 
 
 class ZshTest(Shells, ShellCase):
