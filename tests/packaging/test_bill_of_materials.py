@@ -65,6 +65,14 @@ class BillOfMaterials(Case):
         for name, found in needed.items():
             self.assertEqual(output("dpkg-query", "-W", "-f", "${Version}", name), found)
 
+    def testWhatThePackageNeedsIsThereWhereItIsMade(self):
+        """Libraries come with their headers; all else has to be in the lists itself."""
+        listed = {line for file in LISTS for line in file.read_text().splitlines()}
+        needed = {part.split(" ")[0] for part in field("Depends").split(", ")}
+        programs = {name for name in needed if not name.startswith("lib")}
+        self.assertLess({"fuse3", "qml6-module-qtquick"}, programs)
+        self.assertEqual(set(), programs - listed)
+
     def testNamesWhatItIsMadeWith(self):
         used = self.related("BUILD_DEPENDENCY_OF", "spdxElementId")
         for name in ("g++", "nlohmann-json3-dev", "asciidoctor"):
