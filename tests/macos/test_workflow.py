@@ -25,7 +25,7 @@ class WorkflowTest(unittest.TestCase):
 
     def testHasAJobForEachSystem(self):
         self.assertEqual({"linux", "macos"}, set(self.workflow["jobs"]))
-        self.assertEqual(["macos-13", "macos-14"],
+        self.assertEqual(["macos-15-intel", "macos-15"],
                          self.workflow["jobs"]["macos"]["strategy"]["matrix"]["runner"])
         self.assertIn(".ci/run", self.commands)
         self.assertTrue(os.access(SOURCE / ".ci/run", os.X_OK))
