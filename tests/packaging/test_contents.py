@@ -26,6 +26,8 @@ SHARED = {f"usr/share/{path}" for path in (
     "nemo/actions/quillvane.nemo_action",
     "bash-completion/completions/qv", "zsh/vendor-completions/_qv",
     "fish/vendor_completions.d/qv.fish", "doc/quillvane/copyright", "doc/quillvane/changelog.gz",
+    "man/man1/quillvane.1.gz", "man/man1/qv.1.gz", "doc/quillvane/html/index.html",
+    "doc/quillvane/damaged-items.md", "doc/quillvane/formats.md",
     *(f"icons/hicolor/{size}x{size}/{kind}/{name}.png"
       for kind, (name, _) in ICONS.items() for size in SIZES),
     *(f"icons/hicolor/scalable/{kind}/{name}.svg" for kind, (name, _) in ICONS.items()))}
