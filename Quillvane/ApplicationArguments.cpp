@@ -4,10 +4,23 @@
 
 #include <QByteArray>
 
-#include <string>
 #include <string_view>
 
 namespace {
+
+constexpr auto summary = R"(usage: quillvane [ITEM]
+       quillvane --protect FOLDER
+
+Opens the window: with ITEM, to open that item in place; with --protect, to protect the folder. If
+Quillvane is running, its window comes to the front and does it. In a terminal, use qv.
+
+options:
+  --protect     take what is given as a folder to protect
+  --            what follows is a path, even if it begins with "-"
+  -h, --help    show this text
+  --version     show the version
+
+exit status: 0 done, 1 failed, 2 wrong usage)";
 
 bool looksLikeUrl(std::string_view word) {
     return QByteArray(word.data(), word.size()).left(5).toLower() == "file:";
@@ -39,4 +52,11 @@ ApplicationArguments ApplicationArguments::parse(std::span<const char* const> wo
     if (!protect) return {.items = files, .folderToProtect = {}};
     if (files.size() != 1) throw WrongUsageError("--protect takes one folder of this computer");
     return {.items = {}, .folderToProtect = files.first()};
+}
+
+std::optional<std::string> ApplicationArguments::textToPrint(std::span<const char* const> words) {
+    const std::string_view word = words.empty() ? "" : words.front();
+    if (word == "--help" || word == "-h") return summary;
+    if (word == "--version") return "Quillvane " QUILLVANE_VERSION;
+    return {};
 }

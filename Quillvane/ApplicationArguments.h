@@ -4,8 +4,10 @@
 #include <QUrl>
 
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <stdexcept>
+#include <string>
 
 /// What a start of the application is asked to do.
 struct ApplicationArguments {
@@ -19,6 +21,10 @@ struct ApplicationArguments {
     /// relative path when there is no working directory.
     static ApplicationArguments parse(std::span<const char* const> words,
                                       const std::filesystem::path& workingDirectory);
+
+    /// The text to print in place of a start, when the first word asks for one: "--help" and "-h"
+    /// for a summary, "--version".
+    static std::optional<std::string> textToPrint(std::span<const char* const> words);
 };
 
 /// A command line that cannot be understood; the text says why.

@@ -107,6 +107,10 @@ int run(std::span<const char* const> words, const QVariantMap& platformData) {
 
 int main(int argc, char* argv[]) {
     Platform::disableCoreDumps();
+    const auto words = std::span<const char* const>(argv, argc).subspan(argc > 0 ? 1 : 0);
+    if (const auto text = ApplicationArguments::textToPrint(words)) {
+        return std::puts(text->c_str()) < 0 || std::fflush(stdout) != 0 ? failed : done;
+    }
     const QVariantMap platformData = ApplicationInstance::platformDataFromEnvironment();
     // The interface is flat: drawing it needs no graphics card, which would cost start and memory.
     if (!qEnvironmentVariableIsSet("QT_QUICK_BACKEND"))
@@ -116,6 +120,7 @@ int main(int argc, char* argv[]) {
     QApplication::setApplicationDisplayName(QStringLiteral("Quillvane"));
     QApplication::setDesktopFileName(QStringLiteral("org.quillvane.Quillvane"));
     try {
+        // Without Qt's own options, which it has taken out of them.
         return run(std::span<const char* const>(argv, argc).subspan(argc > 0 ? 1 : 0),
                    platformData);
     } catch (const WrongUsageError& error) {

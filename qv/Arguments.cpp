@@ -30,7 +30,7 @@ usage:
 
 options:
   --recovery-key   ask for the recovery key in place of the password (open, remove, change,
-                   smart; finish and undo of a removal)
+                   smart, finish, undo)
   --stdin          read the secrets from standard input, one on each line, in the order in which
                    they are asked for; a new password is given once (lock: the new password;
                    open, remove, smart: the password; change: the current one, then the new one;
@@ -42,8 +42,8 @@ options:
   --version        show the version
 
 Standard output carries results alone: lock prints the item's path and then its recovery key,
-which is shown this once; open prints the mount point, remove and smart the folder's path, finish and undo the path of what
-there is then.
+which is shown this once; open prints the mount point, remove and smart the folder's path, finish
+and undo the path of what there is then.
 
 exit status: 0 done, 1 failed, 2 wrong usage)";
 

@@ -11,6 +11,9 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Optional;
+using ::testing::StartsWith;
 
 std::vector<std::string> paths(std::vector<const char*> words) {
     std::vector<std::string> result;
@@ -51,6 +54,18 @@ TEST(ApplicationArguments, KnowsNoOtherOptions) {
             EXPECT_EQ(error.what(), std::string("unknown option: ") + option);
         }
     }
+}
+
+TEST(ApplicationArguments, PrintsWhatTheFirstWordAsksFor) {
+    const auto text = [](std::vector<const char*> words) {
+        return ApplicationArguments::textToPrint(words);
+    };
+    EXPECT_THAT(text({"--help"}), Optional(StartsWith("usage: quillvane [ITEM]\n")));
+    EXPECT_EQ(text({"-h", "Docs.quillvane"}), text({"--help"}));
+    EXPECT_THAT(text({"--version"}), Optional(MatchesRegex("Quillvane [0-9]+[.][0-9]+[.][0-9]+")));
+    EXPECT_EQ(text({}), std::nullopt);
+    EXPECT_EQ(text({"Docs.quillvane", "--help"}), std::nullopt);
+    EXPECT_EQ(text({"--", "--help"}), std::nullopt);
 }
 
 TEST(ApplicationArguments, TakesAnythingAfterTwoDashes) {

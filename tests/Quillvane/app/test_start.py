@@ -145,6 +145,12 @@ class ArgumentsTest(StartCase):
         self.assertEqual((2, "unknown option: --help\n"), start.end())
         self.assertEqual([], start.rest())
 
+    def testPrintsWithoutADisplay(self):
+        for option, beginning in (("--help", "usage: quillvane "), ("--version", "Quillvane 0.")):
+            printed = subprocess.run([quillvane.BUILD / "bin/quillvane", option], env={},
+                                     stdout=subprocess.PIPE, check=True, text=True).stdout
+            self.assertTrue(printed.startswith(beginning), printed)
+
     def testOffersTheFolderOfItsArguments(self):
         name = b"a b\n%\xff#"
         start = self.running("--protect", name)
