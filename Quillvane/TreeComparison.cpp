@@ -302,14 +302,6 @@ private:
             record_.add(pathHash(name), status);
     }
 
-    bool isRegularAlike(int own, const struct stat& status, int original,
-                        const struct stat& found) override {
-        const bool finished =
-            status.st_size == found.st_size &&
-            areAlike(Platform::modificationTime(status), Platform::modificationTime(found));
-        return finished || Comparison::isRegularAlike(own, status, original, found);
-    }
-
     FolderRecord record_;
 };
 

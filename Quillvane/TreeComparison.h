@@ -44,8 +44,9 @@ Differences compare(const std::filesystem::path& tree, const std::filesystem::pa
 Differences removeAlike(const std::filesystem::path& tree, const std::filesystem::path& reference,
                         Files files);
 /// What a copy that was cut short, and is to be deleted once the reference is gone, has in common
-/// with it: all that is alike as `unfinished`. A file of the same size and time of last change was
-/// finished, and is not read.
+/// with it: all that is alike as `unfinished`. Files are read even if they have the size and the
+/// time of last change that they should: a file that somebody writes into before the copying tool
+/// gives it its time looks finished.
 FolderRecord recordAlike(const std::filesystem::path& tree, const std::filesystem::path& reference);
 
 } // namespace TreeComparison

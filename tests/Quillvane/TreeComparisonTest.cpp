@@ -245,6 +245,15 @@ TEST_F(TreeComparisonTest, AnUnfinishedFileHasNothingButWhatTheOtherHas) {
     EXPECT_THAT(differences(Files::unfinished), UnorderedElementsAre("file", "inner/deep"));
 }
 
+TEST_F(TreeComparisonTest, RecordsNoFileThatWasOverwritten) {
+    const std::size_t whole = TreeComparison::recordAlike(tree, reference).size();
+    EXPECT_GT(whole, 3U);
+    overwrite(tree / "file", "CONTENTS");
+    EXPECT_EQ(TreeComparison::recordAlike(tree, reference).size(), whole - 1);
+    writeFile(tree / "inner/deep", std::string(300'000, '\0') + std::string(100'000, 'd'));
+    EXPECT_EQ(TreeComparison::recordAlike(tree, reference).size(), whole - 1) << "cut short";
+}
+
 TEST_F(TreeComparisonTest, EndsOnRequest) {
     Cancellation cancellation;
     cancellation.request();
