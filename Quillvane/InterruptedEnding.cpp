@@ -103,7 +103,7 @@ public:
         case State::named:
             requirePassword(state);
             finish(state);
-            return {VaultEngine::removePassword(item_, credential(), progress_, cancellation_), {}};
+            return removeNamed();
         case State::opened:
             closeVolume(item_, Force::no);
             endNote();
@@ -129,6 +129,13 @@ private:
     const Credential& credential() const {
         if (!credential_) throw VaultError::emptyPassword();
         return *credential_;
+    }
+
+    Outcome removeNamed() const {
+        const Path folder =
+            VaultEngine::removePassword(item_, credential(), progress_, cancellation_);
+        if (firstKeyFile_) DurableFile::remove(*firstKeyFile_); // it opens nothing any more
+        return {folder, {}};
     }
 
     /// Before the item gets its name and there is nothing left to undo.
@@ -285,8 +292,7 @@ private:
     /// The item's key file is that of the working image, or is there already.
     void giveKeyFile() {
         if (const auto record = keyRecord(image_)) {
-            if (const auto former = KeyStore::setAsideFormer(item_, *record))
-                formerKeyFile_ = former;
+            KeyStore::setAsideFormer(item_, *record);
             KeyStore::write(*record, item_);
         } else if (!keyRecord(item_)) {
             throw InterruptedWorkError("The key file of the encrypted copy is missing: " +
@@ -297,18 +303,35 @@ private:
     Outcome endNamed() {
         // The password may have been changed since: the item's own key file is the newer one.
         if (!keyRecord(item_)) giveKeyFile();
-        // Where files get other numbers at each mount it may be another's.
-        if (isNotedImage(item_) || KeyStore::read(image_) == KeyStore::read(item_))
-            DurableFile::remove(KeyStore::path(image_));
+        const auto former = KeyStore::lastFormer(item_);
+        endWorkingKeyFile();
         endNote();
         std::string message = "Your password opens " + inQuotes(contents_.item) +
                               ". To get a recovery key, remove the protection and protect the "
                               "folder again.";
-        if (formerKeyFile_) message += " " + KeyStore::textOfFormer(*formerKeyFile_);
+        if (former) message += " " + KeyStore::textOfFormer(*former);
+        if (firstKeyFile_)
+            message += " " + inQuotes(contents_.item) +
+                       " has another key file than the one that it was made with, which is kept "
+                       "as " +
+                       inQuotes(firstKeyFile_->filename().string()) +
+                       ": if your password doesn't open the item, put that in the other's place.";
         if (fs::exists(fs::symlink_status(folder_)))
             message += " " + inQuotes(contents_.folder) +
                        " beside it is another folder, and stays as it is.";
         return {item_, message};
+    }
+
+    /// The item's own is another when its password was changed since; or when that one is another
+    /// item's, beside which the image was given its name by hand. Nobody can tell which it is.
+    void endWorkingKeyFile() {
+        const bool same = KeyStore::read(image_) == KeyStore::read(item_);
+        // Where files get other numbers at each mount it may be another's.
+        if (!same && !isNotedImage(item_)) return;
+        if (!same && keyRecord(image_))
+            firstKeyFile_ = KeyStore::setAside(image_, item_);
+        else
+            DurableFile::remove(KeyStore::path(image_));
     }
 
     bool isNotedImage(const Path& file) const {
@@ -382,7 +405,7 @@ private:
     const std::optional<Credential>& credential_;
     const ProgressCallback& progress_;
     Cancellation* cancellation_;
-    std::optional<Path> formerKeyFile_; ///< of another item, where it is now
+    std::optional<Path> firstKeyFile_; ///< of the item, which has another, where it is now
     bool cancellable_ = true;
     bool goesOn_ = false; ///< what is undone is only the first half
 };

@@ -28,10 +28,25 @@ FileDescriptor openToRead(const std::filesystem::path& file) {
     return fd;
 }
 
+/// How many there are without a gap.
+int numberOfFormers(const std::filesystem::path& container) {
+    int number = 0;
+    while (
+        std::filesystem::exists(std::filesystem::symlink_status(formerPath(container, number + 1))))
+        ++number;
+    return number;
+}
+
 } // namespace
 
 std::filesystem::path path(const std::filesystem::path& container) {
     return container.parent_path() / ("." + container.filename().string() + ".qvkeys");
+}
+
+std::filesystem::path formerPath(const std::filesystem::path& container, int number) {
+    std::filesystem::path name = path(container);
+    name += number == 1 ? ".old" : ".old" + std::to_string(number);
+    return name;
 }
 
 std::optional<std::string> read(const std::filesystem::path& container) {
@@ -63,13 +78,19 @@ std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path&
                                                     const KeyMetadata& successor) {
     const auto text = read(container);
     if (!text || !KeyMetadata::decode(*text) || *text == successor.encode()) return std::nullopt;
-    for (int number = 1;; ++number) {
-        std::filesystem::path name = path(container);
-        name += number == 1 ? ".old" : ".old" + std::to_string(number);
-        if (std::filesystem::exists(std::filesystem::symlink_status(name))) continue;
-        Platform::renameWithoutReplacing(path(container), name);
-        return name;
-    }
+    return setAside(container, container);
+}
+
+std::filesystem::path setAside(const std::filesystem::path& from,
+                               const std::filesystem::path& container) {
+    const auto name = formerPath(container, numberOfFormers(container) + 1);
+    Platform::renameWithoutReplacing(path(from), name);
+    return name;
+}
+
+std::optional<std::filesystem::path> lastFormer(const std::filesystem::path& container) {
+    const int number = numberOfFormers(container);
+    return number == 0 ? std::nullopt : std::optional(formerPath(container, number));
 }
 
 std::string textOfFormer(const std::filesystem::path& setAside) {

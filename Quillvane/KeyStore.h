@@ -19,12 +19,19 @@ std::optional<std::string> read(const std::filesystem::path& container);
 /// `std::system_error`. Then hides it, as far as that works. Also removes what killed programs left
 /// behind in the directory (`DurableFile::removeAbandoned`).
 void write(const KeyMetadata& metadata, const std::filesystem::path& container);
+/// Where a key file of another item that had this name is kept, the first or a later one.
+std::filesystem::path formerPath(const std::filesystem::path& container, int number = 1);
 /// Gives the key file of another item, which had this name and was moved away without it, a name of
 /// its own that is free, in the same directory: the other item's password needs it. That name's
 /// path; nothing when there is no such key file, or when it is `successor` already. Throws
 /// `std::filesystem::filesystem_error`.
 std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path& container,
                                                     const KeyMetadata& successor);
+/// Gives the key file of `from` such a name beside `container`. Throws the same.
+std::filesystem::path setAside(const std::filesystem::path& from,
+                               const std::filesystem::path& container);
+/// The one that was set aside last; nothing when there is none. Throws the same.
+std::optional<std::filesystem::path> lastFormer(const std::filesystem::path& container);
 /// A sentence for the user about what was set aside.
 std::string textOfFormer(const std::filesystem::path& setAside);
 /// Gives the key file of `from` to `to`, which has none; needs no room on the disk. False when it

@@ -140,6 +140,7 @@ private:
         if (anythingAt(target_)) throw VaultError::alreadyLocked(target_.filename().string());
         requireUsableName(target_);
         requireUsableName(KeyStore::path(target_));
+        if (KeyStore::read(target_)) requireUsableName(KeyStore::formerPath(target_));
         holdFolder();
     }
 
@@ -297,6 +298,8 @@ private:
         bool hasKeyFile = false;
         try {
             if (anythingAt(target_)) TreeRemoval::remove(target_);
+            // Beside another's key file the image would be taken for one that has its own.
+            formerKeyFile_ = KeyStore::setAsideFormer(target_, record_);
             hasKeyFile = writeKeyFileAhead();
             fs::rename(image_, target_);
         } catch (const fs::filesystem_error& error) {
@@ -320,18 +323,13 @@ private:
 
     /// So that the image is never without a key file under its new name. What goes wrong here is
     /// tried again, and reported, once the image has that name.
-    bool writeKeyFileAhead() {
+    bool writeKeyFileAhead() const {
         try {
-            putKeyFile();
+            KeyStore::write(record_, target_);
             return true;
         } catch (const std::system_error&) {
             return false;
         }
-    }
-
-    void putKeyFile() {
-        if (const auto former = KeyStore::setAsideFormer(target_, record_)) formerKeyFile_ = former;
-        KeyStore::write(record_, target_);
     }
 
     void putFormerKeyFileBack() const noexcept {
@@ -339,9 +337,9 @@ private:
         if (formerKeyFile_) fs::rename(*formerKeyFile_, KeyStore::path(target_), ignored);
     }
 
-    void writeKeyFile() {
+    void writeKeyFile() const {
         try {
-            putKeyFile();
+            KeyStore::write(record_, target_);
         } catch (const std::system_error&) {
             // The disk may be full: the working key file, which has room already, serves as well.
             if (!KeyStore::move(image_, target_)) throw;

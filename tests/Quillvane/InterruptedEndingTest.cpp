@@ -222,6 +222,35 @@ TEST_F(InterruptedEndingTest, AnImageWithItsNameLosesItsWorkingKeyFile) {
     expectOnlyItem();
 }
 
+TEST_F(InterruptedEndingTest, AnotherKeyFileOfAnImageWithItsNameDoesNotCostItItsOwn) {
+    protectUntilDeleted();
+    const std::string own = readFile(KeyStore::path(image));
+    // Of an item that was moved away; the image was given its name by hand.
+    writeFile(KeyStore::path(item), KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode());
+    fs::rename(image, item);
+    EXPECT_EQ(found().state, State::named);
+    EXPECT_THAT(finish().message,
+                HasSubstr("\"Docs.quillvane\" has another key file than the one that it was made "
+                          "with, which is kept as \".Docs.quillvane.qvkeys.old\""));
+    EXPECT_EQ(readFile(KeyStore::path(item).string() + ".old"), own);
+    EXPECT_FALSE(fs::exists(KeyStore::path(image)));
+    EXPECT_TRUE(tools.notes().empty());
+}
+
+TEST_F(InterruptedEndingTest, AChangedPasswordGivesTheFolderBack) {
+    protectUntilNamed();
+    KeyStore::write(VaultKeys::seal(vaultKey, Secret(std::string_view("new"))), item);
+    EXPECT_EQ(undo(password("new")).result, docs);
+    expectOnlyFolder();
+}
+
+TEST_F(InterruptedEndingTest, AKeyFileThatWasSetAsideBeforeTheInterruptionIsTold) {
+    protectUntilNamed();
+    writeFile(KeyStore::path(item).string() + ".old", "former");
+    writeFile(KeyStore::path(item).string() + ".old2", "former");
+    EXPECT_THAT(finish().message, HasSubstr("It is now \".Docs.quillvane.qvkeys.old2\"."));
+}
+
 TEST_F(InterruptedEndingTest, AnImageWithItsNameIsNotLeftWithoutAKeyFile) {
     protectUntilNamed();
     fs::remove(KeyStore::path(item));

@@ -66,7 +66,7 @@ protected:
     }
     void protectUntilNamed() const {
         protectUntilDeleted();
-        writeKeyFile(item);
+        writeFile(KeyStore::path(item), readFile(KeyStore::path(image)));
         std::filesystem::rename(image, item);
     }
     /// With the folder "Docs" as the new one, whatever is in it.

@@ -1,5 +1,6 @@
 #include "Quillvane/ErrorText.h"
 #include "Quillvane/KeyMetadata.h"
+#include "Quillvane/KeyStore.h"
 #include "Quillvane/OperationNote.h"
 #include "tests/Quillvane/LockFixture.h"
 
@@ -133,6 +134,29 @@ TEST_F(LockFailureTest, NamesThatWouldNotFitAreFoundBefore) {
     }
     EXPECT_EQ(tools.calls().size(), calls);
     EXPECT_TRUE(fs::exists(tooLong));
+}
+
+TEST_F(LockFailureTest, AFormerKeyFileThatCannotGetAnotherNameIsFoundBefore) {
+    const fs::path longest = parent / std::string(255 - 10 - 8, 'n');
+    fs::create_directory(longest);
+    const fs::path former = KeyStore::path(longest.string() + ".quillvane");
+    writeFile(former, KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode());
+    EXPECT_THROW(lock(longest, "p", "p"), VaultError);
+    EXPECT_TRUE(tools.calls().empty());
+    EXPECT_TRUE(fs::exists(longest));
+}
+
+TEST_F(LockFailureTest, AnItemIsNotNamedBesideAnothersKeyFile) {
+    const fs::path longest = parent / std::string(255 - 10 - 8, 'n');
+    const fs::path item = longest.string() + ".quillvane";
+    const std::string former = KeyMetadata{.salt = "AA==", .wrapped = "AA=="}.encode();
+    fs::create_directory(longest);
+    actions["Finalizing the encrypted item…"] = [&] { writeFile(KeyStore::path(item), former); };
+    EXPECT_THROW(lock(longest, "pässword", "pässword"), VaultError);
+    EXPECT_FALSE(fs::exists(item));
+    EXPECT_EQ(readFile(workingImage()), "image");
+    EXPECT_EQ(KeyFileReader::vaultKey(readFile(workingKeyFile()), "pässword"), keyGivenToTool());
+    EXPECT_EQ(readFile(KeyStore::path(item)), former);
 }
 
 TEST_F(LockFailureTest, TooLittleSpaceIsTold) {
