@@ -8,6 +8,8 @@
 #include "VaultEngine.h"
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -72,10 +74,27 @@ bool hasKeyFile(const Path& image) {
     return text && KeyMetadata::decode(*text);
 }
 
+/// The directory that was noted. Its birth tells, where it is known: on some disks it has another
+/// number at each mount, and the roots of two have the same.
+bool isDirectoryOfNote(const Path& path, std::uint64_t inode, std::int64_t noted) {
+    const auto birth = Platform::birthTime(path);
+    if (birth && noted) return isDirectory(path) && birth == noted;
+    return isDirectoryWithInode(path, inode);
+}
+
+/// What is not found is not there then, and not only out of reach.
+bool canBeLookedInto(const Contents& contents) {
+    return std::ranges::all_of(
+        std::array{contents.folder, contents.item, contents.image}, [&](const std::string& name) {
+            struct stat status {};
+            return ::lstat((contents.directory / name).c_str(), &status) == 0 || errno == ENOENT;
+        });
+}
+
 bool isThere(const Contents& contents) {
-    const auto birth = Platform::birthTime(contents.directory);
-    const bool another = birth && contents.directoryBirth && birth != contents.directoryBirth;
-    return !another && isDirectoryWithInode(contents.directory, contents.directoryInode);
+    return isDirectoryOfNote(contents.directory, contents.directoryInode,
+                             contents.directoryBirth) &&
+           canBeLookedInto(contents);
 }
 
 // Numbers of files cannot be relied on where another is given at each mount (FAT, some file systems
@@ -88,8 +107,8 @@ std::optional<State> stateOfProtection(const Contents& contents) {
     if (contents.step(Step::shown)) return std::nullopt;
     if (contents.step(Step::done))
         return anythingAt(item) ? std::optional(State::named) : std::nullopt;
-    const bool hasFolder =
-        isDirectoryWithInode(contents.directory / contents.folder, contents.originalInode);
+    const bool hasFolder = isDirectoryOfNote(contents.directory / contents.folder,
+                                             contents.originalInode, contents.originalBirth);
     const bool hasImage = isOwnFile(image) && hasKeyFile(image);
     const auto imageInode = contents.step(Step::deleting);
     if (!imageInode || contents.step(Step::dropping)) {
@@ -182,7 +201,8 @@ void addStrayImages(const Path& directory, const std::vector<OperationNote::Entr
         const bool foreign = isForeignToTell(entry->path());
         if (!isWorkingName(name) || !(foreign || isOwnFile(entry->path()))) continue;
         const bool noted = std::ranges::any_of(notes, [&](const auto& note) {
-            return note.contents.image == name && note.contents.directory == directory;
+            return note.contents.image == name && note.contents.directory == directory &&
+                   isThere(note.contents); // else nobody would tell of it
         });
         // Of what cannot be read nobody can tell whether it is in use.
         const bool unknown = foreign && ::access(entry->path().c_str(), R_OK) != 0;
@@ -323,7 +343,8 @@ bool undoNeedsSecret(const Found& found) {
 
 bool settle(OperationNote& note) noexcept {
     try {
-        if (stateOf(note.contents())) return false;
+        // A disk that went away in the middle has left something, which is not to be seen now.
+        if (!isThere(note.contents()) || stateOf(note.contents())) return false;
         return dropWorkingKeyFile(note.contents()) && note.remove();
     } catch (const std::exception&) {
         return false; // it is looked at again the next time

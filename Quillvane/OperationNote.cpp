@@ -121,7 +121,8 @@ std::string firstLine(const Contents& contents) {
                                         {"folder", escaped(contents.folder)},
                                         {"item", escaped(contents.item)},
                                         {"image", escaped(contents.image)},
-                                        {"originalInode", contents.originalInode}};
+                                        {"originalInode", contents.originalInode},
+                                        {"originalBirth", contents.originalBirth}};
     return record.dump() + "\n";
 }
 
@@ -149,9 +150,10 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
     const auto directoryInode = record.value("directoryInode", nlohmann::json());
     const auto directoryBirth = record.value("directoryBirth", nlohmann::json(0));
     const auto originalInode = record.value("originalInode", nlohmann::json());
+    const auto originalBirth = record.value("originalBirth", nlohmann::json(0));
     if (!operation || !directory || !folder || folder->empty() || !item || item->empty() ||
         !image || !directoryInode.is_number_unsigned() || !directoryBirth.is_number_integer() ||
-        !originalInode.is_number_unsigned())
+        !originalInode.is_number_unsigned() || !originalBirth.is_number_integer())
         return std::nullopt;
     const bool protect = *operation == "protect";
     if (protect == image->empty()) return std::nullopt;
@@ -164,6 +166,7 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
                     .item = *item,
                     .image = *image,
                     .originalInode = originalInode.get<std::uint64_t>(),
+                    .originalBirth = originalBirth.get<std::int64_t>(),
                     .steps = {}};
 }
 
@@ -277,8 +280,9 @@ void fillIn(Contents& contents) {
     contents.directoryInode = inodeOf(contents.directory);
     contents.directoryBirth = Platform::birthTime(contents.directory);
     const bool protect = contents.operation == OperationNote::Operation::protect;
-    contents.originalInode =
-        inodeOf(contents.directory / (protect ? contents.folder : contents.item));
+    const fs::path original = contents.directory / (protect ? contents.folder : contents.item);
+    contents.originalInode = inodeOf(original);
+    contents.originalBirth = Platform::birthTime(original);
 }
 
 bool sameFolder(const Contents& a, const Contents& b) {

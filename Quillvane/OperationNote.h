@@ -50,6 +50,7 @@ public:
         std::string image;
         /// Of what is there at the beginning: the folder, or the item whose protection goes.
         std::uint64_t originalInode = 0;
+        std::int64_t originalBirth = 0;
         /// The steps reached, each with its number, or 0.
         std::map<Step, std::uint64_t> steps;
 

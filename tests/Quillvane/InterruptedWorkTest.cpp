@@ -1,5 +1,6 @@
 #include "Quillvane/VaultEngine.h"
 #include "tests/Quillvane/InterruptedFixture.h"
+#include "tests/support/OrdinaryUser.h"
 
 #include <fcntl.h>
 
@@ -69,6 +70,69 @@ TEST_F(InterruptedWorkTest, AnotherDiskInThePlaceOfTheOneKeepsItsNote) {
         writeFile(file, withBirth(number));
         EXPECT_EQ(found().state, State::unfinished) << number;
     }
+}
+
+TEST_F(InterruptedWorkTest, AnImageInACopyOfTheDirectoryIsTold) {
+    protectUntilDeleting();
+    const fs::path away = tools.folder() / "away";
+    fs::rename(parent.path(), away);
+    copy(away, parent.path()); // as from a backup
+    EXPECT_EQ(found().state, State::strayOpenable);
+    EXPECT_EQ(tools.notes().size(), 1U);
+    fs::remove_all(parent.path());
+    fs::rename(away, parent.path());
+    EXPECT_EQ(found().state, State::deleting);
+}
+
+TEST_F(InterruptedWorkTest, ADirectoryThatCannotBeLookedIntoKeepsItsNote) {
+    const TemporaryFolder folder;
+    EXPECT_TRUE(asOrdinaryUser(folder.path(), [&] {
+        Platform::setStateDirectory(folder / "state");
+        OperationNote::Contents contents;
+        contents.operation = Operation::remove;
+        contents.directory = folder / "place";
+        contents.folder = "Docs";
+        contents.item = "Docs.quillvane";
+        fs::create_directories(folder / "place/Docs");
+        writeFile(folder / "place/Docs.quillvane", "image");
+        OperationNote::begin(contents).reach(Step::made);
+        fs::permissions(folder / "place", fs::perms::owner_read);
+        const bool silent = InterruptedWork::find().empty();
+        fs::permissions(folder / "place", fs::perms::owner_all);
+        return silent && InterruptedWork::find().size() == 1;
+    }));
+}
+
+TEST_F(InterruptedWorkTest, ADirectoryAndAFolderAreKnownByTheirBirth) {
+    protectUntilDeleting();
+    if (Platform::birthTime(parent.path()) == 0)
+        GTEST_SKIP() << "this file system keeps no birth times";
+    const fs::path file = tools.notes().at(0);
+    std::string text = readFile(file);
+    // As where another number is given at each mount.
+    for (const fs::path& path : {parent.path(), docs}) {
+        const std::string number = ":" + std::to_string(inodeOf(path));
+        text.replace(text.find(number), number.size(), ":1");
+    }
+    writeFile(file, text);
+    EXPECT_EQ(found().state, State::deleting);
+    fs::rename(docs, parent / "elsewhere");
+    copy(parent / "elsewhere", docs);
+    EXPECT_EQ(found().state, State::unnamed) << "it is another folder";
+}
+
+TEST_F(InterruptedWorkTest, ADiskThatWentAwayInTheMiddleKeepsTheNote) {
+    removeUntilMade(/*copied=*/false);
+    const fs::path away = tools.folder() / "away";
+    fs::rename(parent.path(), away);
+    fs::create_directory(parent.path()); // the empty place of the disk
+    {
+        auto note = OperationNote::take(OperationNote::all().at(0).id);
+        EXPECT_FALSE(InterruptedWork::settle(*note));
+    }
+    fs::remove(parent.path());
+    fs::rename(away, parent.path());
+    EXPECT_EQ(found().state, State::incomplete);
 }
 
 TEST_F(InterruptedWorkTest, ARecoveryKeyThatWasNotShownIsTold) {

@@ -65,6 +65,7 @@ TEST_F(OperationNoteTest, TellsWhatWasNoted) {
     EXPECT_EQ(contents.item, folder + ".quillvane");
     EXPECT_EQ(contents.image, ".Quillvane-X.sparseimage");
     EXPECT_EQ(contents.originalInode, inodeOf(parent / folder));
+    EXPECT_EQ(contents.originalBirth, Platform::birthTime(parent / folder));
     EXPECT_TRUE(contents.steps.empty());
 }
 
