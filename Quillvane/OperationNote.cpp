@@ -170,13 +170,20 @@ std::optional<Contents> contentsOfFirstLine(std::string_view line) {
                     .steps = {}};
 }
 
+/// A deletion that begins revokes that the image is not needed: an undoing that was interrupted may
+/// be followed by finishing.
+void addStep(Step step, std::uint64_t number, Contents& contents) {
+    if (step == Step::deleting) contents.steps.erase(Step::dropping);
+    contents.steps[step] = number;
+}
+
 void readStep(std::string_view line, Contents& contents) {
     const std::string_view word = line.substr(0, line.find(' '));
     std::uint64_t number = 0;
     if (word.size() < line.size())
         std::from_chars(line.data() + word.size() + 1, line.data() + line.size(), number);
     for (std::size_t i = 0; i < stepWords.size(); ++i)
-        if (word == stepWords[i]) contents.steps[static_cast<Step>(i)] = number;
+        if (word == stepWords[i]) addStep(static_cast<Step>(i), number, contents);
 }
 
 /// Nothing when the first line is no note's.
@@ -211,6 +218,9 @@ std::optional<std::string> read(int fd) {
 }
 
 void append(int fd, std::string_view line, const fs::path& file) {
+    struct stat status {};
+    // What nobody will find is not noted.
+    if (::lstat(file.c_str(), &status) != 0) fail("cannot look at", file);
     while (!line.empty()) {
         const ssize_t written = ::write(fd, line.data(), line.size());
         if (written >= 0)
@@ -360,7 +370,7 @@ void OperationNote::reach(Step step, std::uint64_t number) {
     // A line before it may have been cut short; an empty one means nothing.
     const std::string word = stepWords.at(static_cast<std::size_t>(step));
     append(fd_.get(), "\n" + word + " " + std::to_string(number) + "\n", file_);
-    contents_.steps[step] = number;
+    addStep(step, number, contents_);
 }
 
 bool OperationNote::remove() noexcept {
@@ -373,7 +383,7 @@ bool OperationNote::remove() noexcept {
         }
     };
     if (!sync(contents_.directory)) return false;
-    const bool removed = ::unlink(file_.c_str()) == 0;
+    const bool removed = ::unlink(file_.c_str()) == 0 || errno == ENOENT;
     // Should it come back, it is found once more to tell of nothing.
     sync(file_.parent_path());
     return removed;

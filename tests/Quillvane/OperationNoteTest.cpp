@@ -79,6 +79,26 @@ TEST_F(OperationNoteTest, ANoteWithoutTheDirectorysBirthIsRead) {
     EXPECT_EQ(OperationNote::all().at(0).contents.directoryBirth, 0);
 }
 
+TEST_F(OperationNoteTest, ANoteThatIsGoneTakesNoMoreSteps) {
+    OperationNote note = OperationNote::begin(protection());
+    fs::remove_all(tools.stateDirectory());
+    EXPECT_THROW(note.reach(Step::deleting, 1), fs::filesystem_error);
+}
+
+TEST_F(OperationNoteTest, ADeletionThatBeginsRevokesThatTheImageIsNotNeeded) {
+    OperationNote note = OperationNote::begin(protection());
+    note.reach(Step::dropping);
+    note.reach(Step::deleting, 7);
+    const auto written = OperationNote::all().at(0).contents;
+    for (const auto& contents : {note.contents(), written}) {
+        EXPECT_EQ(contents.step(Step::deleting), 7U);
+        EXPECT_FALSE(contents.step(Step::dropping));
+    }
+    note.reach(Step::dropping); // when it has been given up after all
+    EXPECT_TRUE(note.contents().step(Step::dropping));
+    EXPECT_TRUE(note.contents().step(Step::deleting));
+}
+
 TEST_F(OperationNoteTest, ADirectoryKeepsItsBirth) {
     const auto birth = Platform::birthTime(parent / folder);
     if (birth == 0) GTEST_SKIP() << "this file system keeps no birth times";
