@@ -349,6 +349,9 @@ private:
     /// Deletes the item of a restored folder if it has nothing that the folder has not: either may
     /// have been worked in since.
     Outcome deleteItem() {
+        if (const auto target = targetOfLink(item_)) // only the link would go, with the key file
+            throw InterruptedWorkError(inQuotes(contents_.item) +
+                                       " is a link by now, so the item stays: " + target->string());
         closeVolume(item_, Force::no);
         requireNothingElseInItem();
         const HeldFile held(item_);

@@ -24,3 +24,11 @@ std::filesystem::path resolvedItemPath(const std::filesystem::path& path) {
     const auto directory = std::filesystem::canonical(item.parent_path(), unresolved);
     return unresolved ? item : directory / item.filename();
 }
+
+std::optional<std::filesystem::path> targetOfLink(const std::filesystem::path& path) {
+    std::error_code error;
+    if (!std::filesystem::is_symlink(std::filesystem::symlink_status(path, error)))
+        return std::nullopt;
+    const auto target = std::filesystem::canonical(path, error);
+    return error ? std::nullopt : std::optional(target);
+}

@@ -76,7 +76,8 @@ LockResult lock(const Path& folderURL, const Secret& password, const Secret& con
 OpenResult open(const Path& imageURL, const Credential& credential,
                 const ProgressCallback& progress, Cancellation* cancellation = nullptr);
 
-/// Turns the item back into a folder, whose path it returns, and deletes the item. `cancellation`
+/// Turns the item back into a folder, whose path it returns, and deletes the item. One that is
+/// given by a link is refused (extractFailed, with the item's place). `cancellation`
 /// is honoured until the item begins to be deleted. What an interrupted attempt left is cleared
 /// away before, or finished where only the item was left to delete. Throws what `open` throws,
 /// `OperationCancelled`, `InterruptedWorkError`, and `OperationNoteError` with nothing changed.

@@ -193,6 +193,7 @@ private:
     void deleteItem() {
         progress_.report(0.95, "Deleting the encrypted item…");
         requireSameItem();
+        requireFolder();
         try {
             TreeRemoval::remove(item_);
         } catch (const fs::filesystem_error& error) {
@@ -213,6 +214,14 @@ private:
                 name + " was opened again meanwhile. It stays, and so does the folder.");
     }
 
+    /// Somebody may have taken it for a mistake, and deleted it; there is only the item then.
+    void requireFolder() const {
+        struct stat status {};
+        if (::lstat(folder_.c_str(), &status) != 0 || !created_->is(status))
+            throw VaultError::extractFailed("\"" + folder_.filename().string() +
+                                            "\" isn't there any more. The item stays.");
+    }
+
     void removeKeyFile() {
         try {
             DurableFile::syncDirectory(item_.parent_path());
@@ -231,11 +240,20 @@ private:
     OperationProgress progress_;
 };
 
+/// Of a link, only the link would go, and the item stay.
+void requireNoLink(const Path& item) {
+    if (const auto target = targetOfLink(item))
+        throw VaultError::extractFailed(
+            "\"" + item.filename().string() +
+            "\" is a link. Remove the protection of the item itself: " + target->string());
+}
+
 } // namespace
 
 Path removePassword(const Path& locked, const Credential& credential,
                     const ProgressCallback& progress, Cancellation* cancellation) {
     const Path item = itemPath(locked);
+    requireNoLink(item);
     if (auto restored = InterruptedWork::makeWayToRemove(item, credential, cancellation)) {
         progress({1.0, "Done. It's a normal folder again."});
         return *std::move(restored);

@@ -316,6 +316,16 @@ TEST_F(InterruptedEndingTest, ARestoredFolderLosesItsItem) {
     expectOnlyFolder();
 }
 
+TEST_F(InterruptedEndingTest, AnItemThatWasReplacedByALinkStays) {
+    removeUntilMade(/*copied=*/true);
+    fs::rename(item, tools.folder() / "moved");
+    fs::create_symlink(tools.folder() / "moved", item);
+    EXPECT_THAT(refusal([this] { finish(password()); }), HasSubstr("is a link by now"));
+    EXPECT_TRUE(fs::is_symlink(item));
+    EXPECT_TRUE(fs::exists(KeyStore::path(item)));
+    EXPECT_EQ(found().state, State::restored);
+}
+
 TEST_F(InterruptedEndingTest, ARestoredFolderIsGivenUpAgain) {
     removeUntilMade(/*copied=*/true);
     EXPECT_EQ(undo(password()).result, item);

@@ -72,16 +72,31 @@ protected:
     std::unique_ptr<Cancellation> cancellation = std::make_unique<Cancellation>();
 };
 
-TEST_F(RemoveTest, OfAnItemThatIsALinkOnlyTheLinkGoes) {
+TEST_F(RemoveTest, AnItemThatIsALinkIsRefused) {
     const TemporaryFolder elsewhere;
-    fs::rename(item, elsewhere / "Other.quillvane");
-    writeFile(KeyStore::path(elsewhere / "Other.quillvane"), keyFileText);
-    fs::create_symlink(elsewhere / "Other.quillvane", item);
-    EXPECT_EQ(remove(), docs);
-    EXPECT_EQ(readFile(docs / "file"), "contents");
-    EXPECT_FALSE(fs::exists(fs::symlink_status(item)));
-    EXPECT_EQ(readFile(elsewhere / "Other.quillvane"), "image");
-    EXPECT_EQ(readFile(KeyStore::path(elsewhere / "Other.quillvane")), keyFileText);
+    const fs::path other = elsewhere / "Other.quillvane";
+    fs::rename(item, other);
+    fs::create_symlink(other, item);
+    const VaultError error = removeError();
+    EXPECT_EQ(error.kind(), Case::extractFailed);
+    EXPECT_EQ(error.errorDescription(),
+              "Couldn't extract the contents. The encrypted vault was left untouched.\n"
+              "\"My Docs.quillvane\" is a link. Remove the protection of the item itself: " +
+                  fs::canonical(other).string());
+    EXPECT_TRUE(fs::is_symlink(item));
+    EXPECT_EQ(readFile(other), "image");
+    EXPECT_FALSE(fs::exists(docs));
+    EXPECT_TRUE(tools.calls().empty());
+}
+
+TEST_F(RemoveTest, AFolderThatIsGoneAgainKeepsTheItem) {
+    const fs::path elsewhere = tools.folder() / "elsewhere";
+    actions["Ejecting the item…"] = [&] { fs::rename(docs, elsewhere); };
+    const VaultError error = removeError();
+    EXPECT_EQ(error.kind(), Case::extractFailed);
+    EXPECT_THAT(error.errorDescription(), testing::HasSubstr("\"My Docs\" isn't there any more"));
+    EXPECT_EQ(readFile(item), "image");
+    EXPECT_EQ(readFile(KeyStore::path(item)), keyFileText);
 }
 
 TEST_F(RemoveTest, AnItemThatBecomesALinkMeanwhileIsNotDeleted) {
