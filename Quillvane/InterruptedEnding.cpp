@@ -416,7 +416,7 @@ private:
 Ending takeOver(const Found& found, const std::optional<Credential>& credential,
                 const ProgressCallback& progress, Cancellation* cancellation) {
     if (!canBeEnded(found)) throw InterruptedWorkError(text(found));
-    auto note = OperationNote::take(found.note);
+    auto note = OperationNote::take(found.note, found.contents.directory);
     if (!note || stateOf(note->contents()) != found.state)
         throw InterruptedWorkError("Another program is at work on it. Try again when it has "
                                    "ended.");

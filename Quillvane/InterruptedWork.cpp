@@ -167,6 +167,15 @@ bool dropWorkingKeyFile(const Contents& contents) {
     return !anythingAt(KeyStore::path(image));
 }
 
+/// The directory may have been renamed, or its disk be mounted at another place.
+void follow(Contents& contents, const Path& directory) {
+    const auto birth = Platform::birthTime(directory);
+    const auto status = statusOf(directory);
+    if (birth && birth == contents.directoryBirth && status &&
+        status->st_ino == contents.directoryInode && !isThere(contents))
+        contents.directory = directory;
+}
+
 std::vector<Found> findAmong(const std::vector<OperationNote::Entry>& notes) {
     std::vector<Found> found;
     for (const auto& [id, interrupted, contents] : notes) {
@@ -174,7 +183,7 @@ std::vector<Found> findAmong(const std::vector<OperationNote::Entry>& notes) {
         if (!interrupted || !isThere(contents)) continue;
         if (const auto state = stateOf(contents)) {
             found.push_back({*state, id, contents});
-        } else if (auto note = OperationNote::take(id)) {
+        } else if (auto note = OperationNote::take(id, contents.directory)) {
             settle(*note);
         }
     }
@@ -201,8 +210,8 @@ void addStrayImages(const Path& directory, const std::vector<OperationNote::Entr
         const bool foreign = isForeignToTell(entry->path());
         if (!isWorkingName(name) || !(foreign || isOwnFile(entry->path()))) continue;
         const bool noted = std::ranges::any_of(notes, [&](const auto& note) {
-            return note.contents.image == name && note.contents.directory == directory &&
-                   isThere(note.contents); // else nobody would tell of it
+            // Of one whose directory is not there nobody would tell.
+            return note.contents.image == name && isThere(note.contents);
         });
         // Of what cannot be read nobody can tell whether it is in use.
         const bool unknown = foreign && ::access(entry->path().c_str(), R_OK) != 0;
@@ -279,10 +288,10 @@ std::vector<Found> findIn(const Path& place) {
     std::error_code missing;
     const Path directory = fs::canonical(place, missing);
     if (missing) return {};
-    const auto notes = OperationNote::all();
-    auto here = notes;
-    std::erase_if(here, [&](const auto& note) { return note.contents.directory != directory; });
-    auto found = findAmong(here);
+    auto notes = OperationNote::all();
+    for (auto& note : notes) follow(note.contents, directory);
+    std::erase_if(notes, [&](const auto& note) { return note.contents.directory != directory; });
+    auto found = findAmong(notes);
     addStrayImages(directory, notes, found);
     return found;
 }

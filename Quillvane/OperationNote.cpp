@@ -348,7 +348,7 @@ OperationNote OperationNote::begin(Contents contents) {
     }
 }
 
-std::optional<OperationNote> OperationNote::take(const std::string& id) {
+std::optional<OperationNote> OperationNote::take(const std::string& id, Path directory) {
     try {
         const NotesLock lock;
         const Path file = lock.directory() / (id + extension);
@@ -357,6 +357,7 @@ std::optional<OperationNote> OperationNote::take(const std::string& id) {
         const auto text = read(fd.get());
         auto contents = text ? parse(*text) : std::nullopt;
         if (!contents) return std::nullopt;
+        if (!directory.empty()) contents->directory = std::move(directory);
         return OperationNote(file, std::move(fd), std::move(*contents));
     } catch (const std::system_error&) {
         return std::nullopt;

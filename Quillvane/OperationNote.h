@@ -70,7 +70,8 @@ public:
     /// `OperationNoteError`, with nothing changed but that directories may have been made.
     static OperationNote begin(Contents contents);
     /// Takes an interrupted operation's note over; nothing when it is gone or somebody else's.
-    static std::optional<OperationNote> take(const std::string& id);
+    /// `directory` is where the noted one is now, if not where it was.
+    static std::optional<OperationNote> take(const std::string& id, Path directory = {});
 
     const Contents& contents() const noexcept { return contents_; }
     /// Throws `std::filesystem::filesystem_error`; the step may count all the same.

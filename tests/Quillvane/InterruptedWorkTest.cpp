@@ -84,6 +84,36 @@ TEST_F(InterruptedWorkTest, AnImageInACopyOfTheDirectoryIsTold) {
     EXPECT_EQ(found().state, State::deleting);
 }
 
+TEST_F(InterruptedWorkTest, ADirectoryThatWasMovedIsFoundWhereItIs) {
+    removeUntilMade(/*copied=*/false);
+    if (Platform::birthTime(parent.path()) == 0)
+        GTEST_SKIP() << "this file system keeps no birth times";
+    const TemporaryFolder elsewhere; // as when a disk is mounted at another place
+    const fs::path away = elsewhere / "away";
+    fs::rename(parent.path(), away);
+    const auto all = InterruptedWork::findIn(away);
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].state, State::incomplete);
+    EXPECT_EQ(InterruptedWork::place(all[0]), fs::canonical(away) / "Docs.quillvane");
+    InterruptedWork::undo(all[0], password(), [](const Progress&) {});
+    EXPECT_FALSE(fs::exists(away / "Docs"));
+    EXPECT_EQ(readFile(away / "Docs.quillvane"), "image");
+    EXPECT_TRUE(tools.notes().empty());
+    fs::create_directory(parent.path());
+}
+
+TEST_F(InterruptedWorkTest, AnImageInADirectoryThatWasMovedIsFoundWhereItIs) {
+    protectUntilDeleting();
+    if (Platform::birthTime(parent.path()) == 0)
+        GTEST_SKIP() << "this file system keeps no birth times";
+    const fs::path away = tools.folder() / "away";
+    fs::rename(parent.path(), away);
+    const auto all = InterruptedWork::findIn(away);
+    ASSERT_EQ(all.size(), 1U);
+    EXPECT_EQ(all[0].state, State::deleting);
+    fs::rename(away, parent.path());
+}
+
 TEST_F(InterruptedWorkTest, ADirectoryThatCannotBeLookedIntoKeepsItsNote) {
     const TemporaryFolder folder;
     EXPECT_TRUE(asOrdinaryUser(folder.path(), [&] {
