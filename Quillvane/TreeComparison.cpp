@@ -15,6 +15,7 @@
 #include <span>
 #include <string>
 #include <sys/stat.h>
+#include <utility>
 
 namespace TreeComparison {
 namespace {
@@ -122,7 +123,8 @@ protected:
         if (other < 0 || ::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
             (found.st_mode & S_IFMT) != (status.st_mode & S_IFMT))
             return false;
-        if (files_ == Files::any) return true;
+        if (files_ == Files::any && (!S_ISREG(status.st_mode) || isOlder(status, found)))
+            return true;
         if (S_ISREG(status.st_mode)) {
             const FileDescriptor own = open(directory, name, status);
             const FileDescriptor original = open(other, name, found);
@@ -134,9 +136,18 @@ protected:
                                        : found.st_rdev == status.st_rdev;
     }
 
+    static bool isOlder(const struct stat& own, const struct stat& other) {
+        const timespec time = Platform::modificationTime(own);
+        const timespec otherTime = Platform::modificationTime(other);
+        return !areAlike(time, otherTime) && std::pair(time.tv_sec, time.tv_nsec) <
+                                                 std::pair(otherTime.tv_sec, otherTime.tv_nsec);
+    }
+
     /// The files, which `status` and `found` are of, are open for reading.
     virtual bool isRegularAlike(int own, const struct stat& status, int original,
                                 const struct stat& found) {
+        if (files_ == Files::any)
+            return status.st_size == found.st_size && haveSameContents(own, original);
         return mayBeAlike(status, found) &&
                isAlike(EntryMetadata(own, "", status), EntryMetadata(original, "", found)) &&
                haveSameContents(own, original);

@@ -23,7 +23,8 @@ namespace TreeComparison {
 /// `unfinished` is for a copy that was cut short. Of a file no more is asked than that every byte
 /// which is not zero is that of the other file, and of anything no more than that it has no
 /// attributes and grants no rights that the other does not.
-/// With `any` all that counts is that an entry of the same kind is there.
+/// With `any` all that counts is that an entry of the same kind is there, and that a file has the
+/// same contents or was written later: what a power failure has cost in it was not.
 enum class Files { finished, unfinished, any };
 
 /// What of the tree is not alike in the other, relative to the tree.

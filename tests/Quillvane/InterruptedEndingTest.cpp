@@ -70,6 +70,23 @@ TEST_F(InterruptedEndingTest, AnImageIsNotGivenUpForAFolderThatLacksSomething) {
     EXPECT_THAT(names(), testing::ElementsAre("Docs"));
 }
 
+TEST_F(InterruptedEndingTest, AnImageIsNotGivenUpForAFileThatAPowerFailureHasCost) {
+    for (const int days : {0, -1}) { // what was written last is gone, or all that was
+        protectUntilCopied();
+        const auto time = fs::last_write_time(volume / "file") + std::chrono::days(days);
+        const std::string contents = days == 0 ? std::string(8, '\0') : "old contents";
+        writeFile(docs / "file", contents);
+        fs::last_write_time(docs / "file", time);
+        const std::string lacks = "\"Docs\" no longer has \"file\".";
+        EXPECT_THAT(refusal([this] { undo(password()); }), HasSubstr(lacks));
+        EXPECT_THAT(refusal([this] { InterruptedWork::makeWayToProtect(docs, *password()); }),
+                    HasSubstr(lacks));
+        EXPECT_EQ(readFile(image), "image");
+        writeFile(docs / "file", "contents"); // written anew, by the user
+        undo(password());
+    }
+}
+
 TEST_F(InterruptedEndingTest, AnImageThatNothingElseIsLeftOfStays) {
     protectUntilCopying();
     fs::rename(docs, parent / "elsewhere");
