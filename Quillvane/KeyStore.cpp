@@ -76,8 +76,11 @@ void write(const KeyMetadata& metadata, const std::filesystem::path& container) 
 
 std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path& container,
                                                     const KeyMetadata& successor) {
+    struct stat status {};
+    if (::lstat(path(container).c_str(), &status) != 0 || S_ISDIR(status.st_mode))
+        return std::nullopt;
     const auto text = read(container);
-    if (!text || !KeyMetadata::decode(*text) || *text == successor.encode()) return std::nullopt;
+    if (text && (!KeyMetadata::decode(*text) || *text == successor.encode())) return std::nullopt;
     return setAside(container, container);
 }
 

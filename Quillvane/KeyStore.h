@@ -23,7 +23,8 @@ void write(const KeyMetadata& metadata, const std::filesystem::path& container);
 std::filesystem::path formerPath(const std::filesystem::path& container, int number = 1);
 /// Gives the key file of another item, which had this name and was moved away without it, a name of
 /// its own that is free, in the same directory: the other item's password needs it. That name's
-/// path; nothing when there is no such key file, or when it is `successor` already. Throws
+/// path; nothing when there is no such key file, or when it is `successor` already. What cannot be
+/// read, as root's, may be one. Throws
 /// `std::filesystem::filesystem_error`.
 std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path& container,
                                                     const KeyMetadata& successor);

@@ -125,6 +125,19 @@ TEST(KeyStore, FollowsLinksToTheUsersOwnFilesOnly) {
     EXPECT_EQ(KeyStore::read(folder / "item"), "text") << "another user's item, perhaps";
 }
 
+TEST(KeyStore, SetsAsideWhatItCannotRead) {
+    const TemporaryFolder folder;
+    EXPECT_TRUE(asOrdinaryUser(folder.path(), [&] {
+        writeFile(folder / ".a.qvkeys", record("former").encode());
+        fs::permissions(folder / ".a.qvkeys", fs::perms::none);
+        const auto former = KeyStore::setAsideFormer(folder / "a", record("new"));
+        return former == folder / ".a.qvkeys.old" && !fs::exists(folder / ".a.qvkeys");
+    }));
+    writeFile(folder / ".b.qvkeys", "no key file");
+    EXPECT_FALSE(KeyStore::setAsideFormer(folder / "b", record("new")));
+    EXPECT_FALSE(KeyStore::setAsideFormer(folder / "c", record("new")));
+}
+
 TEST(KeyStore, RemovesAndIgnoresWhatIsNotThere) {
     const TemporaryFolder folder;
     KeyStore::write(record(""), folder / "a");
