@@ -86,7 +86,7 @@ std::optional<std::filesystem::path> setAsideFormer(const std::filesystem::path&
 
 std::filesystem::path setAside(const std::filesystem::path& from,
                                const std::filesystem::path& container) {
-    const auto name = formerPath(container, numberOfFormers(container) + 1);
+    auto name = formerPath(container, numberOfFormers(container) + 1);
     Platform::renameWithoutReplacing(path(from), name);
     return name;
 }
