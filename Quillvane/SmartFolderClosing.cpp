@@ -90,7 +90,11 @@ void SmartFolderManager::closed(const Active& entry, bool automatic) {
 
 void SmartFolderManager::closeFailed(const Active& entry, bool automatic,
                                      const std::exception_ptr& error) {
-    if (!isDetachBusy(error)) return fail(error, automatic);
+    if (!isDetachBusy(error)) {
+        fail(error, automatic);
+        // Its server may have died, and closing it would be tried for ever.
+        return lookAfter(entry);
+    }
     resetIdle(entry.id);
     endBusy(automatic);
     if (!automatic)

@@ -352,4 +352,20 @@ TEST_F(SmartFolderClosingTest, AServerThatDiedIsNoticed) {
     EXPECT_FALSE(fs::exists(place));
 }
 
+TEST_F(SmartFolderClosingTest, AServerThatDiedBeforeTheFolderIsClosedIsNoticed) {
+    const fs::path item = makeItem("Docs");
+    const fs::path place = open(item);
+    ::umount(place.c_str());
+    const DeadFuseMount dead(place, item);
+    ASSERT_TRUE(dead);
+    tools.play("hdiutil", "detach", "echo \"the volume's server has died\" >&2; exit 1");
+    clock.advance(5min);
+    tick();
+    EXPECT_TRUE(manager->errorMessage().endsWith("the volume's server has died"));
+    EXPECT_FALSE(manager->successMessage().contains("closed"));
+    EXPECT_THAT(manager->active(), IsEmpty());
+    EXPECT_FALSE(VaultEngine::isHidden(item));
+    EXPECT_FALSE(fs::exists(place));
+}
+
 } // namespace
