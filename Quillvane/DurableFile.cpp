@@ -38,17 +38,6 @@ Path directoryOf(const Path& file) {
     return file.has_parent_path() ? file.parent_path() : Path(".");
 }
 
-// Short and independent of the target's name, which may be as long as names can be.
-std::string temporaryName() {
-    const Secret random = SecureRandom::bytes(randomBytes);
-    std::string name(temporaryPrefix);
-    for (const std::uint8_t byte : random.bytes()) {
-        name += hexDigits[byte >> 4];
-        name += hexDigits[byte & 15];
-    }
-    return name.append(temporarySuffix);
-}
-
 bool isTemporaryName(std::string_view name) {
     if (!name.starts_with(temporaryPrefix) || !name.ends_with(temporarySuffix)) return false;
     name.remove_prefix(temporaryPrefix.size());
@@ -196,12 +185,23 @@ void removeIfAbandoned(const Path& file) noexcept {
         ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     const bool ours = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                      status.st_uid == ::geteuid();
+                      (status.st_uid == ::geteuid() || ::geteuid() == 0);
     // A shared lock does for an end to the writer's, and is to be had on a file opened to be read.
     if (ours && ::flock(fd.get(), LOCK_SH | LOCK_NB) == 0) ::unlink(file.c_str());
 }
 
 } // namespace
+
+// Short and independent of the target's name, which may be as long as names can be.
+std::string temporaryName() {
+    const Secret random = SecureRandom::bytes(randomBytes);
+    std::string name(temporaryPrefix);
+    for (const std::uint8_t byte : random.bytes()) {
+        name += hexDigits[byte >> 4];
+        name += hexDigits[byte & 15];
+    }
+    return name.append(temporarySuffix);
+}
 
 void replace(const Path& target, std::string_view contents, mode_t mode) {
     const Path parent = directoryOf(target);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
 #include <string_view>
 #include <sys/types.h>
 
@@ -16,8 +17,11 @@ namespace DurableFile {
 void replace(const std::filesystem::path& target, std::string_view contents, mode_t mode);
 /// Removes a file; done as well when it is not there.
 void remove(const std::filesystem::path& file);
-/// Removes the temporary files of `replace` that a killed program of this user has left in the
-/// directory. Those that are being written stay. Best effort.
+/// A new name of a temporary file. Whoever makes one by it holds a lock on it (`flock`), or it is
+/// taken for abandoned.
+std::string temporaryName();
+/// Removes the temporary files that a killed program of this user, for root of any, has left in the
+/// directory. Those that are locked stay. Best effort.
 void removeAbandoned(const std::filesystem::path& directory) noexcept;
 void syncFile(const std::filesystem::path& file);
 /// Makes the names in the directory durable.

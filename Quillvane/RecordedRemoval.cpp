@@ -1,5 +1,6 @@
 #include "RecordedRemoval.h"
 
+#include "CheckedDeletion.h"
 #include "Platform.h"
 #include "PrintableText.h"
 #include "TreeWalk.h"
@@ -20,7 +21,8 @@ public:
     Removal(const HeldFolder& folder, const FolderRecord& record, Leftovers& leftovers)
         : folder_(folder), record_(record), leftovers_(leftovers),
           // Elsewhere a file that was open just before is not deleted but renamed.
-          looksForWriters_(Platform::isLocal(folder.parent())) {}
+          looksForWriters_(Platform::isLocal(folder.parent())),
+          deletion_(folder.parent(), looksForWriters_ ? &writers_ : nullptr) {}
 
     void run() {
         struct stat status {};
@@ -42,8 +44,11 @@ private:
     void file(int directory, const std::string& name, const struct stat& status) override {
         const bool ofSystem = depth() == 1 && VaultEngine::systemVolumeItems().contains(name);
         if (!ofSystem && !isStillAsRecorded(directory, name, status)) return keep(name);
-        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT)
-            throwFailure(name, errno);
+        try {
+            if (const auto kept = deletion_.remove(directory, name, status)) keep(*kept);
+        } catch (const std::system_error& error) {
+            throwFailure(name, error.code().value());
+        }
     }
 
     void enter(int directory, const std::string& name, const struct stat& status) override {
@@ -110,6 +115,7 @@ private:
     bool entersRecorded_ = true;          ///< the directory that is being entered, or was last
     std::vector<std::size_t> keptBefore_; ///< by depth, how much was kept before a directory
     Platform::WriterCheck writers_;
+    CheckedDeletion deletion_;
 };
 
 } // namespace

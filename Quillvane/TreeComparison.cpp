@@ -1,5 +1,6 @@
 #include "TreeComparison.h"
 
+#include "CheckedDeletion.h"
 #include "EntryMetadata.h"
 #include "FileDescriptor.h"
 #include "OperationCancelled.h"
@@ -234,12 +235,23 @@ private:
 class AlikeRemoval final : public Comparison {
 public:
     AlikeRemoval(const fs::path& tree, const fs::path& reference, Files files)
-        : Comparison(tree, reference, files, nullptr), looksForWriters_(isLocal(tree)) {}
+        : Comparison(tree, reference, files, nullptr), looksForWriters_(isLocal(tree)),
+          parent_(openParent(tree)),
+          deletion_(parent_.get(), looksForWriters_ ? &writers_ : nullptr) {}
 
 private:
     static bool isLocal(const fs::path& tree) {
         const FileDescriptor root(::open(tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         return root && Platform::isLocal(root.get());
+    }
+
+    static FileDescriptor openParent(const fs::path& tree) {
+        FileDescriptor parent(
+            ::open(tree.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+        if (!parent)
+            throw fs::filesystem_error("cannot open", tree.parent_path(),
+                                       std::error_code(errno, std::generic_category()));
+        return parent;
     }
 
     void file(int directory, const std::string& name, const struct stat& status) override {
@@ -248,12 +260,16 @@ private:
                            ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
                            isUnchanged(status, now);
         if (!alike) return differs(name);
-        if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) throwFailure(name);
+        try {
+            if (const auto kept = deletion_.remove(directory, name, status)) differs(*kept);
+        } catch (const std::system_error& error) {
+            throwFailure(name, error.code().value());
+        }
     }
 
-    [[noreturn]] void throwFailure(const std::string& name) const {
+    [[noreturn]] void throwFailure(const std::string& name, int errorNumber) const {
         throw fs::filesystem_error("cannot remove", pathOf(name),
-                                   std::error_code(errno, std::generic_category()));
+                                   std::error_code(errorNumber, std::generic_category()));
     }
 
     bool isRegularAlike(int own, const struct stat& status, int original,
@@ -284,12 +300,14 @@ private:
         if (!alike_[depth()]) return differs(name);
         if (::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0 || errno == ENOENT) return;
         // What made it stay has been told, or has come this moment.
-        if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name);
+        if (errno != ENOTEMPTY && errno != EEXIST) throwFailure(name, errno);
     }
 
     /// Elsewhere a file that was open just before is not deleted but renamed.
     bool looksForWriters_;
     Platform::WriterCheck writers_;
+    FileDescriptor parent_; ///< of the tree
+    CheckedDeletion deletion_;
     std::vector<bool> alike_; ///< by depth, whether the folder is
 };
 

@@ -102,11 +102,12 @@ def mistakes(calls, disk, isWhole):
 
 
 def mayBeMade(call, disk):
-    if call.name in MOVES:
-        return call.second != ITEM or disk.lasts(KEY) or disk.lasts(keyFile(call.path))
+    # A file of the folder is renamed before it is deleted, to a name that is cleared away.
     if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
         return any(disk.lasts(image) and disk.lasts(keyFile(image))
                    for image in disk.existing if image == ITEM or isWorkingImage(image))
+    if call.name in MOVES:
+        return call.second != ITEM or disk.lasts(KEY) or disk.lasts(keyFile(call.path))
     if call.path == ITEM:
         return disk.lasts(FOLDER)
     if call.path.endswith(".qvkeys"):  # needed as long as its image is there, or may come back

@@ -1,0 +1,93 @@
+#include "CheckedDeletion.h"
+
+#include "DurableFile.h"
+#include "FileDescriptor.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <system_error>
+#include <unistd.h>
+
+namespace {
+
+bool isAt(const timespec& one, const timespec& other) {
+    return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
+}
+
+/// Renaming a file changes nothing but the time of change of what can be seen of it.
+bool isSameButForName(const struct stat& one, const struct stat& other) {
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino &&
+           one.st_mode == other.st_mode && one.st_uid == other.st_uid &&
+           one.st_gid == other.st_gid && one.st_size == other.st_size &&
+           isAt(Platform::modificationTime(one), Platform::modificationTime(other));
+}
+
+[[noreturn]] void fail(int error) {
+    throw std::system_error(error, std::generic_category());
+}
+
+std::optional<std::string> removeByName(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) fail(errno);
+    return std::nullopt;
+}
+
+bool exists(int directory, const std::string& name) {
+    struct stat status {};
+    return ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
+}
+
+} // namespace
+
+std::optional<std::string> CheckedDeletion::remove(int directory, const std::string& name,
+                                                   const struct stat& status) const {
+    // What is no file holds nothing that could change, and nothing is cleared away of others'
+    // files.
+    if (!S_ISREG(status.st_mode) || (status.st_uid != ::geteuid() && ::geteuid() != 0))
+        return removeByName(directory, name);
+    const FileDescriptor file(::openat(directory, name.c_str(),
+                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
+    if (!file) return removeByName(directory, name);
+    // So that nobody takes it for abandoned; where there are no locks, nobody gets one to do so.
+    static_cast<void>(::flock(file.get(), LOCK_EX | LOCK_NB));
+
+    const std::string aside = DurableFile::temporaryName();
+    if (::renameat(directory, name.c_str(), scratch_, aside.c_str()) != 0)
+        return removeByName(directory, name);
+    if (!isAside(aside, status, file.get())) return putBack(aside, directory, name);
+    if (::unlinkat(scratch_, aside.c_str(), 0) != 0) {
+        const int error = errno;
+        putBack(aside, directory, name);
+        fail(error);
+    }
+    return std::nullopt;
+}
+
+/// Whether what has the other name is the file as it was seen, and nobody can write to it any more.
+bool CheckedDeletion::isAside(const std::string& aside, const struct stat& status, int file) const {
+    struct stat now {};
+    return !(writers_ != nullptr && writers_->isOpenForWriting(file)) &&
+           ::fstatat(scratch_, aside.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+           isSameButForName(status, now);
+}
+
+/// The name that it has then in the directory.
+std::string CheckedDeletion::putBack(const std::string& aside, int directory,
+                                     const std::string& name) const {
+    constexpr int mostNames = 100;
+    for (int number = 0; number < mostNames; ++number) {
+        const std::string tried = number == 0 ? name : name + "." + std::to_string(number);
+        // Unlike a rename, this takes no other file's place.
+        if (::linkat(scratch_, aside.c_str(), directory, tried.c_str(), 0) == 0) {
+            ::unlinkat(scratch_, aside.c_str(), 0); // a second name of what is kept loses nothing
+            return tried;
+        }
+        if (errno == EEXIST) continue;
+        // Some file systems have no second names.
+        if (exists(directory, tried)) continue;
+        if (::renameat(scratch_, aside.c_str(), directory, tried.c_str()) == 0) return tried;
+        fail(errno);
+    }
+    fail(EEXIST);
+}

@@ -1,0 +1,121 @@
+#include "Quillvane/CheckedDeletion.h"
+#include "Quillvane/FileDescriptor.h"
+#include "tests/support/OrdinaryUser.h"
+#include "tests/support/TemporaryFolder.h"
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <fcntl.h>
+#include <filesystem>
+#include <system_error>
+
+namespace {
+
+namespace fs = std::filesystem;
+using testing::Optional;
+
+class CheckedDeletionTest : public testing::Test {
+protected:
+    CheckedDeletionTest() {
+        fs::create_directory(parent / "Docs");
+        writeFile(file, "contents");
+        look();
+    }
+
+    void look() { ASSERT_EQ(::lstat(file.c_str(), &seen), 0); }
+
+    std::optional<std::string> remove(const fs::path& scratch) const {
+        const FileDescriptor aside(::open(scratch.c_str(), O_RDONLY | O_DIRECTORY));
+        const FileDescriptor folder(::open((parent / "Docs").c_str(), O_RDONLY | O_DIRECTORY));
+        const Platform::WriterCheck writers;
+        return CheckedDeletion(aside.get(), &writers).remove(folder.get(), "file", seen);
+    }
+    std::optional<std::string> remove() const { return remove(parent.path()); }
+
+    /// Nothing but the folder, with at most the file in it.
+    void expectTidy() const {
+        EXPECT_EQ(std::distance(fs::directory_iterator(parent.path()), {}), 1);
+        for (const auto& entry : fs::directory_iterator(parent / "Docs"))
+            EXPECT_EQ(entry.path(), file);
+    }
+
+    TemporaryFolder parent;
+    fs::path file = parent / "Docs/file";
+    struct stat seen {};
+};
+
+TEST_F(CheckedDeletionTest, RemovesWhatIsAsItWasSeen) {
+    EXPECT_EQ(remove(), std::nullopt);
+    EXPECT_FALSE(fs::exists(file));
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, RemovesOneNameOfSeveral) {
+    fs::create_hard_link(file, parent / "other");
+    EXPECT_EQ(remove(), std::nullopt);
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(readFile(parent / "other"), "contents");
+}
+
+TEST_F(CheckedDeletionTest, PutsBackWhatWasSavedSince) {
+    writeFile(file, "CONTENTS");
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    EXPECT_EQ(readFile(file), "CONTENTS");
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, PutsBackWhatTookItsPlace) {
+    writeFile(parent / "other", "CONTENTS");
+    const timespec times[] = {seen.st_atim, seen.st_mtim};
+    ASSERT_EQ(::utimensat(AT_FDCWD, (parent / "other").c_str(), times, 0), 0);
+    fs::rename(parent / "other", file);
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    EXPECT_EQ(readFile(file), "CONTENTS");
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, PutsBackWhatSomebodyHasOpen) {
+    const FileDescriptor writer(::open(file.c_str(), O_WRONLY));
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, RemovesLinks) {
+    fs::remove(file);
+    fs::create_symlink("elsewhere", file);
+    look();
+    EXPECT_EQ(remove(), std::nullopt);
+    expectTidy();
+    EXPECT_FALSE(fs::is_symlink(file));
+}
+
+TEST_F(CheckedDeletionTest, IsDoneWhenItIsGone) {
+    fs::remove(file);
+    EXPECT_EQ(remove(), std::nullopt);
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, RemovesByNameWhereItCannotBeMoved) {
+    EXPECT_EQ(remove("/proc"), std::nullopt);
+    EXPECT_FALSE(fs::exists(file));
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, TellsWhatTheSystemDoesNotLetGo) {
+    fs::permissions(parent / "Docs", fs::perms::owner_read | fs::perms::owner_exec |
+                                         fs::perms::others_read | fs::perms::others_exec);
+    EXPECT_TRUE(asOrdinaryUser(parent.path(), [&] {
+        try {
+            remove();
+            return false;
+        } catch (const std::system_error& error) {
+            return error.code().value() == EACCES;
+        }
+    }));
+    fs::permissions(parent / "Docs", fs::perms::owner_all);
+    EXPECT_EQ(readFile(file), "contents");
+    expectTidy();
+}
+
+} // namespace
