@@ -38,56 +38,53 @@ bool exists(int directory, const std::string& name) {
     return ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
 }
 
+/// Gives a file its name back; the name that it has then.
+std::string putBack(int directory, const std::string& temporary, const std::string& name) {
+    constexpr int mostNames = 100;
+    for (int number = 0; number < mostNames; ++number) {
+        const std::string tried = number == 0 ? name : name + "." + std::to_string(number);
+        // Unlike a rename, this takes no other file's place.
+        if (::linkat(directory, temporary.c_str(), directory, tried.c_str(), 0) == 0) {
+            ::unlinkat(directory, temporary.c_str(), 0); // a second name loses nothing by staying
+            return tried;
+        }
+        // Some file systems have no second names.
+        if (errno == EEXIST || exists(directory, tried)) continue;
+        if (::renameat(directory, temporary.c_str(), directory, tried.c_str()) == 0) return tried;
+        fail(errno);
+    }
+    fail(EEXIST);
+}
+
 } // namespace
 
 std::optional<std::string> CheckedDeletion::remove(int directory, const std::string& name,
                                                    const struct stat& status) const {
-    // What is no file holds nothing that could change, and nothing is cleared away of others'
-    // files.
-    if (!S_ISREG(status.st_mode) || (status.st_uid != ::geteuid() && ::geteuid() != 0))
-        return removeByName(directory, name);
+    if (!S_ISREG(status.st_mode))
+        return removeByName(directory, name); // nothing can be saved there
     const FileDescriptor file(::openat(directory, name.c_str(),
                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!file) return removeByName(directory, name);
     // So that nobody takes it for abandoned; where there are no locks, nobody gets one to do so.
     static_cast<void>(::flock(file.get(), LOCK_EX | LOCK_NB));
 
-    const std::string aside = DurableFile::temporaryName();
-    if (::renameat(directory, name.c_str(), scratch_, aside.c_str()) != 0)
+    const std::string temporary = DurableFile::temporaryName();
+    if (::renameat(directory, name.c_str(), directory, temporary.c_str()) != 0)
         return removeByName(directory, name);
-    if (!isAside(aside, status, file.get())) return putBack(aside, directory, name);
-    if (::unlinkat(scratch_, aside.c_str(), 0) != 0) {
+    if (!isUnchanged(directory, temporary, status, file.get()))
+        return putBack(directory, temporary, name);
+    if (::unlinkat(directory, temporary.c_str(), 0) != 0) {
         const int error = errno;
-        putBack(aside, directory, name);
+        putBack(directory, temporary, name);
         fail(error);
     }
     return std::nullopt;
 }
 
-/// Whether what has the other name is the file as it was seen, and nobody can write to it any more.
-bool CheckedDeletion::isAside(const std::string& aside, const struct stat& status, int file) const {
+bool CheckedDeletion::isUnchanged(int directory, const std::string& name, const struct stat& status,
+                                  int file) const {
     struct stat now {};
     return !(writers_ != nullptr && writers_->isOpenForWriting(file)) &&
-           ::fstatat(scratch_, aside.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
+           ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
            isSameButForName(status, now);
-}
-
-/// The name that it has then in the directory.
-std::string CheckedDeletion::putBack(const std::string& aside, int directory,
-                                     const std::string& name) const {
-    constexpr int mostNames = 100;
-    for (int number = 0; number < mostNames; ++number) {
-        const std::string tried = number == 0 ? name : name + "." + std::to_string(number);
-        // Unlike a rename, this takes no other file's place.
-        if (::linkat(scratch_, aside.c_str(), directory, tried.c_str(), 0) == 0) {
-            ::unlinkat(scratch_, aside.c_str(), 0); // a second name of what is kept loses nothing
-            return tried;
-        }
-        if (errno == EEXIST) continue;
-        // Some file systems have no second names.
-        if (exists(directory, tried)) continue;
-        if (::renameat(scratch_, aside.c_str(), directory, tried.c_str()) == 0) return tried;
-        fail(errno);
-    }
-    fail(EEXIST);
 }

@@ -38,14 +38,6 @@ Path directoryOf(const Path& file) {
     return file.has_parent_path() ? file.parent_path() : Path(".");
 }
 
-bool isTemporaryName(std::string_view name) {
-    if (!name.starts_with(temporaryPrefix) || !name.ends_with(temporarySuffix)) return false;
-    name.remove_prefix(temporaryPrefix.size());
-    name.remove_suffix(temporarySuffix.size());
-    return name.size() == 2 * randomBytes &&
-           name.find_first_not_of(hexDigits) == std::string_view::npos;
-}
-
 void sync(int fd, const Path& path) {
     try {
         Platform::fullSync(fd);
@@ -185,7 +177,7 @@ void removeIfAbandoned(const Path& file) noexcept {
         ::open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
     const bool ours = fd && ::fstat(fd.get(), &status) == 0 && S_ISREG(status.st_mode) &&
-                      (status.st_uid == ::geteuid() || ::geteuid() == 0);
+                      status.st_uid == ::geteuid();
     // A shared lock does for an end to the writer's, and is to be had on a file opened to be read.
     if (ours && ::flock(fd.get(), LOCK_SH | LOCK_NB) == 0) ::unlink(file.c_str());
 }
@@ -201,6 +193,14 @@ std::string temporaryName() {
         name += hexDigits[byte & 15];
     }
     return name.append(temporarySuffix);
+}
+
+bool isTemporaryName(std::string_view name) {
+    if (!name.starts_with(temporaryPrefix) || !name.ends_with(temporarySuffix)) return false;
+    name.remove_prefix(temporaryPrefix.size());
+    name.remove_suffix(temporarySuffix.size());
+    return name.size() == 2 * randomBytes &&
+           name.find_first_not_of(hexDigits) == std::string_view::npos;
 }
 
 void replace(const Path& target, std::string_view contents, mode_t mode) {

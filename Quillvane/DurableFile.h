@@ -20,8 +20,9 @@ void remove(const std::filesystem::path& file);
 /// A new name of a temporary file. Whoever makes one by it holds a lock on it (`flock`), or it is
 /// taken for abandoned.
 std::string temporaryName();
-/// Removes the temporary files that a killed program of this user, for root of any, has left in the
-/// directory. Those that are locked stay. Best effort.
+bool isTemporaryName(std::string_view name);
+/// Removes the temporary files that a killed program of this user has left in the directory. Those
+/// that are locked stay. Best effort.
 void removeAbandoned(const std::filesystem::path& directory) noexcept;
 void syncFile(const std::filesystem::path& file);
 /// Makes the names in the directory durable.

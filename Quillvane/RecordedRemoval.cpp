@@ -22,7 +22,7 @@ public:
         : folder_(folder), record_(record), leftovers_(leftovers),
           // Elsewhere a file that was open just before is not deleted but renamed.
           looksForWriters_(Platform::isLocal(folder.parent())),
-          deletion_(folder.parent(), looksForWriters_ ? &writers_ : nullptr) {}
+          deletion_(looksForWriters_ ? &writers_ : nullptr) {}
 
     void run() {
         struct stat status {};

@@ -1,6 +1,7 @@
 #include "TreeComparison.h"
 
 #include "CheckedDeletion.h"
+#include "DurableFile.h"
 #include "EntryMetadata.h"
 #include "FileDescriptor.h"
 #include "OperationCancelled.h"
@@ -11,7 +12,9 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -121,9 +124,11 @@ protected:
         if (S_ISSOCK(status.st_mode) || ofFileManager || isOfSystem(path)) return true;
         const int other = reference_.directory(path.parent_path());
         struct stat found {};
-        if (other < 0 || ::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0 ||
-            (found.st_mode & S_IFMT) != (status.st_mode & S_IFMT))
-            return false;
+        if (other < 0) return false;
+        if (::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0)
+            return S_ISREG(status.st_mode) && DurableFile::isTemporaryName(name) &&
+                   isAnyAlike(directory, name, status, other);
+        if ((found.st_mode & S_IFMT) != (status.st_mode & S_IFMT)) return false;
         if (files_ == Files::any && (!S_ISREG(status.st_mode) || isOlder(status, found)))
             return true;
         if (S_ISREG(status.st_mode)) {
@@ -135,6 +140,26 @@ protected:
             return false;
         return S_ISLNK(status.st_mode) ? haveSameTarget(directory, other, name)
                                        : found.st_rdev == status.st_rdev;
+    }
+
+    /// A file that a deletion was interrupted at has a temporary name, and in the reference its
+    /// own.
+    bool isAnyAlike(int directory, const std::string& name, const struct stat& status, int others) {
+        const FileDescriptor own = open(directory, name, status);
+        const std::unique_ptr<DIR, int (*)(DIR*)> listing(
+            ::fdopendir(::openat(others, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), &::closedir);
+        if (!own || !listing) return false;
+        while (const dirent* const entry = ::readdir(listing.get())) {
+            struct stat found {};
+            if (::fstatat(others, entry->d_name, &found, AT_SYMLINK_NOFOLLOW) != 0 ||
+                !S_ISREG(found.st_mode))
+                continue;
+            const FileDescriptor original = open(others, entry->d_name, found);
+            if (original && ::lseek(own.get(), 0, SEEK_SET) == 0 &&
+                isRegularAlike(own.get(), status, original.get(), found))
+                return true;
+        }
+        return false;
     }
 
     static bool isOlder(const struct stat& own, const struct stat& other) {
@@ -236,22 +261,12 @@ class AlikeRemoval final : public Comparison {
 public:
     AlikeRemoval(const fs::path& tree, const fs::path& reference, Files files)
         : Comparison(tree, reference, files, nullptr), looksForWriters_(isLocal(tree)),
-          parent_(openParent(tree)),
-          deletion_(parent_.get(), looksForWriters_ ? &writers_ : nullptr) {}
+          deletion_(looksForWriters_ ? &writers_ : nullptr) {}
 
 private:
     static bool isLocal(const fs::path& tree) {
         const FileDescriptor root(::open(tree.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         return root && Platform::isLocal(root.get());
-    }
-
-    static FileDescriptor openParent(const fs::path& tree) {
-        FileDescriptor parent(
-            ::open(tree.parent_path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        if (!parent)
-            throw fs::filesystem_error("cannot open", tree.parent_path(),
-                                       std::error_code(errno, std::generic_category()));
-        return parent;
     }
 
     void file(int directory, const std::string& name, const struct stat& status) override {
@@ -306,7 +321,6 @@ private:
     /// Elsewhere a file that was open just before is not deleted but renamed.
     bool looksForWriters_;
     Platform::WriterCheck writers_;
-    FileDescriptor parent_; ///< of the tree
     CheckedDeletion deletion_;
     std::vector<bool> alike_; ///< by depth, whether the folder is
 };

@@ -13,8 +13,10 @@
 /// and FIFOs of the same kind, and folders of the same name, if their owner, group, mode, extended
 /// attributes and access control lists are alike as well (`EntryMetadata`). Sockets are alike to
 /// anything, as nothing can keep them; so are `VaultEngine::systemVolumeItems` at the top, and
-/// file managers' own files (".DS_Store") anywhere. What cannot be read is not alike. Links are not
-/// followed, and other file systems not entered.
+/// file managers' own files (".DS_Store") anywhere. A file of a temporary name
+/// (`DurableFile::temporaryName`) that is not there is alike to any file of its folder that it
+/// could be. What cannot be read is not alike. Links are not followed, and other file systems not
+/// entered.
 ///
 /// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile,
 /// and when the reference cannot be opened.

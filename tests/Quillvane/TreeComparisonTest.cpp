@@ -322,6 +322,15 @@ TEST_F(TreeComparisonTest, WhatCannotBeDeletedIsAFailure) {
     }));
 }
 
+TEST_F(TreeComparisonTest, RemovesWhatADeletionWasInterruptedAt) {
+    fs::rename(tree / "inner/deep", tree / "inner/.quillvane-0123456789abcdef.tmp");
+    fs::rename(tree / "file", tree / ".quillvane-0123456789abcdef.tmp");
+    overwrite(tree / ".quillvane-0123456789abcdef.tmp", "CONTENTS");
+    EXPECT_EQ(TreeComparison::removeAlike(tree, reference, Files::finished).count, 1U);
+    EXPECT_EQ(readFile(tree / ".quillvane-0123456789abcdef.tmp"), "CONTENTS");
+    EXPECT_FALSE(fs::exists(tree / "inner"));
+}
+
 TEST_F(TreeComparisonTest, LeavesWhatIsNotAlike) {
     overwrite(tree / "file", "Contents");
     writeFile(tree / "inner/new", "x");

@@ -62,7 +62,7 @@ PHASES = {
     "protect": (
         ("making the image", {"openat"}, IMAGE),
         ("completing the image", {"openat"}, TEMPORARY),
-        ("deleting the folder", power_loss.MOVES, TEMPORARY),
+        ("deleting the folder", power_loss.MOVES, "work/Docs/.*"),
         ("naming the item", {"openat"}, TEMPORARY),
         ("ending", power_loss.MOVES, r"work/Docs\.quillvane"),
     ),

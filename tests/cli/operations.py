@@ -231,7 +231,8 @@ NOTE_IS_MADE = 20  # calls
 # Everything that is killed has come to this: by the state's name, the operation and the next call.
 STATES = {
     "copied": (Protect, isNoteOfDeletion),
-    "deleting": (Protect, lambda call: call.path == "work/Docs/letters/photo" and
+    # A file has its other name then.
+    "deleting": (Protect, lambda call: call.path.startswith("work/Docs/letters/.quillvane-") and
                  call.name in power_loss.ENDS and call.place == "disk"),
     "unnamed": (Protect, lambda call: call.second == f"work/{ITEM}"),
     "incomplete": (Remove, lambda call: call.name == "symlinkat"),

@@ -102,7 +102,7 @@ def mistakes(calls, disk, isWhole):
 
 
 def mayBeMade(call, disk):
-    # A file of the folder is renamed before it is deleted, to a name that is cleared away.
+    # A file of the folder is renamed before it is deleted.
     if call.path == FOLDER or call.path.startswith(FOLDER + "/"):
         return any(disk.lasts(image) and disk.lasts(keyFile(image))
                    for image in disk.existing if image == ITEM or isWorkingImage(image))
