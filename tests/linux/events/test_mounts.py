@@ -74,10 +74,11 @@ class MountsTest(Case):
         printer.end()
 
     def test_names_of_any_kind(self):
-        printer = EventPrinter(self)
-        for name in ("two  words ", "line\nfeed", "back\\slash \\040", "naïve – 写真", "tab\there",
-                     " -", "#x"):
-            place = self.volume(self.work / name)
+        names = ("two  words ", "line\nfeed", "back\\slash \\040", "naïve – 写真", "tab\there", " -",
+                 "#x")
+        places = [self.volume(self.work / name) for name in names]
+        printer = EventPrinter(self)  # now, so that it has seen them all
+        for place in places:
             self.detach(place)
             printer.expect("unmounted " + str(place).replace("\n", "\\n"))
         printer.end()
