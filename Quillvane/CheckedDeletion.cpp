@@ -42,7 +42,7 @@ bool exists(int directory, const std::string& name) {
 std::string putBack(int directory, const std::string& temporary, const std::string& name) {
     constexpr int mostNames = 100;
     for (int number = 0; number < mostNames; ++number) {
-        const std::string tried = number == 0 ? name : name + "." + std::to_string(number);
+        std::string tried = number == 0 ? name : name + "." + std::to_string(number);
         // Unlike a rename, this takes no other file's place.
         if (::linkat(directory, temporary.c_str(), directory, tried.c_str(), 0) == 0) {
             ::unlinkat(directory, temporary.c_str(), 0); // a second name loses nothing by staying
