@@ -60,8 +60,9 @@ std::string putBack(int directory, const std::string& temporary, const std::stri
 
 std::optional<std::string> CheckedDeletion::remove(int directory, const std::string& name,
                                                    const struct stat& status) const {
-    if (!S_ISREG(status.st_mode))
-        return removeByName(directory, name); // nothing can be saved there
+    // Nothing can be saved into what is no file; one that takes its name right now goes with it.
+    // After a crash only files are known by their contents.
+    if (!S_ISREG(status.st_mode)) return removeByName(directory, name);
     const FileDescriptor file(::openat(directory, name.c_str(),
                                        O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     if (!file) return removeByName(directory, name);

@@ -12,7 +12,7 @@
 /// could save into it. So it gets a temporary name first (`DurableFile::temporaryName`), by which
 /// nobody finds it, is looked at once more, and gets its own name back if it has changed. It stays
 /// in its folder: nobody else may read what that keeps from them. Where the file system does not
-/// let it be renamed, it is deleted by its name.
+/// let it be renamed, it is deleted by its name; so are links, FIFOs and devices.
 class CheckedDeletion {
 public:
     /// `writers` is asked whether somebody has the files open, if it is there; it is borrowed.
