@@ -49,16 +49,17 @@ class DittoTest(unittest.TestCase):
 
     def make_in_order(self, path):
         """Makes a file that is copied after those written before: entries are copied in the order of
-        their inodes, and a disk hands out freed numbers again."""
-        tried = []
-        while not tried or os.stat(tried[-1]).st_ino <= self.last_inode:
-            tried.append(os.path.join(os.path.dirname(path), f".order-{len(tried)}"))
-            with open(tried[-1], "xb"):
-                pass
-        self.last_inode = os.stat(tried[-1]).st_ino
-        os.rename(tried.pop(), path)
-        for rest in tried:
-            os.unlink(rest)
+        their inodes, and a disk hands out freed numbers again. Those of the files that are too low
+        stay in use: there can be thousands of them, and the next file would get them once more."""
+        while True:
+            with open(path, "xb") as file:
+                inode = os.fstat(file.fileno()).st_ino
+            if inode > self.last_inode:
+                self.last_inode = inode
+                return
+            too_low = os.path.join(self.place, "too low")
+            os.makedirs(too_low, exist_ok=True)
+            os.rename(path, os.path.join(too_low, str(inode)))
 
     def ditto(self, *arguments, prefix=()):
         arguments = arguments or (self.source, self.destination)
