@@ -16,7 +16,7 @@ bool isAt(const timespec& one, const timespec& other) {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-/// Renaming a file changes nothing but the time of change of what can be seen of it.
+/// Renaming an entry changes nothing but the time of change of what can be seen of it.
 bool isSameButForName(const struct stat& one, const struct stat& other) {
     return one.st_dev == other.st_dev && one.st_ino == other.st_ino &&
            one.st_mode == other.st_mode && one.st_uid == other.st_uid &&
@@ -38,7 +38,7 @@ bool exists(int directory, const std::string& name) {
     return ::fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 || errno != ENOENT;
 }
 
-/// Gives a file its name back; the name that it has then.
+/// Gives an entry its name back; the name that it has then.
 std::string putBack(int directory, const std::string& temporary, const std::string& name) {
     constexpr int mostNames = 100;
     for (int number = 0; number < mostNames; ++number) {
@@ -48,7 +48,7 @@ std::string putBack(int directory, const std::string& temporary, const std::stri
             ::unlinkat(directory, temporary.c_str(), 0); // a second name loses nothing by staying
             return tried;
         }
-        // Some file systems have no second names.
+        // Some file systems have no second names, and a folder never has.
         if (errno == EEXIST || exists(directory, tried)) continue;
         if (::renameat(directory, temporary.c_str(), directory, tried.c_str()) == 0) return tried;
         fail(errno);
@@ -60,14 +60,13 @@ std::string putBack(int directory, const std::string& temporary, const std::stri
 
 std::optional<std::string> CheckedDeletion::remove(int directory, const std::string& name,
                                                    const struct stat& status) const {
-    // Nothing can be saved into what is no file; one that takes its name right now goes with it.
-    // After a crash only files are known by their contents.
-    if (!S_ISREG(status.st_mode)) return removeByName(directory, name);
-    const FileDescriptor file(::openat(directory, name.c_str(),
-                                       O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (!file) return removeByName(directory, name);
+    FileDescriptor file;
+    // To open a FIFO or a device can do something to it, and nothing can be saved into it.
+    if (S_ISREG(status.st_mode))
+        file.reset(::openat(directory, name.c_str(),
+                            O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
     // So that nobody takes it for abandoned; where there are no locks, nobody gets one to do so.
-    static_cast<void>(::flock(file.get(), LOCK_EX | LOCK_NB));
+    if (file) static_cast<void>(::flock(file.get(), LOCK_EX | LOCK_NB));
 
     const std::string temporary = DurableFile::temporaryName();
     if (::renameat(directory, name.c_str(), directory, temporary.c_str()) != 0)
@@ -85,7 +84,7 @@ std::optional<std::string> CheckedDeletion::remove(int directory, const std::str
 bool CheckedDeletion::isUnchanged(int directory, const std::string& name, const struct stat& status,
                                   int file) const {
     struct stat now {};
-    return !(writers_ != nullptr && writers_->isOpenForWriting(file)) &&
+    return !(file >= 0 && writers_ != nullptr && writers_->isOpenForWriting(file)) &&
            ::fstatat(directory, name.c_str(), &now, AT_SYMLINK_NOFOLLOW) == 0 &&
            isSameButForName(status, now);
 }

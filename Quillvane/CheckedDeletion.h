@@ -6,13 +6,13 @@
 #include <string>
 #include <sys/stat.h>
 
-/// Deletes files of which nothing may be lost but what was looked at.
+/// Deletes entries of which nothing may be lost but what was looked at.
 ///
-/// Between a look at a file and its deletion by name another file could take the name, or somebody
-/// could save into it. So it gets a temporary name first (`DurableFile::temporaryName`), by which
-/// nobody finds it, is looked at once more, and gets its own name back if it has changed. It stays
-/// in its folder: nobody else may read what that keeps from them. Where the file system does not
-/// let it be renamed, it is deleted by its name; so are links, FIFOs and devices.
+/// Between a look at an entry and its deletion by name another file could take the name, or
+/// somebody could save into it. So it gets a temporary name first (`DurableFile::temporaryName`),
+/// by which nobody finds it, is looked at once more, and gets its own name back if it has changed.
+/// It stays in its folder: nobody else may read what that keeps from them. Where the file system
+/// does not let it be renamed, it is deleted by its name.
 class CheckedDeletion {
 public:
     /// `writers` is asked whether somebody has the files open, if it is there; it is borrowed.

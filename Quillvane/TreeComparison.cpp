@@ -126,40 +126,53 @@ protected:
         struct stat found {};
         if (other < 0) return false;
         if (::fstatat(other, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) != 0)
-            return S_ISREG(status.st_mode) && DurableFile::isTemporaryName(name) &&
-                   isAnyAlike(directory, name, status, other);
-        if ((found.st_mode & S_IFMT) != (status.st_mode & S_IFMT)) return false;
-        if (files_ == Files::any && (!S_ISREG(status.st_mode) || isOlder(status, found)))
+            return DurableFile::isTemporaryName(name) &&
+                   isAnyAlike({directory, name, status}, other);
+        if (files_ == Files::any && isSameType(status, found) &&
+            (!S_ISREG(status.st_mode) || isOlder(status, found)))
             return true;
-        if (S_ISREG(status.st_mode)) {
-            const FileDescriptor own = open(directory, name, status);
-            const FileDescriptor original = open(other, name, found);
-            return own && original && isRegularAlike(own.get(), status, original.get(), found);
-        }
-        if (!isAlike(EntryMetadata(directory, name, status), EntryMetadata(other, name, found)))
-            return false;
-        return S_ISLNK(status.st_mode) ? haveSameTarget(directory, other, name)
-                                       : found.st_rdev == status.st_rdev;
+        return isEntryAlike({directory, name, status}, {other, name, found});
     }
 
-    /// A file that a deletion was interrupted at has a temporary name, and in the reference its
-    /// own.
-    bool isAnyAlike(int directory, const std::string& name, const struct stat& status, int others) {
-        const FileDescriptor own = open(directory, name, status);
+    /// An entry of an open directory that is no folder.
+    struct Entry {
+        int directory;
+        std::string name;
+        struct stat status;
+    };
+
+    bool isEntryAlike(const Entry& own, const Entry& original) {
+        if (!isSameType(own.status, original.status)) return false;
+        if (S_ISREG(own.status.st_mode)) {
+            const FileDescriptor file = open(own);
+            const FileDescriptor other = open(original);
+            return file && other &&
+                   isRegularAlike(file.get(), own.status, other.get(), original.status);
+        }
+        if (files_ != Files::any &&
+            !isAlike(EntryMetadata(own.directory, own.name, own.status),
+                     EntryMetadata(original.directory, original.name, original.status)))
+            return false;
+        return S_ISLNK(own.status.st_mode) ? haveSameTarget(own, original)
+                                           : own.status.st_rdev == original.status.st_rdev;
+    }
+
+    /// What a deletion was interrupted at has a temporary name, and in the reference its own.
+    bool isAnyAlike(const Entry& own, int others) {
         const std::unique_ptr<DIR, int (*)(DIR*)> listing(
             ::fdopendir(::openat(others, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)), &::closedir);
-        if (!own || !listing) return false;
+        if (!listing) return false;
         while (const dirent* const entry = ::readdir(listing.get())) {
             struct stat found {};
-            if (::fstatat(others, entry->d_name, &found, AT_SYMLINK_NOFOLLOW) != 0 ||
-                !S_ISREG(found.st_mode))
-                continue;
-            const FileDescriptor original = open(others, entry->d_name, found);
-            if (original && ::lseek(own.get(), 0, SEEK_SET) == 0 &&
-                isRegularAlike(own.get(), status, original.get(), found))
+            if (::fstatat(others, entry->d_name, &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+                isEntryAlike(own, {others, entry->d_name, found}))
                 return true;
         }
         return false;
+    }
+
+    static bool isSameType(const struct stat& one, const struct stat& other) {
+        return (one.st_mode & S_IFMT) == (other.st_mode & S_IFMT);
     }
 
     static bool isOlder(const struct stat& own, const struct stat& other) {
@@ -195,12 +208,13 @@ private:
         return !path.empty() && VaultEngine::systemVolumeItems().contains(path.begin()->string());
     }
 
-    /// The file that `status` is of; none when there is another in its place.
-    static FileDescriptor open(int directory, const std::string& name, const struct stat& status) {
+    /// None when there is another file in its place.
+    static FileDescriptor open(const Entry& entry) {
         constexpr int flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-        FileDescriptor file(::openat(directory, name.c_str(), flags));
+        FileDescriptor file(::openat(entry.directory, entry.name.c_str(), flags));
         struct stat opened {};
-        if (file && (::fstat(file.get(), &opened) != 0 || !isSame(status, opened))) file.reset();
+        if (file && (::fstat(file.get(), &opened) != 0 || !isSame(entry.status, opened)))
+            file.reset();
         return file;
     }
 
@@ -214,12 +228,12 @@ private:
                areAlike(Platform::modificationTime(own), Platform::modificationTime(other));
     }
 
-    static bool haveSameTarget(int one, int other, const std::string& name) {
+    static bool haveSameTarget(const Entry& one, const Entry& other) {
         std::array<std::array<char, 4097>, 2> targets;
         const ssize_t length =
-            ::readlinkat(one, name.c_str(), targets[0].data(), targets[0].size());
+            ::readlinkat(one.directory, one.name.c_str(), targets[0].data(), targets[0].size());
         const ssize_t otherLength =
-            ::readlinkat(other, name.c_str(), targets[1].data(), targets[1].size());
+            ::readlinkat(other.directory, other.name.c_str(), targets[1].data(), targets[1].size());
         return length >= 0 && length == otherLength &&
                std::equal(targets[0].begin(), targets[0].begin() + length, targets[1].begin());
     }

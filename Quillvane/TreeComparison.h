@@ -13,8 +13,8 @@
 /// and FIFOs of the same kind, and folders of the same name, if their owner, group, mode, extended
 /// attributes and access control lists are alike as well (`EntryMetadata`). Sockets are alike to
 /// anything, as nothing can keep them; so are `VaultEngine::systemVolumeItems` at the top, and
-/// file managers' own files (".DS_Store") anywhere. A file of a temporary name
-/// (`DurableFile::temporaryName`) that is not there is alike to any file of its folder that it
+/// file managers' own files (".DS_Store") anywhere. What has a temporary name
+/// (`DurableFile::temporaryName`) and is not there is alike to anything in its folder that it
 /// could be. What cannot be read is not alike. Links are not followed, and other file systems not
 /// entered.
 ///

@@ -87,6 +87,31 @@ TEST_F(CheckedDeletionTest, RemovesLinks) {
     EXPECT_FALSE(fs::is_symlink(file));
 }
 
+TEST_F(CheckedDeletionTest, PutsBackWhatTookALinksPlace) {
+    fs::remove(file);
+    fs::create_symlink("elsewhere", file);
+    look();
+    fs::create_symlink("somewhere", parent / "other");
+    fs::rename(parent / "other", file);
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    EXPECT_EQ(fs::read_symlink(file), "somewhere");
+
+    look();
+    writeFile(parent / "other", "CONTENTS");
+    fs::rename(parent / "other", file);
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    EXPECT_EQ(readFile(file), "CONTENTS");
+    expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, PutsBackAFolderThatTookItsPlace) {
+    fs::remove(file);
+    fs::create_directory(file);
+    EXPECT_THAT(remove(), Optional(std::string("file")));
+    EXPECT_TRUE(fs::is_directory(file));
+    expectTidy();
+}
+
 TEST_F(CheckedDeletionTest, IsDoneWhenItIsGone) {
     fs::remove(file);
     EXPECT_EQ(remove(), std::nullopt);

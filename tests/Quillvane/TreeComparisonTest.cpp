@@ -331,6 +331,22 @@ TEST_F(TreeComparisonTest, RemovesWhatADeletionWasInterruptedAt) {
     EXPECT_FALSE(fs::exists(tree / "inner"));
 }
 
+TEST_F(TreeComparisonTest, RemovesLinksThatADeletionWasInterruptedAt) {
+    const fs::path alike = tree / ".quillvane-0123456789abcdef.tmp";
+    const fs::path other = tree / ".quillvane-0123456789abcdee.tmp";
+    for (const Files files : {Files::finished, Files::any}) {
+        copy();
+        fs::rename(tree / "link", alike);
+        fs::rename(tree / "fifo", tree / ".quillvane-0123456789abcded.tmp");
+        fs::create_symlink("somewhere", other);
+        EXPECT_THAT(TreeComparison::removeAlike(tree, reference, files).first,
+                    ElementsAre(other.filename()));
+        EXPECT_FALSE(fs::is_symlink(alike));
+        EXPECT_EQ(fs::read_symlink(other), "somewhere");
+        fs::remove(other);
+    }
+}
+
 TEST_F(TreeComparisonTest, LeavesWhatIsNotAlike) {
     overwrite(tree / "file", "Contents");
     writeFile(tree / "inner/new", "x");
