@@ -69,8 +69,10 @@ std::optional<std::string> CheckedDeletion::remove(int directory, const std::str
     if (file) static_cast<void>(::flock(file.get(), LOCK_EX | LOCK_NB));
 
     const std::string temporary = DurableFile::temporaryName();
-    if (::renameat(directory, name.c_str(), directory, temporary.c_str()) != 0)
+    if (::renameat(directory, name.c_str(), directory, temporary.c_str()) != 0) {
+        if (errno == ENOENT) return std::nullopt; // what takes the name now was never looked at
         return removeByName(directory, name);
+    }
     if (!isUnchanged(directory, temporary, status, file.get()))
         return putBack(directory, temporary, name);
     if (::unlinkat(directory, temporary.c_str(), 0) != 0) {

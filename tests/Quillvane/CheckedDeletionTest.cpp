@@ -5,10 +5,13 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <filesystem>
 #include <system_error>
+#include <thread>
+#include <unistd.h>
 
 namespace {
 
@@ -116,6 +119,27 @@ TEST_F(CheckedDeletionTest, IsDoneWhenItIsGone) {
     fs::remove(file);
     EXPECT_EQ(remove(), std::nullopt);
     expectTidy();
+}
+
+TEST_F(CheckedDeletionTest, LeavesWhatComesOnceItIsGone) {
+    fs::remove(file);
+    constexpr int most = 1000;
+    const auto source = [&](int number) { return parent / ("source" + std::to_string(number)); };
+    for (int number = 0; number < most; ++number) writeFile(source(number), "CONTENTS");
+    std::atomic<bool> done = false;
+    std::thread other([&] {
+        for (int number = 0; number < most; ++number)
+            while (::link(source(number).c_str(), file.c_str()) != 0) std::this_thread::yield();
+        done = true;
+    });
+    for (int kept = 0; !done; ++kept)
+        if (const auto name = remove())
+            fs::rename(parent / "Docs" / *name, parent / ("kept" + std::to_string(kept)));
+    other.join();
+    int lost = 0;
+    for (int number = 0; number < most; ++number)
+        lost += fs::hard_link_count(source(number)) == 1 ? 1 : 0;
+    EXPECT_EQ(lost, 0);
 }
 
 TEST_F(CheckedDeletionTest, TellsWhatTheSystemDoesNotLetGo) {
