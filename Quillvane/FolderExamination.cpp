@@ -40,7 +40,7 @@ protected:
 private:
     void file(int directory, const std::string& name, const struct stat& status) final {
         stopIfCancelled();
-        if (depth() == 1 && VaultEngine::systemVolumeItems().contains(name)) return;
+        if (depth() == 1 && mayComeAndChange(name)) return;
         entry(name, status);
         if (S_ISREG(status.st_mode)) requireNoWriter(directory, name);
     }
@@ -120,6 +120,11 @@ private:
 };
 
 } // namespace
+
+bool mayComeAndChange(const std::string& name) {
+    return name == ".DS_Store" ||
+           (Platform::keepsFilesOnVolumes() && VaultEngine::systemVolumeItems().contains(name));
+}
 
 FolderRecord record(const HeldFolder& folder, const Cancellation* cancellation) {
     return Recording(folder, cancellation).run();

@@ -63,6 +63,10 @@ std::int64_t volumeUsedBytes(const std::filesystem::path& path);
 /// exist.
 std::optional<std::string> volumeName(const std::filesystem::path& path);
 
+/// True where the system keeps files of its own at the root of every volume, so that they are in
+/// copies of a volume, too, and may differ there.
+bool keepsFilesOnVolumes() noexcept;
+
 /// True for what cannot be replaced by an item: a package, a mount point, a folder with a mount
 /// inside it, a symbolic link to a folder. A trailing slash makes no difference. Throws
 /// `std::system_error` when the system does not tell what is mounted.

@@ -1,10 +1,10 @@
 #include "RecordedRemoval.h"
 
 #include "CheckedDeletion.h"
+#include "FolderExamination.h"
 #include "Platform.h"
 #include "PrintableText.h"
 #include "TreeWalk.h"
-#include "VaultEngine.h"
 
 #include <cerrno>
 #include <exception>
@@ -42,8 +42,8 @@ private:
     class Exchanged : public std::exception {};
 
     void file(int directory, const std::string& name, const struct stat& status) override {
-        const bool ofSystem = depth() == 1 && VaultEngine::systemVolumeItems().contains(name);
-        if (!ofSystem && !isStillAsRecorded(directory, name, status)) return keep(name);
+        const bool left = depth() == 1 && FolderExamination::mayComeAndChange(name);
+        if (!left && !isStillAsRecorded(directory, name, status)) return keep(name);
         try {
             if (const auto kept = deletion_.remove(directory, name, status)) keep(*kept);
         } catch (const std::system_error& error) {

@@ -23,7 +23,7 @@ struct Leftovers {
 };
 
 /// Deletes the folder entry by entry, each only if it is as recorded at that moment and nobody has
-/// it open for writing; files at the top with names that systems give to their own go in any case.
+/// it open for writing; files at the top that `FolderExamination::mayComeAndChange` go in any case.
 /// Follows no link and enters nothing that is mounted inside. Makes folders of the user writable
 /// where it must. What stays is added to `leftovers`, also when it throws
 /// `std::filesystem::filesystem_error` with the path of what the system did not let go, or

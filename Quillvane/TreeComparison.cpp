@@ -205,7 +205,8 @@ private:
 
     /// Or in something of the system's.
     static bool isOfSystem(const fs::path& path) {
-        return !path.empty() && VaultEngine::systemVolumeItems().contains(path.begin()->string());
+        return !path.empty() && Platform::keepsFilesOnVolumes() &&
+               VaultEngine::systemVolumeItems().contains(path.begin()->string());
     }
 
     /// None when there is another file in its place.

@@ -12,11 +12,11 @@
 /// Alike are files of the same contents and time of last change, links of the same target, devices
 /// and FIFOs of the same kind, and folders of the same name, if their owner, group, mode, extended
 /// attributes and access control lists are alike as well (`EntryMetadata`). Sockets are alike to
-/// anything, as nothing can keep them; so are `VaultEngine::systemVolumeItems` at the top, and
-/// file managers' own files (".DS_Store") anywhere. What has a temporary name
-/// (`DurableFile::temporaryName`) and is not there is alike to anything in its folder that it
-/// could be. What cannot be read is not alike. Links are not followed, and other file systems not
-/// entered.
+/// anything, as nothing can keep them; so are file managers' own files (".DS_Store") anywhere, and
+/// `VaultEngine::systemVolumeItems` at the top where the system keeps files of its own on volumes;
+/// elsewhere these are the user's. What has a temporary name (`DurableFile::temporaryName`) and is
+/// not there is alike to anything in its folder that it could be. What cannot be read is not alike.
+/// Links are not followed, and other file systems not entered.
 ///
 /// All functions throw `std::filesystem::filesystem_error` when the tree is rearranged meanwhile,
 /// and when the reference cannot be opened.

@@ -117,6 +117,10 @@ std::int64_t volumeUsedBytes(const fs::path& path) {
     return bytesOf(volume.f_blocks - volume.f_bfree, volume);
 }
 
+bool keepsFilesOnVolumes() noexcept {
+    return false;
+}
+
 bool isPackageOrVolumeRoot(const fs::path& path) {
     const fs::path item = path.has_filename() ? path : path.parent_path();
     std::error_code error;

@@ -121,6 +121,10 @@ std::int64_t volumeUsedBytes(const fs::path& path) {
     return static_cast<std::int64_t>(volume.f_blocks - volume.f_bavail) * volume.f_bsize;
 }
 
+bool keepsFilesOnVolumes() noexcept {
+    return true;
+}
+
 bool isPackageOrVolumeRoot(const fs::path& path) {
     const fs::path item = path.has_filename() ? path : path.parent_path();
     std::error_code error;

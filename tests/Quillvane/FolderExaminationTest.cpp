@@ -1,5 +1,6 @@
 #include "Quillvane/FolderExamination.h"
 #include "Quillvane/OperationCancelled.h"
+#include "Quillvane/Platform.h"
 #include "Quillvane/VaultError.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -99,6 +100,12 @@ TEST_F(FolderExaminationTest, FilesOfTheSystemAtTheTopMayComeAndChange) {
     writeFile(docs / "a/.DS_Store", "1");
     EXPECT_EQ(noticed([&] { writeFile(docs / "a/.DS_Store", "22"); }),
               "\"Docs/a/.DS_Store\" changed while the folder was being protected.");
+}
+
+TEST_F(FolderExaminationTest, WhereVolumesHoldNothingOfTheSystemsItsNamesAreTheUsers) {
+    if (Platform::keepsFilesOnVolumes()) GTEST_SKIP() << "the system keeps files on volumes";
+    EXPECT_EQ(noticed([&] { writeFile(docs / ".VolumeIcon.icns", "new"); }),
+              "\"Docs/.VolumeIcon.icns\" appeared while the folder was being protected.");
 }
 
 TEST_F(FolderExaminationTest, NoticesWhoIsWriting) {

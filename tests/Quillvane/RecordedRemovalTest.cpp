@@ -167,9 +167,14 @@ TEST_F(RecordedRemovalTest, EmptiesNothingThatIsMountedInside) {
     ::umount((docs / "empty").c_str());
 }
 
-TEST_F(RecordedRemovalTest, FilesOfTheSystemAtTheTopGoInAnyCase) {
+TEST_F(RecordedRemovalTest, FilesOfFileManagersAtTheTopGoInAnyCase) {
     EXPECT_EQ(removeAfter([this] { writeFile(docs / ".DS_Store", "new"); }).count, 0U);
     EXPECT_TRUE(fs::is_empty(parent.path()));
+}
+
+TEST_F(RecordedRemovalTest, WhereVolumesHoldNothingOfTheSystemsItsNamesAreTheUsers) {
+    EXPECT_EQ(removeAfter([this] { writeFile(docs / ".VolumeIcon.icns", "new"); }).count, 1U);
+    EXPECT_EQ(readFile(docs / ".VolumeIcon.icns"), "new");
 }
 
 TEST_F(RecordedRemovalTest, MakesFoldersWritable) {

@@ -111,9 +111,7 @@ TEST_F(TreeComparisonTest, DoesNotFollowLinksOfTheReference) {
     EXPECT_THAT(differences(), UnorderedElementsAre("inner", "inner/empty", "inner/deep"));
 }
 
-TEST_F(TreeComparisonTest, SocketsAndFilesOfTheSystemAreAlikeToAnything) {
-    writeFile(tree / ".DS_Store", "x");
-    fs::create_directories(tree / ".Trashes/501");
+TEST_F(TreeComparisonTest, SocketsAreAlikeToAnything) {
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
     const std::string path = tree / "socket";
     ASSERT_LT(path.size(), sizeof address.sun_path);
@@ -122,11 +120,27 @@ TEST_F(TreeComparisonTest, SocketsAndFilesOfTheSystemAreAlikeToAnything) {
     ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     ::close(fd);
     EXPECT_THAT(differences(), IsEmpty());
-    fs::create_directories(tree / "inner/.Trashes");
-    EXPECT_THAT(differences(), ElementsAre("inner/.Trashes"));
+}
+
+TEST_F(TreeComparisonTest, WhereVolumesHoldNothingOfTheSystemsItsNamesAreTheUsers) {
+    fs::create_directories(reference / ".Trashes/501");
+    writeFile(reference / ".Trashes/501/deleted", "old");
+    copy();
+    EXPECT_THAT(differences(), IsEmpty());
+    writeFile(tree / ".Trashes/501/deleted", "new");
+    writeFile(tree / ".VolumeIcon.icns", "x");
+    fs::create_directory(tree / ".DS_Store");
+    writeFile(tree / ".DS_Store/file", "x");
+    const std::size_t common = TreeComparison::recordAlike(reference, reference).size();
+    EXPECT_EQ(TreeComparison::recordAlike(tree, reference).size(), common - 1);
+    EXPECT_EQ(TreeComparison::removeAlike(tree, reference, Files::finished).count, 4U);
+    EXPECT_EQ(readFile(tree / ".Trashes/501/deleted"), "new");
+    EXPECT_EQ(readFile(tree / ".VolumeIcon.icns"), "x");
+    EXPECT_EQ(readFile(tree / ".DS_Store/file"), "x");
 }
 
 TEST_F(TreeComparisonTest, WhatFileManagersKeepIsAlikeToAnything) {
+    writeFile(tree / ".DS_Store", "x");
     writeFile(tree / "inner/.DS_Store", "x");
     writeFile(reference / "inner/empty/.DS_Store", "one");
     writeFile(tree / "inner/empty/.DS_Store", "another");
