@@ -1,4 +1,5 @@
 #include "Quillvane/KeyMetadata.h"
+#include "Quillvane/Platform.h"
 #include "Quillvane/RecoveryError.h"
 #include "Quillvane/VaultError.h"
 #include "tests/Quillvane/InterruptedFixture.h"
@@ -197,8 +198,15 @@ TEST_F(InterruptedEndingTest, TheKeyFileOfAnItemThatWasMovedAwayIsKept) {
 }
 
 TEST_F(InterruptedEndingTest, AnotherFolderInThePlaceOfTheDeletedOneStays) {
+    const fs::path other = parent / "other"; // made beside it, and so has another inode
+    do {
+        fs::remove(other);
+        fs::create_directory(other);
+    } while (Platform::birthTime(other) != 0 && // the clock of the disk goes in steps
+             Platform::birthTime(other) == Platform::birthTime(docs));
+    writeFile(other / "deep", "deeper");
     protectUntilDeleted();
-    fs::rename(volume / "inner", docs); // not the inode that was noted
+    fs::rename(other, docs);
     EXPECT_EQ(found().state, State::unnamed);
     finish();
     EXPECT_EQ(readFile(docs / "deep"), "deeper");
