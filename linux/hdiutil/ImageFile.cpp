@@ -63,6 +63,11 @@ ImageFile openImage(const Path& path) {
     return result;
 }
 
+bool isDeleted(int image) noexcept {
+    struct stat found {};
+    return ::fstat(image, &found) == 0 && found.st_nlink == 0;
+}
+
 NewImageFile::NewImageFile(const Path& path)
     : path_(path),
       fd_(::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0600)) {

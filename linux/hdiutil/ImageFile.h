@@ -18,6 +18,10 @@ struct ImageFile {
 /// regular file, or stays in use.
 ImageFile openImage(const std::filesystem::path& path);
 
+/// Whether no name leads to the open image any more: it was deleted, or another file was renamed to
+/// its name. Network drives may keep a name of their own for it.
+bool isDeleted(int image) noexcept;
+
 /// A new image that is deleted again unless it is kept.
 class NewImageFile {
 public:

@@ -120,7 +120,7 @@ MountPlace MountPlace::make(std::string_view volumeName, bool browsable) {
         const std::string suffix = number == 0 ? "" : " " + std::to_string(number);
         const Path path = places / (directoryName(volumeName, 255 - suffix.size()) + suffix);
         if (makePlace(path) || (removeAbandoned(path) && makePlace(path)))
-            return {path, std::move(lock)};
+            return {path, browsable, std::move(lock)};
     }
     throw ToolError("no free name in " + places.string());
 }
@@ -130,7 +130,7 @@ MountPlace MountPlace::existing(const Path& directory) {
     constexpr int flags = O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     FileDescriptor held(::open(name.c_str(), flags));
     if (!held) throw ToolError::fromErrno(errno);
-    MountPlace place(placeOf(held), FileDescriptor());
+    MountPlace place(placeOf(held), /*shown=*/true, FileDescriptor());
     place.held_ = std::move(held);
     return place;
 }

@@ -19,6 +19,8 @@ public:
     /// `ToolError` when it is none.
     static MountPlace existing(const std::filesystem::path& directory);
 
+    /// Whether users see it: one that was named, or made to be browsed.
+    bool isShown() const noexcept { return shown_; }
     /// Where it was when it was made or named.
     const std::filesystem::path& path() const noexcept { return path_; }
     /// True when a mount there is on the directory that was made or named, and not on another that
@@ -30,10 +32,11 @@ public:
     void remove() const noexcept;
 
 private:
-    MountPlace(std::filesystem::path path, FileDescriptor places)
-        : path_(std::move(path)), places_(std::move(places)) {}
+    MountPlace(std::filesystem::path path, bool shown, FileDescriptor places)
+        : path_(std::move(path)), shown_(shown), places_(std::move(places)) {}
 
     std::filesystem::path path_;
+    bool shown_;
     /// The directory that `make` made the place in, which may be renamed; locked until `mounted`.
     FileDescriptor places_;
     FileDescriptor held_; ///< the caller's directory

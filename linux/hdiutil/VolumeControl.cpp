@@ -1,5 +1,7 @@
 #include "VolumeControl.h"
 
+#include "ImageFile.h"
+#include "ToolError.h"
 #include "Unmount.h"
 
 #include <algorithm>
@@ -30,9 +32,9 @@ bool readable(int fd, int milliseconds) {
 } // namespace
 
 VolumeControl::VolumeControl(Ext4Volume& volume, FuseLoop& loop, const ControlSocket& socket,
-                             const BlockedSignals& signals, MountEntry mount)
+                             const BlockedSignals& signals, MountEntry mount, int neededImage)
     : volume_(volume), loop_(loop), socket_(socket), signals_(signals), mount_(std::move(mount)),
-      stopped_(::eventfd(0, EFD_CLOEXEC)) {
+      neededImage_(neededImage), stopped_(::eventfd(0, EFD_CLOEXEC)) {
     if (!stopped_) throw std::system_error(errno, std::generic_category(), "eventfd");
     thread_ = std::thread([this] { run(); });
 }
@@ -99,7 +101,10 @@ void VolumeControl::serve(FileDescriptor client) noexcept {
 // Answers what to reply when the volume stays; sets `ending_` when it goes.
 std::string VolumeControl::end(bool force) {
     // A volume whose contents cannot be written stays, even when forced: what it holds in memory
-    // would be lost.
+    // would be lost. So would everything in one whose image has no name any more.
+    if (neededImage_ >= 0 && isDeleted(neededImage_))
+        throw ToolError("its file has been deleted or replaced, and closing the volume would lose "
+                        "what is in it: copy what you need out of it");
     syncAll();
     try {
         unmountEverywhere(mount_, force);

@@ -17,9 +17,10 @@
 /// and `FuseLoop::run` returns.
 class VolumeControl {
 public:
-    /// All are used until `stop` has returned. `mount` may have moved by any time later.
+    /// All are used until `stop` has returned. `mount` may have moved by any time later. When the
+    /// open file `neededImage` has been deleted, `detach` is refused; -1 for none.
     VolumeControl(Ext4Volume& volume, FuseLoop& loop, const ControlSocket& socket,
-                  const BlockedSignals& signals, MountEntry mount);
+                  const BlockedSignals& signals, MountEntry mount, int neededImage);
     ~VolumeControl();
     VolumeControl(const VolumeControl&) = delete;
     VolumeControl& operator=(const VolumeControl&) = delete;
@@ -43,6 +44,7 @@ private:
     const ControlSocket& socket_;
     const BlockedSignals& signals_;
     const MountEntry mount_; ///< as it was at first; look up where it is
+    const int neededImage_;
     FileDescriptor stopped_;
     std::vector<FileDescriptor> waiting_;
     bool ending_ = false;

@@ -79,7 +79,9 @@ bool VolumeServer::run(const BlockedSignals& signals) {
     std::string problem;
     {
         FuseLoop loop(session_.get(), serverThreads(), [this] { return volume_->syncTakesLong(); });
-        VolumeControl control(*volume_, loop, *socket_, signals, *mount_);
+        // In a place that nobody sees there is only what is elsewhere, too.
+        const int needed = place_.isShown() ? image_->fd() : -1;
+        VolumeControl control(*volume_, loop, *socket_, signals, *mount_, needed);
         const FuseLoop::End end = loop.run();
         if (end == FuseLoop::End::failed) unmountLeftOver();
         // Whoever still has a file open gets errors from here on, and nobody waits for an answer.

@@ -2,6 +2,7 @@
 
 import os
 import re
+import shutil
 import subprocess
 import unittest
 
@@ -77,6 +78,18 @@ class CommandsTest(quillvane.Case):
             self.assertEqual([], self.succeed("close", spell(mountPoint)))
             self.assertNothingMounted()
         self.assertFails("close", item, says='"Docs.quillvane" isn\'t open.')
+
+    def testCloseDoesNotThrowTheLastCopyAway(self):
+        item, _ = self.lockDocs()
+        (mountPoint,) = self.succeed("open", item, secrets=[PASSWORD])
+        kept = f"{self.work}/kept"
+        shutil.copyfile(item, kept)
+        os.replace(kept, item)  # as programs do that fetch a file from elsewhere
+        result = self.qv("close", mountPoint)
+        self.assertEqual((1, ""), (result.returncode, result.stdout))
+        self.assertIn("its file has been deleted or replaced", result.stderr)
+        with open(f"{mountPoint}/file") as file:
+            self.assertEqual("content", file.read())
 
     def testCloseKeepsWhatWasWrittenToAFileThatIsStillOpen(self):
         item, _ = self.lockDocs()

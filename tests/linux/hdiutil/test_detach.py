@@ -222,6 +222,35 @@ class DetachTest(CommandCase):
         self.assertEqual(b"kept", self.read("file"))
         self.detached(self.point)
 
+    def test_the_last_copy_is_not_thrown_away(self):
+        gone = ("hdiutil: detach failed - its file has been deleted or replaced, and closing the "
+                "volume would lose what is in it: copy what you need out of it")
+        (pathlib.Path(self.point) / "file").write_text("kept")
+        kept = self.work / "kept"
+        other = self.work / "other"
+        other.write_text("another file")
+        for takeAway in (self.image.unlink, lambda: other.rename(self.image)):
+            takeAway()
+            for options in ([], ["-force"]):
+                self.assertRefused(self.detach(self.point, *options), gone)
+            self.assertEqual(b"kept", self.read("file"))
+            self.endBySignal()
+            self.image.unlink(missing_ok=True)
+            self.created()
+            self.reattached()
+            (pathlib.Path(self.point) / "file").write_text("kept")
+        os.link(self.image, kept)
+        self.image.unlink()
+        self.detached(self.point)
+        _, self.point = self.attached("-nobrowse", image=kept)
+        kept.unlink()
+        self.detached(self.point)
+        self.assertNothingLeft()
+
+    def endBySignal(self):
+        os.kill(self.servers[-1], signal.SIGTERM)
+        self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
+
     def test_two_at_once(self):
         both = [subprocess.Popen([tool("hdiutil"), "detach", self.point], env=self.environment,
                                  stderr=subprocess.PIPE) for _ in range(2)]
