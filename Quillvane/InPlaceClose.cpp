@@ -5,7 +5,18 @@
 #include "VaultEngine.h"
 #include "VaultError.h"
 
-bool closeInPlace(const std::filesystem::path& item, const std::string& mountPath) {
+namespace {
+
+bool holdsFiles(const std::filesystem::path& folder) {
+    std::error_code error; // when nobody can tell, there is nothing to be told
+    const auto status = std::filesystem::symlink_status(folder, error);
+    return std::filesystem::is_directory(status) && !std::filesystem::is_empty(folder, error) &&
+           !error;
+}
+
+} // namespace
+
+InPlaceClosed closeInPlace(const std::filesystem::path& item, const std::string& mountPath) {
     std::error_code unreadable;
     const auto type = std::filesystem::status(item, unreadable).type();
     if (type == std::filesystem::file_type::not_found && VaultEngine::isMounted(mountPath))
@@ -15,7 +26,16 @@ bool closeInPlace(const std::filesystem::path& item, const std::string& mountPat
     if (const auto place = Platform::placeOfVolumeOf(item.string()))
         throw VaultError::detachFailed("The folder is open at " + *place);
     KeyStore::setHidden(item, false);
-    return !Platform::setHidden(item, false);
+    const bool hidden = static_cast<bool>(Platform::setHidden(item, false));
+    return {hidden, holdsFiles(mountPath)};
+}
+
+std::string InPlaceClosed::filesLeftText(const std::string& mountPath) {
+    const std::filesystem::path folder = mountPath;
+    return "\"" + folder.filename().string() +
+           "\" is closed, but a program has saved something in its folder since. That isn't "
+           "encrypted: move it out of " +
+           mountPath + ", and into it when it is open again.";
 }
 
 ItemGoneError::ItemGoneError(const std::filesystem::path& item)

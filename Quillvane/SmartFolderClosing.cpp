@@ -65,26 +65,30 @@ void SmartFolderManager::attemptClose(const Active& asked, bool automatic,
     const Active entry = whereItIs(asked);
     if (!closing_.insert(entry.mountPath).second) return;
     if (!automatic) beginBusy("Closing " + QString::fromStdString(entry.name) + "…");
-    const auto shown = std::make_shared<bool>(true);
-    offMain([entry, shown] { *shown = closeInPlace(entry.lockedPath, entry.mountPath); },
-            [this, entry, shown, automatic](const std::exception_ptr& error) {
+    const auto result = std::make_shared<InPlaceClosed>();
+    offMain([entry, result] { *result = closeInPlace(entry.lockedPath, entry.mountPath); },
+            [this, entry, result, automatic](const std::exception_ptr& error) {
                 closing_.erase(entry.mountPath);
                 if (!error)
                     std::erase_if(leftHidden_, [&](const auto& record) {
                         return record.mountPath == entry.mountPath;
                     });
-                if (!*shown) leftHidden_.push_back({entry.name, entry.lockedPath, entry.mountPath});
+                if (result->hidden)
+                    leftHidden_.push_back({entry.name, entry.lockedPath, entry.mountPath});
                 if (error)
                     closeFailed(entry, automatic, error);
                 else
-                    closed(entry, automatic);
+                    closed(entry, automatic, result->filesLeft);
                 endMove();
             });
 }
 
-void SmartFolderManager::closed(const Active& entry, bool automatic) {
+void SmartFolderManager::closed(const Active& entry, bool automatic, bool filesLeft) {
     remove(entry.id);
     endBusy(automatic);
+    if (filesLeft)
+        return setErrorMessage(
+            QString::fromStdString(InPlaceClosed::filesLeftText(entry.mountPath)));
     setSuccessMessage("\"" + QString::fromStdString(entry.name) + "\" closed and encrypted.");
 }
 

@@ -142,7 +142,7 @@ private:
     void append(Active entry);
     void created(VaultEngine::LockResult result);
     void opened(const VaultEngine::SmartMount& mount);
-    void closed(const Active& entry, bool automatic);
+    void closed(const Active& entry, bool automatic, bool filesLeft);
     void closeFailed(const Active& entry, bool automatic, const std::exception_ptr& error);
     /// Tells that an opening or closing has ended, and the system when there is none left that it
     /// should wait for.

@@ -97,9 +97,12 @@ std::string inPlaceFolder(const fs::path& item) {
 }
 
 void closeFolder(const fs::path& item) {
-    if (!closeInPlace(item, inPlaceFolder(item)))
+    const std::string folder = inPlaceFolder(item);
+    const InPlaceClosed result = closeInPlace(item, folder);
+    if (result.hidden)
         printMessage("\"" + item.filename().native() +
                      "\" is closed, but file managers may still hide it.");
+    if (result.filesLeft) throw std::runtime_error(InPlaceClosed::filesLeftText(folder));
 }
 
 /// The item that is open in place, when `path` is it or its folder.

@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import time
@@ -312,6 +313,30 @@ class SmartTest(SmartCase):
             self.assertEqual((1, IN_USE + "\n"), (result.returncode, result.stderr))
             self.assertTrue(self.isOpen(item))
         self.assertIsNone(manager.process.poll())
+
+    def testTellsOfWhatWasSavedBesideTheVolume(self):
+        item = self.makeItem()
+        folder = self.work / "Docs"
+        text = (f'"Docs" is closed, but a program has saved something in its folder since. That '
+                f"isn't encrypted: move it out of {folder}, and into it when it is open again.")
+        for byManager in (True, False):
+            folder.mkdir()
+            beneath = os.open(folder, os.O_RDONLY | os.O_DIRECTORY)
+            manager = Manager(self, item).waitUntilOpen()
+            with open(os.open("late", os.O_CREAT | os.O_WRONLY, dir_fd=beneath), "w") as file:
+                file.write("private")
+            os.close(beneath)
+            self.assertEqual(["file"], os.listdir(folder))
+            if byManager:
+                self.assertEqual(0, manager.signal(signal.SIGINT).end())
+                self.assertEqual(text, manager.messages()[-1])
+            else:
+                result = self.run_(QV, "smart", "--close", item)
+                self.assertEqual((1, text + "\n"), (result.returncode, result.stderr))
+                manager.end()
+            self.assertEqual(["late"], os.listdir(folder))
+            self.assertFalse(self.isHidden(item))
+            shutil.rmtree(folder)
 
     def testCloseRepairsWhatWasLeftBehind(self):
         item = self.makeItem()

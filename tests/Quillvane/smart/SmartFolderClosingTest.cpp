@@ -1,3 +1,4 @@
+#include "Quillvane/InPlaceClose.h"
 #include "tests/Quillvane/smart/SmartFolderFixture.h"
 #include "tests/support/FuseMount.h"
 
@@ -30,6 +31,21 @@ TEST_F(SmartFolderClosingTest, ClosesOnRequest) {
     EXPECT_FALSE(fs::exists(place));
     EXPECT_FALSE(VaultEngine::isHidden(item));
     EXPECT_FALSE(fs::exists(folder / ".hidden"));
+}
+
+TEST_F(SmartFolderClosingTest, WhatIsSavedWhenTheVolumeIsGoneIsNotCalledEncrypted) {
+    tools.play("hdiutil", "detach", "umount \"$2\" && echo private > \"$2/late\"");
+    const fs::path item = makeItem("Docs");
+    const fs::path place = open(item);
+    manager->attemptClose(entry("Docs"));
+    tasks.finish();
+    EXPECT_EQ(manager->successMessage(), "");
+    EXPECT_EQ(manager->errorMessage().toStdString(), InPlaceClosed::filesLeftText(place.string()));
+    EXPECT_FALSE(manager->isBusy());
+    EXPECT_THAT(manager->active(), IsEmpty());
+    EXPECT_THAT(persistedNames(), IsEmpty());
+    EXPECT_TRUE(fs::exists(place / "late"));
+    EXPECT_FALSE(VaultEngine::isHidden(item));
 }
 
 TEST_F(SmartFolderClosingTest, AFolderInUseStaysAndIsTold) {
