@@ -105,7 +105,12 @@ std::string VolumeControl::end(bool force) {
     if (neededImage_ >= 0 && isDeleted(neededImage_))
         throw ToolError("its file has been deleted or replaced, and closing the volume would lose "
                         "what is in it: copy what you need out of it");
-    syncAll();
+    try {
+        syncAll();
+    } catch (...) {
+        syncFailed_ = true;
+        throw;
+    }
     try {
         unmountEverywhere(mount_, force);
     } catch (const std::system_error& error) {
@@ -113,6 +118,7 @@ std::string VolumeControl::end(bool force) {
         throw;
     }
     ending_ = true;
+    forcedAfterFailure_ = force && syncFailed_;
     if (force) loop_.stop();
     return replyOk;
 }

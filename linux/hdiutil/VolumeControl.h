@@ -27,6 +27,9 @@ public:
 
     /// Call when the loop has ended and its connection is closed; the thread has ended then.
     void stop() noexcept;
+    /// True when the end was forced after it had failed because the volume could not be written:
+    /// who forces it at once may not have looked why. Call after `stop`.
+    bool forcedAfterFailure() const noexcept { return forcedAfterFailure_; }
     /// Answers those who asked for the end. Call after `stop`, when the image is free.
     void answerWaiting(const std::string& reply) noexcept;
 
@@ -48,5 +51,7 @@ private:
     FileDescriptor stopped_;
     std::vector<FileDescriptor> waiting_;
     bool ending_ = false;
+    bool syncFailed_ = false;
+    bool forcedAfterFailure_ = false;
     std::thread thread_;
 };

@@ -18,6 +18,8 @@ using namespace std::chrono_literals;
 constexpr int closeAttempts = 20;
 constexpr auto closePause = 1s;
 
+constexpr const char* mayBeLost = "what was written last may be lost";
+
 std::string fuseOptions(const std::filesystem::path& imagePath, bool readOnly,
                         const MountOptions& options) {
     std::string text =
@@ -88,6 +90,7 @@ bool VolumeServer::run(const BlockedSignals& signals) {
         session_.reset();
         control.stop();
         problem = closeVolume();
+        if (problem.empty() && control.forcedAfterFailure()) problem = mayBeLost;
         volume_.reset();
         unmountLeftOver();
         mount_.reset();
@@ -114,7 +117,7 @@ std::string VolumeServer::closeVolume() noexcept {
         if (attempt > 0) std::this_thread::sleep_for(closePause);
         try {
             volume_->close();
-            return volume_->lostContents() ? "what was written last may be lost" : "";
+            return volume_->lostContents() ? mayBeLost : "";
         } catch (const std::exception& error) {
             problem = error.what();
         }

@@ -1,5 +1,6 @@
 """Drives `hdiutil detach` as its callers do, and the other ways in which a volume ends."""
 
+import contextlib
 import errno
 import mmap
 import os
@@ -202,6 +203,31 @@ class DetachTest(CommandCase):
             self.skipTest("needs to trace the server, which hides from its user")
         with open(self.point + "/file", "w") as file:
             file.write("kept")
+        with self.failingSyncs():
+            for option in ([], ["-force"]):
+                result = self.detach(self.point, *option)
+                self.assertEqual(1, result.returncode)
+                self.assertIn("Input/output error", result.stderr)
+                self.assertEqual(b"kept", self.read("file"))
+        self.detached(self.point)
+        self.reattached()
+        self.assertEqual(b"kept", self.read("file"))
+        self.detached(self.point)
+
+    def test_force_does_not_conceal_a_failure(self):
+        if not IS_ROOT:
+            self.skipTest("needs to trace the server, which hides from its user")
+        with open(self.point + "/file", "w") as file:
+            file.write("on the way")
+        with self.failingSyncs():
+            self.assertEqual(1, self.detach(self.point).returncode)
+        # The disk works again, but takes what it has refused for written.
+        self.assertRefused(self.detach(self.point, "-force"),
+                           "hdiutil: detach failed - what was written last may be lost")
+        self.assertNothingLeft()
+
+    @contextlib.contextmanager
+    def failingSyncs(self):
         tracer = subprocess.Popen(
             ["strace", "-f", "-qq", "-e", "inject=fsync,fdatasync:error=EIO", "-e", "trace=fsync,"
              "fdatasync", "-o", "/dev/null", "-p", str(self.servers[-1])])
@@ -209,18 +235,10 @@ class DetachTest(CommandCase):
             threads = list(pathlib.Path(f"/proc/{self.servers[-1]}/task").glob("*/status"))
             self.assertTrue(eventually(lambda: all("TracerPid:\t0\n" not in thread.read_text()
                                                    for thread in threads)))
-            for option in ([], ["-force"]):
-                result = self.detach(self.point, *option)
-                self.assertEqual(1, result.returncode)
-                self.assertIn("Input/output error", result.stderr)
-                self.assertEqual(b"kept", self.read("file"))
+            yield
         finally:
             tracer.terminate()
             tracer.wait()
-        self.detached(self.point)
-        self.reattached()
-        self.assertEqual(b"kept", self.read("file"))
-        self.detached(self.point)
 
     def test_the_last_copy_is_not_thrown_away(self):
         gone = ("hdiutil: detach failed - its file has been deleted or replaced, and closing the "
