@@ -57,8 +57,12 @@ std::optional<uid_t> userOf(const std::string& superOptions) {
 }
 
 // "36 35 0:42 / /mnt rw,noatime master:1 - ext4 /dev/root rw": any number of fields before "-".
+// Only a space ends a field: names may hold other white space, which the kernel leaves as it is.
 std::optional<MountEntry> parseLine(const std::string& line) {
     std::istringstream fields(line);
+    const auto next = [&](std::string& field) -> bool {
+        return static_cast<bool>(std::getline(fields, field, ' '));
+    };
     std::string id;
     std::string parent;
     std::string device;
@@ -66,17 +70,18 @@ std::optional<MountEntry> parseLine(const std::string& line) {
     std::string mountPoint;
     std::string options;
     MountEntry entry;
-    if (!(fields >> id >> parent >> device >> root >> mountPoint >> options)) return std::nullopt;
+    if (!(next(id) && next(parent) && next(device) && next(root) && next(mountPoint) &&
+          next(options)))
+        return std::nullopt;
     if (!parseDevice(device, entry)) return std::nullopt;
     std::string field;
-    while (fields >> field && field != "-") {
+    while (next(field) && field != "-") {
     }
     std::string type;
-    if (!(fields >> type)) return std::nullopt;
-    std::string source;
-    fields >> source; // missing when empty
+    if (!next(type)) return std::nullopt;
+    std::string source; // may be empty
     std::string superOptions;
-    fields >> superOptions;
+    if (next(source)) next(superOptions);
     entry.user = userOf(superOptions);
     entry.mountPoint = unescaped(mountPoint);
     entry.type = unescaped(type);

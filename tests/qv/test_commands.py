@@ -71,6 +71,18 @@ class CommandsTest(quillvane.Case):
         self.assertEqual([], quillvane.differences(before, quillvane.describe(folder)))
         self.assertNothingMounted()
 
+    def testWhiteSpaceOfAnyKindInAName(self):
+        name = "tab\tline\nreturn\rfeed\x0ctab\x0b"
+        (self.work / name).mkdir()
+        (self.work / name / "file").write_text("content")
+        self.succeed("lock", name, secrets=[PASSWORD])
+        item = f"{self.work}/{name}.quillvane"
+        result = self.qv("open", item, secrets=[PASSWORD])
+        self.assertEqual(0, result.returncode, result)
+        self.assertEqual(1, len(quillvane.mountsBelow(self.directory)))
+        self.assertEqual([], self.succeed("close", item))
+        self.assertNothingMounted()
+
     def testCloseByMountPoint(self):
         item, _ = self.lockDocs()
         for spell in (str, lambda path: path + "/", lambda path: os.path.relpath(path, self.work)):

@@ -60,6 +60,21 @@ TEST(MountTableTest, tellsWhoseAMountIs) {
     for (const std::string& other : others) EXPECT_FALSE(isOwn(other)) << other;
 }
 
+TEST(MountTableTest, onlyASpaceEndsAField) {
+    const std::string own = "user_id=" + std::to_string(::geteuid());
+    const MountTable table("40 22 0:38 / /mnt/a\rb\vc rw - fuse.quillvane /home/u/a\rb\vc rw," +
+                           own + "\n41 22 0:39 / /mnt rw - fuse.quillvane x\frw," + own +
+                           " rw,user_id=12345\n42 22 0:40 / /mnt rw - fuse.quillvane  rw," + own +
+                           "\n");
+    ASSERT_EQ(table.entries().size(), 3U);
+    EXPECT_EQ(table.entries()[0].mountPoint, "/mnt/a\rb\vc");
+    EXPECT_EQ(table.entries()[0].source, "/home/u/a\rb\vc");
+    EXPECT_TRUE(table.entries()[0].isOwn());
+    EXPECT_FALSE(table.entries()[1].isOwn()) << "another user's, who chooses the source";
+    EXPECT_EQ(table.entries()[2].source, "");
+    EXPECT_TRUE(table.entries()[2].isOwn());
+}
+
 TEST(MountTableTest, findsTheTopmostMount) {
     const MountTable table(mountInfo);
     EXPECT_EQ(table.at("/mnt/stacked")->minor, 42U);
