@@ -220,6 +220,8 @@ class DetachTest(CommandCase):
         with open(self.point + "/file", "w") as file:
             file.write("on the way")
         with self.failingSyncs():
+            with open(self.point + "/file", "a") as file:
+                file.write(" and more")  # the first may have been written behind
             self.assertEqual(1, self.detach(self.point).returncode)
         # The disk works again, but takes what it has refused for written.
         self.assertRefused(self.detach(self.point, "-force"),
