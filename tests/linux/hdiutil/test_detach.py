@@ -226,6 +226,7 @@ class DetachTest(CommandCase):
         # The disk works again, but takes what it has refused for written.
         self.assertRefused(self.detach(self.point, "-force"),
                            "hdiutil: detach failed - what was written last may be lost")
+        self.assertTrue(eventually(lambda: not isRunning(self.servers[-1])))
         self.assertNothingLeft()
 
     @contextlib.contextmanager
