@@ -14,8 +14,8 @@ struct InPlaceClosed {
 };
 
 /// Closes the Smart Folder of `item` at `mountPath` and shows the item again. Refuses, with
-/// `ItemGoneError`, when the item is not there any more: closing would destroy the last copy of what
-/// is in the folder. Throws what `VaultEngine::deactivateInPlace` throws.
+/// `ItemGoneError`, when the item is not there any more: closing would destroy the last copy of
+/// what is in the folder. Throws what `VaultEngine::deactivateInPlace` throws.
 InPlaceClosed closeInPlace(const std::filesystem::path& item, const std::string& mountPath);
 
 /// An open folder's item has been deleted or moved away. The text says what to do.
