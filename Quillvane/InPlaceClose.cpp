@@ -7,11 +7,11 @@
 
 namespace {
 
+/// True also when nobody can tell: what is not encrypted must not go untold.
 bool holdsFiles(const std::filesystem::path& folder) {
-    std::error_code error; // when nobody can tell, there is nothing to be told
+    std::error_code error;
     const auto status = std::filesystem::symlink_status(folder, error);
-    return std::filesystem::is_directory(status) && !std::filesystem::is_empty(folder, error) &&
-           !error;
+    return std::filesystem::is_directory(status) && !VaultEngine::isDirectoryEmpty(folder);
 }
 
 } // namespace
@@ -26,8 +26,8 @@ InPlaceClosed closeInPlace(const std::filesystem::path& item, const std::string&
     if (const auto place = Platform::placeOfVolumeOf(item.string()))
         throw VaultError::detachFailed("The folder is open at " + *place);
     KeyStore::setHidden(item, false);
-    const bool hidden = static_cast<bool>(Platform::setHidden(item, false));
-    return {hidden, holdsFiles(mountPath)};
+    const bool stillHidden = static_cast<bool>(Platform::setHidden(item, false));
+    return {stillHidden, holdsFiles(mountPath)};
 }
 
 std::string InPlaceClosed::filesLeftText(const std::string& mountPath) {

@@ -6,7 +6,7 @@
 
 /// What is not as it should be after a folder was closed.
 struct InPlaceClosed {
-    bool hidden = false;    ///< the item could not be shown again
+    bool stillHidden = false; ///< the item could not be shown again
     bool filesLeft = false; ///< the folder holds what came when the volume was gone: not encrypted
 
     /// What to tell of the files; `mountPath` is as `closeInPlace` got it.

@@ -73,7 +73,7 @@ void SmartFolderManager::attemptClose(const Active& asked, bool automatic,
                     std::erase_if(leftHidden_, [&](const auto& record) {
                         return record.mountPath == entry.mountPath;
                     });
-                if (result->hidden)
+                if (result->stillHidden)
                     leftHidden_.push_back({entry.name, entry.lockedPath, entry.mountPath});
                 if (error)
                     closeFailed(entry, automatic, error);

@@ -99,7 +99,7 @@ std::string inPlaceFolder(const fs::path& item) {
 void closeFolder(const fs::path& item) {
     const std::string folder = inPlaceFolder(item);
     const InPlaceClosed result = closeInPlace(item, folder);
-    if (result.hidden)
+    if (result.stillHidden)
         printMessage("\"" + item.filename().native() +
                      "\" is closed, but file managers may still hide it.");
     if (result.filesLeft) throw std::runtime_error(InPlaceClosed::filesLeftText(folder));
